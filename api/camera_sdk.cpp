@@ -91,27 +91,49 @@ SdkBindingView sdkBindings() {
 }
 
 void bindCameraSdk() {
-  forEachSdkImage([](void* handle, const char* prefix) {
+  // The pointers of every image that exports "DllPrefix" replace those of
+  // the images before it; they are gathered here and published once at the
+  // end, so that a thread pulling while another searches never sees the
+  // pointers of an image that was passed over.
+  SdkRawFormatFn rawFormat = nullptr;
+  SdkPullV2Fn v2 = nullptr;
+  SdkPullV3Fn v3 = nullptr;
+  SdkPullV4Fn v4 = nullptr;
+  void* bound = nullptr;
+  bool seen = false;
+  forEachSdkImage([&](void* handle, const char* prefix) {
+    seen = true;
     // The name is built without a length limit, so long prefixes work too.
-    gSdk.rawFormatFn = lookup<SdkRawFormatFn>(handle, std::string(prefix) + "_get_RawFormat");
-    const auto v2 = lookup<SdkPullV2Fn>(handle, "DllPullImageWithRowPitchV2");
-    gSdk.pullV2Fn = v2;
-    gSdk.pullV3Fn = lookup<SdkPullV3Fn>(handle, "DllPullImageV3");
-    gSdk.pullV4Fn = lookup<SdkPullV4Fn>(handle, "DllPullImageV4");
+    rawFormat = lookup<SdkRawFormatFn>(handle, std::string(prefix) + "_get_RawFormat");
+    v2 = lookup<SdkPullV2Fn>(handle, "DllPullImageWithRowPitchV2");
+    v3 = lookup<SdkPullV3Fn>(handle, "DllPullImageV3");
+    v4 = lookup<SdkPullV4Fn>(handle, "DllPullImageV4");
     if (v2 == nullptr) return false;
-    gSdk.sdkHandle = handle;
+    bound = handle;
     return true;
   });
+  if (!seen) return;
+  gSdk.rawFormatFn = rawFormat;
+  gSdk.pullV3Fn = v3;
+  gSdk.pullV4Fn = v4;
+  gSdk.pullV2Fn = v2;
+  if (bound != nullptr) gSdk.sdkHandle = bound;
 }
 
 void bindNamedPull() {
-  forEachSdkImage([](void* handle, const char* prefix) {
-    const auto fn = lookup<SdkNamedPullFn>(handle, std::string(prefix) + "_PullImage");
-    gNamed.namedPullFn = fn;
-    if (fn == nullptr) return false;
-    gNamed.namedHandle = handle;
+  SdkNamedPullFn named = nullptr;
+  void* bound = nullptr;
+  bool seen = false;
+  forEachSdkImage([&](void* handle, const char* prefix) {
+    seen = true;
+    named = lookup<SdkNamedPullFn>(handle, std::string(prefix) + "_PullImage");
+    if (named == nullptr) return false;
+    bound = handle;
     return true;
   });
+  if (!seen) return;
+  gNamed.namedPullFn = named;
+  if (bound != nullptr) gNamed.namedHandle = bound;
 }
 
 size_t frameInfoSize(FrameInfoVersion version) {

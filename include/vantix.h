@@ -629,9 +629,12 @@ VANTIX_API VantixEdge *vantix_edge_new(uint32_t format, uint32_t width,
  * `buffer`.  A `size` of 1..50 that differs from the session's replaces it
  * for this and later calls; other values keep it.  Returns 1 and moves the
  * point when an edge point lies strictly closer than size, else 0 with the
- * point unchanged (also for a null buffer).  A point outside the frame makes
- * the image library raise a C++ cv::Exception.  Call from one thread at a
- * time per session.
+ * point unchanged (also for a null buffer).  The search area is clipped to
+ * the frame; when nothing of it is left (a point 1.5 * size or more beyond the
+ * frame's right or bottom edge, or further out on any side) the image
+ * library raises a C++ cv::Exception out of this call, as it does for a
+ * frame only one pixel wide or high.  Hosts keep the point inside a frame of
+ * at least 2 x 2 pixels.  Call from one thread at a time per session.
  */
 VANTIX_API int32_t vantix_edge_get(VantixEdge *session, const void *buffer,
                                    int32_t *x, int32_t *y, uint32_t size);

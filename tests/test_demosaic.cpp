@@ -112,7 +112,9 @@ TEST(Demosaic, RecoversKnownColoursForEveryPatternOrderAndMethod) {
           EXPECT_NEAR(blue, t[0], 2) << where;
           EXPECT_NEAR(px[1], t[1], 2) << where;
           EXPECT_NEAR(red, t[2], 2) << where;
-          if (four) EXPECT_EQ(px[3], 255) << where;
+          if (four) {
+            EXPECT_EQ(px[3], 255) << where;
+          }
         }
       }
     }
@@ -179,7 +181,9 @@ TEST(Demosaic, DeepSamplesKeepTheirRange) {
     EXPECT_EQ(px[0], 100);
     EXPECT_EQ(px[1], 2000);
     EXPECT_EQ(px[2], 4095);
-    if (outFormat == 1) EXPECT_EQ(px[3], 65535);
+    if (outFormat == 1) {
+      EXPECT_EQ(px[3], 65535);
+    }
   }
 }
 

@@ -1,0 +1,687 @@
+// The simulated camera SDK: cameras, scenes, pixel output and the exported
+// SDK entry points.
+#include "simcam.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "simcam_internal.h"
+
+namespace {
+
+constexpr uint32_t kMaxSide = 16384;
+constexpr uint32_t kMaxSpots = 64;
+constexpr double kPi = 3.14159265358979323846;
+
+// ---------------------------------------------------------------------------
+// Scenes.  A scene renders frame i of the camera's frame size as either
+// CV_8UC3 (B G R) or CV_32FC1 (grey, 0..1 of full scale).
+// ---------------------------------------------------------------------------
+
+class Scene {
+ public:
+  virtual ~Scene() = default;
+  virtual cv::Mat render(uint32_t index) const = 0;
+};
+
+// Copies host rows into a matrix of the frame size (resized when needed).
+cv::Mat importImage(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride) {
+  return cv::Mat(static_cast<int>(height), static_cast<int>(width), CV_8UC3,
+                 const_cast<uint8_t*>(bgr), stride)
+      .clone();
+}
+
+bool validImage(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride) {
+  return bgr != nullptr && width >= 1 && height >= 1 && width <= kMaxSide && height <= kMaxSide &&
+         stride >= width * 3;
+}
+
+cv::Mat fitToFrame(const cv::Mat& image, cv::Size frame) {
+  if (image.size() == frame) return image;
+  const bool shrinking = image.cols >= frame.width && image.rows >= frame.height;
+  cv::Mat out;
+  cv::resize(image, out, frame, 0, 0, shrinking ? cv::INTER_AREA : cv::INTER_LINEAR);
+  return out;
+}
+
+class StillScene : public Scene {
+ public:
+  explicit StillScene(cv::Mat image) : image_(std::move(image)) {}
+  cv::Mat render(uint32_t) const override { return image_; }
+
+ private:
+  cv::Mat image_;
+};
+
+// The pattern a camera shows until a scene is set: smooth colour waves, a
+// grid every 32 pixels and a bright disc in the middle.
+cv::Mat testPattern(cv::Size size) {
+  cv::Mat image(size, CV_8UC3);
+  for (int y = 0; y < size.height; ++y) {
+    auto* row = image.ptr<cv::Vec3b>(y);
+    for (int x = 0; x < size.width; ++x) {
+      const bool grid = x % 32 == 0 || y % 32 == 0;
+      row[x] = grid ? cv::Vec3b(0, 0, 0)
+                    : cv::Vec3b(cv::saturate_cast<uint8_t>(128 + 100 * std::sin(x * 0.05)),
+                                cv::saturate_cast<uint8_t>(128 + 100 * std::cos(y * 0.07)),
+                                cv::saturate_cast<uint8_t>(128 + 100 * std::sin((x + y) * 0.03)));
+    }
+  }
+  cv::circle(image, {size.width / 2, size.height / 2},
+             std::max(1, std::min(size.width, size.height) / 8), cv::Scalar(255, 255, 255),
+             cv::FILLED, cv::LINE_AA);
+  return image;
+}
+
+class PanScene : public Scene {
+ public:
+  PanScene(const cv::Mat& scene, cv::Size frame, std::vector<SimcamPoint> path,
+           uint32_t framesPerSegment)
+      : frame_(frame), path_(std::move(path)), framesPerSegment_(framesPerSegment) {
+    scene.convertTo(scene_, CV_32FC3);
+    maxX_ = scene.cols - frame.width;
+    maxY_ = scene.rows - frame.height;
+  }
+
+  SimcamPoint position(uint32_t index) const {
+    SimcamPoint p = path_.back();
+    const uint64_t segment = index / framesPerSegment_;
+    if (segment + 1 < path_.size()) {
+      const SimcamPoint& a = path_[segment];
+      const SimcamPoint& b = path_[segment + 1];
+      const double t = static_cast<double>(index % framesPerSegment_) / framesPerSegment_;
+      p = {a.x + t * (b.x - a.x), a.y + t * (b.y - a.y)};
+    }
+    p.x = std::clamp(p.x, 0.0, static_cast<double>(maxX_));
+    p.y = std::clamp(p.y, 0.0, static_cast<double>(maxY_));
+    return p;
+  }
+
+  // Bilinear sampling at a constant sub-pixel offset is a weighted sum of
+  // four integer-shifted windows.  A zero fraction drops the windows that
+  // would reach past the clamped border.
+  cv::Mat render(uint32_t index) const override {
+    const SimcamPoint p = position(index);
+    const int ix = static_cast<int>(std::floor(p.x));
+    const int iy = static_cast<int>(std::floor(p.y));
+    const double fx = p.x - ix;
+    const double fy = p.y - iy;
+    const auto window = [&](int dx, int dy) {
+      return scene_(cv::Rect(ix + dx, iy + dy, frame_.width, frame_.height));
+    };
+    cv::Mat sum = window(0, 0) * ((1 - fx) * (1 - fy));
+    if (fx > 0) sum += window(1, 0) * (fx * (1 - fy));
+    if (fy > 0) sum += window(0, 1) * ((1 - fx) * fy);
+    if (fx > 0 && fy > 0) sum += window(1, 1) * (fx * fy);
+    cv::Mat out;
+    sum.convertTo(out, CV_8UC3);
+    return out;
+  }
+
+ private:
+  cv::Mat scene_;  // CV_32FC3
+  cv::Size frame_;
+  std::vector<SimcamPoint> path_;
+  uint32_t framesPerSegment_;
+  int maxX_ = 0;
+  int maxY_ = 0;
+};
+
+class FocusScene : public Scene {
+ public:
+  FocusScene(cv::Mat sharp, uint32_t frameCount, double maxBlurSigma)
+      : frameCount_(frameCount), maxBlur_(maxBlurSigma) {
+    const cv::Size size = sharp.size();
+    depth_ = makeDepthMap(size);
+    // A stack of globally blurred copies; each pixel blends the two levels
+    // around its own sigma.  Level 0 is the sharp image itself.
+    const int levels =
+        maxBlur_ > 0 ? std::clamp(static_cast<int>(std::ceil(maxBlur_ / 0.25)), 1, 12) : 0;
+    step_ = levels > 0 ? maxBlur_ / levels : 1.0;
+    levels_.resize(levels + 1);
+    sharp.convertTo(levels_[0], CV_32FC3);
+    for (int l = 1; l <= levels; ++l) {
+      cv::GaussianBlur(levels_[0], levels_[l], cv::Size(), l * step_, l * step_,
+                       cv::BORDER_REFLECT);
+    }
+  }
+
+  double depth(uint32_t x, uint32_t y) const {
+    return depth_.at<float>(static_cast<int>(y), static_cast<int>(x));
+  }
+
+  double sigma(uint32_t index, double depth) const {
+    if (frameCount_ < 2 || maxBlur_ <= 0) return 0.0;
+    const double spacing = 1.0 / (frameCount_ - 1);
+    const double focus = (index % frameCount_) * spacing;
+    const double halfField = spacing / 2;
+    return maxBlur_ * std::max(0.0, std::abs(depth - focus) - halfField) / (1 - halfField);
+  }
+
+  cv::Mat render(uint32_t index) const override {
+    const int last = static_cast<int>(levels_.size()) - 1;
+    cv::Mat out(levels_[0].size(), CV_8UC3);
+    for (int y = 0; y < out.rows; ++y) {
+      const auto* depthRow = depth_.ptr<float>(y);
+      auto* dst = out.ptr<cv::Vec3b>(y);
+      for (int x = 0; x < out.cols; ++x) {
+        const double position = sigma(index, depthRow[x]) / step_;
+        const int l = std::min(static_cast<int>(position), std::max(last - 1, 0));
+        const double t = last == 0 ? 0.0 : std::min(position - l, 1.0);
+        const cv::Vec3f& a = levels_[l].at<cv::Vec3f>(y, x);
+        const cv::Vec3f& b = levels_[std::min(l + 1, last)].at<cv::Vec3f>(y, x);
+        for (int c = 0; c < 3; ++c) {
+          dst[x][c] = cv::saturate_cast<uint8_t>((1 - t) * a[c] + t * b[c]);
+        }
+      }
+    }
+    return out;
+  }
+
+ private:
+  // A tilted plane with a round hill, scaled to span 0..1 exactly.
+  static cv::Mat makeDepthMap(cv::Size size) {
+    cv::Mat raw(size, CV_64F);
+    for (int y = 0; y < size.height; ++y) {
+      for (int x = 0; x < size.width; ++x) {
+        const double u = size.width > 1 ? static_cast<double>(x) / (size.width - 1) : 0.5;
+        const double v = size.height > 1 ? static_cast<double>(y) / (size.height - 1) : 0.5;
+        const double du = u - 0.3;
+        const double dv = v - 0.65;
+        raw.at<double>(y, x) = 0.55 * u + 0.25 * v + 0.45 * std::exp(-(du * du + dv * dv) / 0.04);
+      }
+    }
+    double low = 0;
+    double high = 0;
+    cv::minMaxLoc(raw, &low, &high);
+    cv::Mat depth(size, CV_32F);
+    for (int y = 0; y < size.height; ++y) {
+      for (int x = 0; x < size.width; ++x) {
+        const double d = high > low ? (raw.at<double>(y, x) - low) / (high - low) : 0.5;
+        depth.at<float>(y, x) = static_cast<float>(std::clamp(d, 0.0, 1.0));
+      }
+    }
+    return depth;
+  }
+
+  uint32_t frameCount_;
+  double maxBlur_;
+  double step_ = 1.0;
+  cv::Mat depth_;                // CV_32F, 0..1
+  std::vector<cv::Mat> levels_;  // CV_32FC3
+};
+
+class SpotScene : public Scene {
+ public:
+  SpotScene(cv::Size frame, std::vector<SimcamSpot> spots, double background, double noise,
+            uint32_t seed)
+      : frame_(frame),
+        spots_(std::move(spots)),
+        background_(background),
+        noise_(noise),
+        seed_(seed) {}
+
+  size_t count() const { return spots_.size(); }
+
+  SimcamSpotTruth truth(uint32_t index, size_t k) const {
+    const SimcamSpot& s = spots_[k];
+    SimcamSpotTruth t{s.centerX, s.centerY, s.sigmaX, s.sigmaY, s.angle, s.peak};
+    if (s.orbitPeriod > 0) {
+      const double phase = 2 * kPi * index / s.orbitPeriod;
+      t.centerX += s.orbitRadius * std::cos(phase);
+      t.centerY += s.orbitRadius * std::sin(phase);
+    }
+    if (s.breathPeriod > 0) {
+      const double scale = 1 + s.breathAmplitude * std::sin(2 * kPi * index / s.breathPeriod);
+      t.sigmaX *= scale;
+      t.sigmaY *= scale;
+    }
+    return t;
+  }
+
+  cv::Mat render(uint32_t index) const override {
+    cv::Mat image(frame_, CV_32F, cv::Scalar(background_));
+    for (size_t k = 0; k < spots_.size(); ++k) addSpot(image, truth(index, k));
+    if (noise_ > 0) {
+      cv::Mat noise(frame_, CV_32F);
+      cv::RNG rng((static_cast<uint64_t>(seed_) << 32) ^ (index * 0x9E3779B97F4A7C15ull) ^ 1u);
+      rng.fill(noise, cv::RNG::NORMAL, 0.0, noise_);
+      image += noise;
+    }
+    cv::max(image, 0.0, image);
+    cv::min(image, 1.0, image);
+    return image;
+  }
+
+ private:
+  // Point-sampled at pixel centres within 6 sigma of the centre.
+  static void addSpot(cv::Mat& image, const SimcamSpotTruth& t) {
+    const double reach = 6 * std::max(t.sigmaX, t.sigmaY);
+    const int x0 = std::max(0, static_cast<int>(std::floor(t.centerX - reach)));
+    const int x1 = std::min(image.cols - 1, static_cast<int>(std::ceil(t.centerX + reach)));
+    const int y0 = std::max(0, static_cast<int>(std::floor(t.centerY - reach)));
+    const int y1 = std::min(image.rows - 1, static_cast<int>(std::ceil(t.centerY + reach)));
+    const double c = std::cos(t.angle * kPi / 180);
+    const double s = std::sin(t.angle * kPi / 180);
+    for (int y = y0; y <= y1; ++y) {
+      auto* row = image.ptr<float>(y);
+      for (int x = x0; x <= x1; ++x) {
+        const double dx = x - t.centerX;
+        const double dy = y - t.centerY;
+        const double u = (dx * c + dy * s) / t.sigmaX;
+        const double v = (-dx * s + dy * c) / t.sigmaY;
+        row[x] += static_cast<float>(t.peak * std::exp(-0.5 * (u * u + v * v)));
+      }
+    }
+  }
+
+  cv::Size frame_;
+  std::vector<SimcamSpot> spots_;
+  double background_;
+  double noise_;
+  uint32_t seed_;
+};
+
+// ---------------------------------------------------------------------------
+// Pixel output
+// ---------------------------------------------------------------------------
+
+bool supportedBits(int32_t bits) {
+  return bits == 8 || bits == 16 || bits == 24 || bits == 32 || bits == 48 || bits == 64;
+}
+
+uint32_t defaultPitch(uint32_t width, int32_t bits) {
+  return static_cast<uint32_t>((static_cast<uint64_t>(width) * bits + 31) / 32 * 4);
+}
+
+// The pitch a pull uses, or 0 when bits or pitch are not accepted.
+uint32_t effectivePitch(uint32_t width, int32_t bits, int32_t rowPitch) {
+  if (!supportedBits(bits) || rowPitch < 0) return 0;
+  if (rowPitch == 0) return defaultPitch(width, bits);
+  const uint64_t rowBytes = static_cast<uint64_t>(width) * bits / 8;
+  return static_cast<uint64_t>(rowPitch) >= rowBytes ? static_cast<uint32_t>(rowPitch) : 0;
+}
+
+// Converts a rendered frame to the layout of `bits`.
+cv::Mat convertFrame(const cv::Mat& frame, int32_t bits, uint32_t rawBits) {
+  const double rawMax = static_cast<double>((1u << (rawBits == 0 ? 16 : rawBits)) - 1);
+  cv::Mat out;
+  if (frame.type() == CV_8UC3) {
+    cv::Mat grey;
+    switch (bits) {
+      case 8: cv::cvtColor(frame, out, cv::COLOR_BGR2GRAY); break;
+      case 16:
+        cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
+        grey.convertTo(out, CV_16U, rawMax / 255.0);
+        break;
+      case 24: out = frame; break;
+      case 32: cv::cvtColor(frame, out, cv::COLOR_BGR2BGRA); break;
+      case 48: frame.convertTo(out, CV_16UC3, 257.0); break;
+      default:
+        frame.convertTo(grey, CV_16UC3, 257.0);
+        cv::cvtColor(grey, out, cv::COLOR_BGR2BGRA);
+        break;
+    }
+    return out;
+  }
+  // Grey 0..1 floating point.
+  cv::Mat narrow;
+  switch (bits) {
+    case 8: frame.convertTo(out, CV_8U, 255.0); break;
+    case 16: frame.convertTo(out, CV_16U, rawMax); break;
+    case 24:
+    case 32:
+      frame.convertTo(narrow, CV_8U, 255.0);
+      cv::cvtColor(narrow, out, bits == 24 ? cv::COLOR_GRAY2BGR : cv::COLOR_GRAY2BGRA);
+      break;
+    default:
+      frame.convertTo(narrow, CV_16U, 65535.0);
+      cv::cvtColor(narrow, out, bits == 48 ? cv::COLOR_GRAY2BGR : cv::COLOR_GRAY2BGRA);
+      break;
+  }
+  return out;
+}
+
+void writeRows(const cv::Mat& image, void* buffer, uint32_t pitch) {
+  const size_t rowBytes = image.cols * image.elemSize();
+  auto* dst = static_cast<uint8_t*>(buffer);
+  for (int y = 0; y < image.rows; ++y) {
+    std::memcpy(dst + static_cast<size_t>(y) * pitch, image.ptr(y), rowBytes);
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Call statistics
+// ---------------------------------------------------------------------------
+
+std::mutex gStatsLock;
+SimcamStats gStats{};
+
+void countCall(simcam::Entry entry, void* camera, void* buffer, int32_t bits, int32_t rowPitch,
+               int32_t zero) {
+  std::lock_guard<std::mutex> lock(gStatsLock);
+  switch (entry) {
+    case simcam::Entry::PullV2: ++gStats.pullV2Calls; break;
+    case simcam::Entry::PullV3: ++gStats.pullV3Calls; break;
+    case simcam::Entry::PullV4: ++gStats.pullV4Calls; break;
+    case simcam::Entry::Named: ++gStats.namedPullCalls; break;
+  }
+  if (entry == simcam::Entry::PullV3 || entry == simcam::Entry::PullV4) gStats.lastZero = zero;
+  gStats.lastCamera = camera;
+  gStats.lastBuffer = buffer;
+  gStats.lastBits = bits;
+  gStats.lastRowPitch = rowPitch;
+}
+
+// Runs a control or SDK function, turning a C++ exception into a code so
+// that none crosses the C boundary.
+template <typename Body>
+int32_t guarded(Body body) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return SIMCAM_E_OUTOFMEMORY;
+  } catch (const cv::Exception& e) {
+    return e.code == cv::Error::StsNoMem ? SIMCAM_E_OUTOFMEMORY : SIMCAM_E_INVALIDARG;
+  } catch (...) {
+    return SIMCAM_E_INVALIDARG;
+  }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Cameras
+// ---------------------------------------------------------------------------
+
+struct SimcamCamera {
+  std::mutex lock;
+  cv::Size size;
+  int32_t result = 0;
+  uint32_t rawBits = 12;
+  uint32_t frameIndex = 0;
+  std::shared_ptr<const Scene> scene;
+
+  template <typename T>
+  std::shared_ptr<const T> sceneAs() const {
+    return std::dynamic_pointer_cast<const T>(scene);
+  }
+
+  // Renders and writes frame `index`; the caller holds the lock and has
+  // validated bits and pitch.
+  void write(uint32_t index, void* buffer, int32_t bits, uint32_t pitch) const {
+    writeRows(convertFrame(scene->render(index), bits, rawBits), buffer, pitch);
+  }
+};
+
+namespace simcam {
+
+void fillFrameInfo(void* info, size_t size, uint32_t width, uint32_t height, uint32_t frameIndex) {
+  auto* bytes = static_cast<uint8_t*>(info);
+  std::memcpy(bytes, &width, 4);
+  std::memcpy(bytes + 4, &height, 4);
+  std::memcpy(bytes + 8, &frameIndex, 4);
+  for (size_t i = 12; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + frameIndex);
+}
+
+int32_t pull(Entry entry, void* camera, void* buffer, int32_t zero, int32_t bits, int32_t rowPitch,
+             void* info, size_t infoSize, uint32_t* width, uint32_t* height) {
+  countCall(entry, camera, buffer, bits, rowPitch, zero);
+  if (camera == nullptr || buffer == nullptr) return SIMCAM_E_POINTER;
+  auto* cam = static_cast<SimcamCamera*>(camera);
+  return guarded([&] {
+    std::lock_guard<std::mutex> lock(cam->lock);
+    if (cam->result < 0) return cam->result;
+    const uint32_t pitch = effectivePitch(cam->size.width, bits, rowPitch);
+    if (pitch == 0) return SIMCAM_E_INVALIDARG;
+    const uint32_t index = cam->frameIndex;
+    cam->write(index, buffer, bits, pitch);
+    ++cam->frameIndex;
+    const auto w = static_cast<uint32_t>(cam->size.width);
+    const auto h = static_cast<uint32_t>(cam->size.height);
+    if (info != nullptr) fillFrameInfo(info, infoSize, w, h, index);
+    if (width != nullptr) *width = w;
+    if (height != nullptr) *height = h;
+    return cam->result;
+  });
+}
+
+}  // namespace simcam
+
+extern "C" {
+
+SIMCAM_API const char* DllPrefix(void) {
+  std::lock_guard<std::mutex> lock(gStatsLock);
+  ++gStats.prefixCalls;
+  return "Simcam";
+}
+
+SIMCAM_API int32_t DllPullImageWithRowPitchV2(void* camera, void* buffer, int32_t bits,
+                                              int32_t rowPitch, void* frameInfoV2) {
+  return simcam::pull(simcam::Entry::PullV2, camera, buffer, 0, bits, rowPitch, frameInfoV2, 24,
+                      nullptr, nullptr);
+}
+
+SIMCAM_API int32_t DllPullImageV3(void* camera, void* buffer, int32_t zero, int32_t bits,
+                                  int32_t rowPitch, void* frameInfoV3) {
+  return simcam::pull(simcam::Entry::PullV3, camera, buffer, zero, bits, rowPitch, frameInfoV3, 40,
+                      nullptr, nullptr);
+}
+
+SIMCAM_API int32_t Simcam_get_RawFormat(void* camera, uint32_t* format, uint32_t* bitDepth) {
+  {
+    std::lock_guard<std::mutex> lock(gStatsLock);
+    ++gStats.rawFormatCalls;
+  }
+  if (camera == nullptr) return SIMCAM_E_POINTER;
+  auto* cam = static_cast<SimcamCamera*>(camera);
+  std::lock_guard<std::mutex> lock(cam->lock);
+  if (format != nullptr) *format = SIMCAM_RAW_FOURCC;
+  if (bitDepth != nullptr) *bitDepth = cam->rawBits;
+  return SIMCAM_S_OK;
+}
+
+SIMCAM_API SimcamCamera* simcam_open(uint32_t width, uint32_t height) {
+  if (width == 0 || height == 0 || width > kMaxSide || height > kMaxSide) return nullptr;
+  try {
+    auto cam = std::make_unique<SimcamCamera>();
+    cam->size = cv::Size(static_cast<int>(width), static_cast<int>(height));
+    cam->scene = std::make_shared<StillScene>(testPattern(cam->size));
+    return cam.release();
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+SIMCAM_API void simcam_close(SimcamCamera* camera) {
+  delete camera;
+}
+
+SIMCAM_API void simcam_set_result(SimcamCamera* camera, int32_t result) {
+  std::lock_guard<std::mutex> lock(camera->lock);
+  camera->result = result;
+}
+
+SIMCAM_API int32_t simcam_set_raw_bits(SimcamCamera* camera, uint32_t bits) {
+  if (bits != 0 && (bits < 8 || bits > 16)) return SIMCAM_E_INVALIDARG;
+  std::lock_guard<std::mutex> lock(camera->lock);
+  camera->rawBits = bits;
+  return SIMCAM_S_OK;
+}
+
+SIMCAM_API uint32_t simcam_frame_index(SimcamCamera* camera) {
+  std::lock_guard<std::mutex> lock(camera->lock);
+  return camera->frameIndex;
+}
+
+SIMCAM_API void simcam_set_frame_index(SimcamCamera* camera, uint32_t index) {
+  std::lock_guard<std::mutex> lock(camera->lock);
+  camera->frameIndex = index;
+}
+
+SIMCAM_API uint32_t simcam_default_pitch(uint32_t width, int32_t bits) {
+  return supportedBits(bits) ? defaultPitch(width, bits) : 0;
+}
+
+SIMCAM_API size_t simcam_frame_bytes(SimcamCamera* camera, int32_t bits, int32_t rowPitch) {
+  const uint32_t pitch = effectivePitch(camera->size.width, bits, rowPitch);
+  return static_cast<size_t>(pitch) * camera->size.height;
+}
+
+SIMCAM_API int32_t simcam_render(SimcamCamera* camera, uint32_t index, void* buffer, int32_t bits,
+                                 int32_t rowPitch) {
+  if (camera == nullptr || buffer == nullptr) return SIMCAM_E_POINTER;
+  return guarded([&] {
+    std::lock_guard<std::mutex> lock(camera->lock);
+    const uint32_t pitch = effectivePitch(camera->size.width, bits, rowPitch);
+    if (pitch == 0) return SIMCAM_E_INVALIDARG;
+    camera->write(index, buffer, bits, pitch);
+    return SIMCAM_S_OK;
+  });
+}
+
+SIMCAM_API int32_t simcam_set_still(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
+                                    uint32_t height, uint32_t stride) {
+  if (camera == nullptr) return SIMCAM_E_POINTER;
+  if (!validImage(bgr, width, height, stride)) return SIMCAM_E_INVALIDARG;
+  return guarded([&] {
+    auto scene = std::make_shared<StillScene>(
+        fitToFrame(importImage(bgr, width, height, stride), camera->size));
+    std::lock_guard<std::mutex> lock(camera->lock);
+    camera->scene = std::move(scene);
+    return SIMCAM_S_OK;
+  });
+}
+
+SIMCAM_API int32_t simcam_set_pan(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
+                                  uint32_t height, uint32_t stride, const SimcamPoint* path,
+                                  uint32_t count, uint32_t framesPerSegment) {
+  if (camera == nullptr) return SIMCAM_E_POINTER;
+  if (!validImage(bgr, width, height, stride) || path == nullptr || count == 0 ||
+      framesPerSegment == 0 || width < static_cast<uint32_t>(camera->size.width) ||
+      height < static_cast<uint32_t>(camera->size.height)) {
+    return SIMCAM_E_INVALIDARG;
+  }
+  for (uint32_t i = 0; i < count; ++i) {
+    if (!std::isfinite(path[i].x) || !std::isfinite(path[i].y)) return SIMCAM_E_INVALIDARG;
+  }
+  return guarded([&] {
+    auto scene =
+        std::make_shared<PanScene>(importImage(bgr, width, height, stride), camera->size,
+                                   std::vector<SimcamPoint>(path, path + count), framesPerSegment);
+    std::lock_guard<std::mutex> lock(camera->lock);
+    camera->scene = std::move(scene);
+    return SIMCAM_S_OK;
+  });
+}
+
+SIMCAM_API int32_t simcam_pan_position(SimcamCamera* camera, uint32_t index,
+                                       SimcamPoint* position) {
+  if (camera == nullptr || position == nullptr) return SIMCAM_E_POINTER;
+  std::lock_guard<std::mutex> lock(camera->lock);
+  const auto pan = camera->sceneAs<PanScene>();
+  if (!pan) return SIMCAM_E_INVALIDARG;
+  *position = pan->position(index);
+  return SIMCAM_S_OK;
+}
+
+SIMCAM_API int32_t simcam_set_focus_sweep(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
+                                          uint32_t height, uint32_t stride, uint32_t frameCount,
+                                          double maxBlurSigma) {
+  if (camera == nullptr) return SIMCAM_E_POINTER;
+  if (!validImage(bgr, width, height, stride) || frameCount == 0 || !(maxBlurSigma >= 0) ||
+      maxBlurSigma > 100) {
+    return SIMCAM_E_INVALIDARG;
+  }
+  return guarded([&] {
+    auto scene = std::make_shared<FocusScene>(
+        fitToFrame(importImage(bgr, width, height, stride), camera->size), frameCount,
+        maxBlurSigma);
+    std::lock_guard<std::mutex> lock(camera->lock);
+    camera->scene = std::move(scene);
+    return SIMCAM_S_OK;
+  });
+}
+
+SIMCAM_API double simcam_focus_depth(SimcamCamera* camera, uint32_t x, uint32_t y) {
+  std::lock_guard<std::mutex> lock(camera->lock);
+  const auto focus = camera->sceneAs<FocusScene>();
+  if (!focus || x >= static_cast<uint32_t>(camera->size.width) ||
+      y >= static_cast<uint32_t>(camera->size.height)) {
+    return -1.0;
+  }
+  return focus->depth(x, y);
+}
+
+SIMCAM_API double simcam_focus_sigma(SimcamCamera* camera, uint32_t index, uint32_t x, uint32_t y) {
+  std::lock_guard<std::mutex> lock(camera->lock);
+  const auto focus = camera->sceneAs<FocusScene>();
+  if (!focus || x >= static_cast<uint32_t>(camera->size.width) ||
+      y >= static_cast<uint32_t>(camera->size.height)) {
+    return -1.0;
+  }
+  return focus->sigma(index, focus->depth(x, y));
+}
+
+SIMCAM_API int32_t simcam_set_spots(SimcamCamera* camera, const SimcamSpot* spots, uint32_t count,
+                                    double background, double noise, uint32_t seed) {
+  if (camera == nullptr || spots == nullptr) return SIMCAM_E_POINTER;
+  if (count == 0 || count > kMaxSpots || !std::isfinite(background) || !(noise >= 0) ||
+      !std::isfinite(noise)) {
+    return SIMCAM_E_INVALIDARG;
+  }
+  for (uint32_t k = 0; k < count; ++k) {
+    const SimcamSpot& s = spots[k];
+    const double values[] = {s.centerX,     s.centerY,     s.angle,           s.peak,
+                             s.orbitRadius, s.orbitPeriod, s.breathAmplitude, s.breathPeriod};
+    for (double v : values) {
+      if (!std::isfinite(v)) return SIMCAM_E_INVALIDARG;
+    }
+    if (!(s.sigmaX > 0) || !(s.sigmaY > 0) || !std::isfinite(s.sigmaX) ||
+        !std::isfinite(s.sigmaY) || std::abs(s.breathAmplitude) >= 1) {
+      return SIMCAM_E_INVALIDARG;
+    }
+  }
+  return guarded([&] {
+    auto scene = std::make_shared<SpotScene>(
+        camera->size, std::vector<SimcamSpot>(spots, spots + count), background, noise, seed);
+    std::lock_guard<std::mutex> lock(camera->lock);
+    camera->scene = std::move(scene);
+    return SIMCAM_S_OK;
+  });
+}
+
+SIMCAM_API int32_t simcam_set_spot(SimcamCamera* camera, const SimcamSpot* spot, double background,
+                                   double noise, uint32_t seed) {
+  return simcam_set_spots(camera, spot, 1, background, noise, seed);
+}
+
+SIMCAM_API int32_t simcam_spot_truth(SimcamCamera* camera, uint32_t index, uint32_t spot,
+                                     SimcamSpotTruth* truth) {
+  if (camera == nullptr || truth == nullptr) return SIMCAM_E_POINTER;
+  std::lock_guard<std::mutex> lock(camera->lock);
+  const auto spots = camera->sceneAs<SpotScene>();
+  if (!spots || spot >= spots->count()) return SIMCAM_E_INVALIDARG;
+  *truth = spots->truth(index, spot);
+  return SIMCAM_S_OK;
+}
+
+SIMCAM_API void simcam_get_stats(SimcamStats* stats) {
+  std::lock_guard<std::mutex> lock(gStatsLock);
+  *stats = gStats;
+}
+
+SIMCAM_API void simcam_reset_stats(void) {
+  std::lock_guard<std::mutex> lock(gStatsLock);
+  gStats = SimcamStats{};
+}
+
+}  // extern "C"

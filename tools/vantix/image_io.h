@@ -1,0 +1,34 @@
+// Reading and writing image files, with the tool's error messages.
+#pragma once
+
+#include <string>
+
+#include <opencv2/core.hpp>
+
+namespace vtool {
+
+// Reads a file as it is stored (cv::IMREAD_UNCHANGED).  Throws ToolError for
+// a missing file, a directory or data that is not a readable image.
+cv::Mat readImage(const std::string& path);
+
+// Throws ToolError unless an image can probably be written to `path`: its
+// extension names a format OpenCV writes and its directory exists.  Lets a
+// command refuse a bad output before doing the work.
+void checkOutputPath(const std::string& path);
+
+// Writes an 8- or 16-bit image with 1, 3 or 4 channels in B G R (A) order.
+// Formats that cannot hold 16-bit samples (JPEG, BMP, ...) get the samples
+// scaled to 8 bits; returns true when that happened.  Throws ToolError when
+// the file could not be written.
+bool writeImage(const std::string& path, const cv::Mat& image);
+
+// True when the format of `path` (by its extension) stores 16-bit samples.
+bool formatHolds16Bit(const std::string& path);
+
+// "8-bit grey", "16-bit BGR", "8-bit BGRA", "32-bit float 1-channel", ...
+std::string describeType(int type);
+
+// "640x480"
+std::string sizeText(cv::Size size);
+
+}  // namespace vtool
