@@ -3,10 +3,10 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -26,17 +26,26 @@ std::string runCommand(const std::string& command) {
   return output;
 }
 
-// Functions the header declares.
+// Functions the header declares: the first vantix_ name after each
+// VANTIX_API, which is the function's (return types carry no such name).
 std::set<std::string> declaredFunctions() {
   std::ifstream in(VANTIX_SOURCE_DIR "/include/vantix.h");
   std::stringstream text;
   text << in.rdbuf();
   const std::string header = text.str();
-  const std::regex declaration(R"(VANTIX_API\s+[^;()]*?\b(vantix_\w+)\s*\()");
   std::set<std::string> names;
-  for (auto it = std::sregex_iterator(header.begin(), header.end(), declaration);
-       it != std::sregex_iterator(); ++it) {
-    names.insert((*it)[1]);
+  const std::string marker = "VANTIX_API ";
+  for (size_t at = header.find(marker); at != std::string::npos;
+       at = header.find(marker, at + 1)) {
+    const size_t name = header.find("vantix_", at);
+    const size_t open = header.find('(', at);
+    if (name == std::string::npos || open == std::string::npos || name > open) continue;
+    size_t end = name;
+    while (end < header.size() && (std::isalnum(static_cast<unsigned char>(header[end])) ||
+                                   header[end] == '_')) {
+      ++end;
+    }
+    names.insert(header.substr(name, end - name));
   }
   return names;
 }
