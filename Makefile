@@ -9,8 +9,10 @@ DEMO_OUT ?= demo-output
 # Debian 12 packages the build needs, and those only the demo needs.
 PACKAGES := g++ make cmake ninja-build pkg-config binutils \
             libopencv-core-dev libopencv-imgproc-dev libopencv-features2d-dev \
-            libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev
-DEMO_PACKAGES := opencv-doc
+            libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev \
+            opencv-doc
+# opencv-doc's example photos are test data and demo input.
+DEMO_PACKAGES :=
 
 CONFIGURE = cmake -S . -G Ninja -Wno-dev
 .PHONY: all deps deps-demo build demo test test-plain test-asan test-tsan bench clean

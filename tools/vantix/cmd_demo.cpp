@@ -33,6 +33,9 @@ const DemoStep kSteps[] = {
     {"resize", &demoResize},
     {"demosaic", &demoDemosaic},
     {"edge snapping", &demoEdge},
+    {"extended depth of field", &demoEdf},
+    {"live stitching", &demoStitch},
+    {"spot measurement", &demoSpot},
 };
 
 constexpr char kDefaultData[] = "/usr/share/doc/opencv-doc/examples/data";

@@ -22,6 +22,9 @@ struct Command {
 Command resizeCommand();
 Command demosaicCommand();
 Command edgeCommand();
+Command edfCommand();
+Command stitchCommand();
+Command spotCommand();
 Command demoCommand();
 
 }  // namespace vtool

@@ -41,5 +41,8 @@ cv::Mat syntheticScene();
 void demoResize(DemoContext& context);
 void demoDemosaic(DemoContext& context);
 void demoEdge(DemoContext& context);
+void demoEdf(DemoContext& context);
+void demoStitch(DemoContext& context);
+void demoSpot(DemoContext& context);
 
 }  // namespace vtool

@@ -23,6 +23,9 @@ const std::vector<Command>& commandTable() {
       vtool::resizeCommand(),
       vtool::demosaicCommand(),
       vtool::edgeCommand(),
+      vtool::edfCommand(),
+      vtool::stitchCommand(),
+      vtool::spotCommand(),
       vtool::demoCommand(),
   };
   return table;
