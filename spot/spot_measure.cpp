@@ -250,6 +250,16 @@ void fillRecord(SpotResult& record, double total, double cx, double cy, const Sp
   record.angle = shape.angle;
 }
 
+// Whether 16-bit words at `data` with rows `pitch` bytes apart are aligned.
+bool aligned16(const void* data, size_t pitch) {
+  return reinterpret_cast<uintptr_t>(data) % 2 == 0 && pitch % 2 == 0;
+}
+
+// The grey of a 16-bit B G R pixel, in unsigned 32-bit arithmetic.
+inline uint16_t grey48(uint32_t blue, uint32_t green, uint32_t red) {
+  return static_cast<uint16_t>((299u * red + 587u * green + 114u * blue) / 1000u);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -276,21 +286,36 @@ cv::Mat spotGreyFrame(const void* buffer, uint32_t width, uint32_t height, uint3
   }
   switch (bitCount) {
     case 8: return cv::Mat(rows, cols, CV_8UC1, data, pitch);
-    case 16: return cv::Mat(rows, cols, CV_16UC1, data, pitch);
+    case 16: {
+      if (aligned16(data, pitch)) return cv::Mat(rows, cols, CV_16UC1, data, pitch);
+      // Words off their natural alignment (an odd pitch or address) are
+      // copied to an aligned image first.
+      grey.create(rows, cols, CV_16UC1);
+      for (int y = 0; y < rows; ++y) {
+        std::memcpy(grey.ptr(y), static_cast<const uint8_t*>(buffer) + y * pitch, cols * 2u);
+      }
+      return grey;
+    }
     case 24: {
       const cv::Mat bgr(rows, cols, CV_8UC3, data, pitch);
       cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
       return grey;
     }
     default: {
-      const cv::Mat bgr(rows, cols, CV_16UC3, data, pitch);
       grey.create(rows, cols, CV_16UC1);
+      const bool aligned = aligned16(data, pitch);
       for (int y = 0; y < rows; ++y) {
-        const uint16_t* in = bgr.ptr<uint16_t>(y);
+        const uint8_t* row = static_cast<const uint8_t*>(buffer) + y * pitch;
         uint16_t* out = grey.ptr<uint16_t>(y);
-        for (int x = 0; x < cols; ++x, in += 3) {
-          const uint32_t sum = 299u * in[2] + 587u * in[1] + 114u * in[0];
-          out[x] = static_cast<uint16_t>(sum / 1000u);
+        if (aligned) {
+          const auto* in = reinterpret_cast<const uint16_t*>(row);
+          for (int x = 0; x < cols; ++x, in += 3) out[x] = grey48(in[0], in[1], in[2]);
+        } else {
+          for (int x = 0; x < cols; ++x, row += 6) {
+            uint16_t in[3];
+            std::memcpy(in, row, sizeof in);
+            out[x] = grey48(in[0], in[1], in[2]);
+          }
         }
       }
       return grey;

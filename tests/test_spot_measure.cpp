@@ -1,0 +1,629 @@
+// Measurement of spots against truth computed here: the exact second moments
+// of the noise-free beams the tests draw, sums over apertures counted pixel by
+// pixel, and grey values from the colour formulas.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+
+#include "spot/spot_session.h"
+#include "support/spot_beams.h"
+#include "support/test_support.h"
+
+namespace {
+
+using spottest::Beam;
+using spottest::beamImage;
+using spottest::momentsOf;
+using spottest::relativeError;
+using vantix::CSpotSession;
+
+uint32_t bitsOf(const cv::Mat& image) {
+  switch (image.type()) {
+    case CV_8UC1: return 8;
+    case CV_16UC1: return 16;
+    case CV_8UC3: return 24;
+    default: return 48;
+  }
+}
+
+// Feeds `image` to the session `frames` times; returns the last record.
+SpotResult measureFrames(CSpotSession& session, const cv::Mat& image, int frames,
+                         SpotResult start = SpotResult{}) {
+  SpotResult out = start;
+  for (int i = 0; i < frames; ++i) {
+    session.onFrame(image.data, image.cols, image.rows, bitsOf(image),
+                    static_cast<uint32_t>(image.step), 1, &out);
+  }
+  return out;
+}
+
+std::vector<SpotResult> measureMany(CSpotSession& session, const cv::Mat& image) {
+  std::vector<SpotResult> out(session.spotCount());
+  session.onFrame(image.data, image.cols, image.rows, bitsOf(image),
+                  static_cast<uint32_t>(image.step), 1, out.data());
+  return out;
+}
+
+bool isZero(const SpotResult& r) {
+  const SpotResult zero{};
+  return std::memcmp(&r, &zero, sizeof r) == 0;
+}
+
+// ---------------------------------------------------------------------------
+// Single spot: accuracy against the exact moments of the whole image
+// ---------------------------------------------------------------------------
+
+struct AccuracyCase {
+  const char* name;
+  Beam beam;
+  double diameterTolerance;  // relative
+};
+
+class SingleSpotAccuracy : public ::testing::TestWithParam<AccuracyCase> {};
+
+TEST_P(SingleSpotAccuracy, DiametersAndCentreAfterTheApertureSettled) {
+  const AccuracyCase& c = GetParam();
+  const cv::Mat image = beamImage(320, 240, c.beam);
+  const spottest::Moments truth = momentsOf(image);
+  CSpotSession session(1, 0);
+  const SpotResult r = measureFrames(session, image, 3);
+
+  const double errX = relativeError(r.majorDiameter, truth.dX());
+  const double errY = relativeError(r.minorDiameter, truth.dY());
+  EXPECT_LT(errX, c.diameterTolerance) << r.majorDiameter << " vs " << truth.dX();
+  EXPECT_LT(errY, c.diameterTolerance) << r.minorDiameter << " vs " << truth.dY();
+  EXPECT_NEAR(r.centerX, static_cast<double>(truth.cx), 0.05);
+  EXPECT_NEAR(r.centerY, static_cast<double>(truth.cy), 0.05);
+  EXPECT_EQ(r.angle, 90.0);
+  EXPECT_NEAR(r.ellipticity,
+              std::min(r.majorDiameter, r.minorDiameter) /
+                  std::max(r.majorDiameter, r.minorDiameter), 1e-12);
+  // The aperture that follows: centred on the spot, semi-axes the diameters.
+  EXPECT_DOUBLE_EQ(r.apertureX, r.centerX);
+  EXPECT_DOUBLE_EQ(r.apertureY, r.centerY);
+  EXPECT_DOUBLE_EQ(r.apertureA, r.majorDiameter);
+  EXPECT_DOUBLE_EQ(r.apertureB, r.minorDiameter);
+  std::printf("[ figures  ] %-22s dX %+.3f %%  dY %+.3f %%  centre %.4f, %.4f px\n", c.name,
+              100 * (r.majorDiameter / truth.dX() - 1), 100 * (r.minorDiameter / truth.dY() - 1),
+              r.centerX - static_cast<double>(truth.cx), r.centerY - static_cast<double>(truth.cy));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Beams, SingleSpotAccuracy,
+    ::testing::Values(
+        AccuracyCase{"round", {160.0, 120.0, 8.0, 8.0, 0.0}, 0.005},
+        AccuracyCase{"round_offcentre", {97.3, 151.6, 6.5, 6.5, 0.0}, 0.005},
+        AccuracyCase{"wide_along_x", {171.4, 108.2, 18.0, 6.0, 0.0}, 0.005},
+        AccuracyCase{"tall_along_y", {140.7, 131.1, 5.0, 15.0, 0.0}, 0.005},
+        AccuracyCase{"small", {60.25, 50.75, 2.5, 3.5, 0.0}, 0.005},
+        AccuracyCase{"turned_30", {158.6, 117.3, 16.0, 6.0, 30.0}, 0.02},
+        AccuracyCase{"turned_minus_55", {166.1, 124.9, 14.0, 5.0, -55.0}, 0.02},
+        AccuracyCase{"turned_70_round_ish", {150.2, 110.8, 10.0, 8.0, 70.0}, 0.02}),
+    [](const ::testing::TestParamInfo<AccuracyCase>& info) { return info.param.name; });
+
+TEST(SingleSpot, ApertureFollowsAMovingBeamFrameAfterFrame) {
+  CSpotSession session(1, 0);
+  Beam beam{100.0, 80.0, 7.0, 5.0, 0.0};
+  for (int i = 0; i < 11; ++i) {
+    // The beam moves by more than a sigma a frame for eight frames, then
+    // stops.  While it moves, the aperture of the previous frame (semi-axes
+    // of 4 sigma) still holds it, so every frame is measured and the centre
+    // lags only a little; once it stops the aperture settles on it.
+    if (i < 8) beam = {100.0 + 9.5 * i, 80.0 + 6.25 * i, 7.0, 5.0, 0.0};
+    const cv::Mat image = beamImage(320, 240, beam);
+    const spottest::Moments truth = momentsOf(image);
+    const SpotResult r = measureFrames(session, image, 1);
+    ASSERT_GT(r.total, 0) << "frame " << i;
+    const double tolerance = i < 10 ? 0.6 : 0.05;
+    EXPECT_NEAR(r.centerX, static_cast<double>(truth.cx), tolerance) << "frame " << i;
+    EXPECT_NEAR(r.centerY, static_cast<double>(truth.cy), tolerance) << "frame " << i;
+    EXPECT_NEAR(r.apertureX, r.centerX, 1e-12);
+    if (i == 10) {
+      EXPECT_LT(relativeError(r.majorDiameter, truth.dX()), 0.005);
+      EXPECT_LT(relativeError(r.minorDiameter, truth.dY()), 0.005);
+    }
+  }
+}
+
+TEST(SingleSpot, BlackFrameKeepsTheRecordZeroesResultsAndRestartsTheAperture) {
+  CSpotSession session(1, 0);
+  const cv::Mat first = beamImage(200, 160, {60.0, 50.0, 5.0, 5.0, 0.0});
+  const SpotResult before = measureFrames(session, first, 2);
+  ASSERT_GT(before.total, 0);
+
+  const cv::Mat black = cv::Mat::zeros(160, 200, CV_16UC1);
+  const SpotResult after = measureFrames(session, black, 1, before);
+  EXPECT_EQ(std::memcmp(&after, &before, sizeof after), 0);
+  EXPECT_TRUE(isZero(session.results()[0]));
+  EXPECT_EQ(session.autoAperture().a, -1.0);
+
+  // The next frame starts from the whole frame: a beam far from the last
+  // aperture is found and measured at once.
+  const cv::Mat moved = beamImage(200, 160, {150.0, 110.0, 5.0, 5.0, 0.0});
+  const SpotResult found = measureFrames(session, moved, 1);
+  EXPECT_NEAR(found.centerX, 150.0, 0.05);
+  EXPECT_NEAR(found.centerY, 110.0, 0.05);
+}
+
+// Sum and centre over the pixels of `image` inside an axis-aligned ellipse
+// (frame coordinates) and a rectangle of the frame.
+struct ApertureSums {
+  double total = 0, cx = 0, cy = 0;
+};
+ApertureSums sumsInside(const cv::Mat& image, const SpotAperture& ap, cv::Rect rect) {
+  ApertureSums s;
+  double sx = 0, sy = 0;
+  for (int y = rect.y; y < rect.y + rect.height; ++y) {
+    for (int x = rect.x; x < rect.x + rect.width; ++x) {
+      const double dx = x - ap.centerX, dy = y - ap.centerY;
+      if (dx * dx / (ap.a * ap.a) + dy * dy / (ap.b * ap.b) > 1.0) continue;
+      const double v = image.at<uint16_t>(y, x);
+      s.total += v;
+      sx += v * x;
+      sy += v * y;
+    }
+  }
+  s.cx = sx / s.total;
+  s.cy = sy / s.total;
+  return s;
+}
+
+TEST(SingleSpot, FixedApertureSumsExactlyTheEllipseInFrameCoordinates) {
+  const cv::Mat image = vtest::randomImage(120, 150, CV_16UC1, 5) / 16;  // 12-bit noise
+  const SpotAperture aperture{70.5, 55.25, 31.0, 17.5};
+  struct RoiCase {
+    cv::Rect roi;
+  };
+  for (const cv::Rect roi : {cv::Rect(0, 0, 0, 0), cv::Rect(50, 40, 60, 50)}) {
+    CSpotSession session(1, 0);
+    session.setRoi(roi.x, roi.y, roi.width, roi.height);
+    session.setAperture(aperture);
+    const SpotResult r = measureFrames(session, image, 2);
+    const cv::Rect rect = roi.empty() ? cv::Rect(0, 0, image.cols, image.rows) : roi;
+    const ApertureSums truth = sumsInside(image, aperture, rect);
+    EXPECT_EQ(r.total, truth.total) << "ROI " << roi;
+    EXPECT_NEAR(r.centerX, truth.cx, 1e-9);
+    EXPECT_NEAR(r.centerY, truth.cy, 1e-9);
+    EXPECT_EQ(r.apertureX, aperture.centerX);
+    EXPECT_EQ(r.apertureY, aperture.centerY);
+    EXPECT_EQ(r.apertureA, aperture.a);
+    EXPECT_EQ(r.apertureB, aperture.b);
+  }
+}
+
+TEST(SingleSpot, RejectedApertureKeepsTheAutomaticOneAndResetRestoresIt) {
+  const cv::Mat image = beamImage(200, 160, {120.0, 70.0, 6.0, 4.0, 0.0});
+  CSpotSession session(1, 0);
+  for (const SpotAperture bad : {SpotAperture{50, 50, 5, 0}, SpotAperture{50, 50, 0, 5},
+                                 SpotAperture{50, 50, -3, 8}, SpotAperture{50, 50, NAN, 8}}) {
+    session.setAperture(bad);
+  }
+  EXPECT_TRUE(session.usesAutoAperture());
+  const SpotResult automatic = measureFrames(session, image, 3);
+  EXPECT_NEAR(automatic.centerX, 120.0, 0.05);
+
+  // A fixed aperture that only grazes the beam moves the centre ...
+  session.setAperture({110.0, 70.0, 8.0, 8.0});
+  const SpotResult fixed = measureFrames(session, image, 1);
+  EXPECT_FALSE(session.usesAutoAperture());
+  EXPECT_LT(fixed.centerX, 119.0);
+  EXPECT_EQ(fixed.apertureX, 110.0);
+
+  // ... and reset goes back to the automatic aperture, starting afresh.
+  session.reset();
+  EXPECT_TRUE(session.usesAutoAperture());
+  EXPECT_EQ(session.autoAperture().a, -1.0);
+  EXPECT_EQ(session.userAperture().a, -1.0);
+  EXPECT_EQ(session.angle(), 90.0);
+  const SpotResult again = measureFrames(session, image, 3);
+  EXPECT_NEAR(again.centerX, automatic.centerX, 1e-9);
+  EXPECT_NEAR(again.majorDiameter, automatic.majorDiameter, 1e-9);
+}
+
+TEST(SingleSpot, BeamInAnOffsetRoiIsMeasuredOnEveryFrame) {
+  const Beam beam{230.4, 170.6, 6.0, 4.5, 0.0};
+  const cv::Mat image = beamImage(320, 240, beam);
+  const cv::Rect roi(180, 120, 110, 100);
+  const spottest::Moments truth = momentsOf(image, roi);
+  CSpotSession session(1, 0);
+  session.setRoi(roi.x, roi.y, roi.width, roi.height);
+  for (int i = 0; i < 6; ++i) {
+    SpotResult r{};
+    r.total = -1;  // a frame without signal would leave this
+    session.onFrame(image.data, image.cols, image.rows, 16, static_cast<uint32_t>(image.step), 1,
+                    &r);
+    EXPECT_GT(r.total, 0) << "frame " << i;
+    EXPECT_NEAR(r.centerX, static_cast<double>(truth.cx), 0.05) << "frame " << i;
+    EXPECT_NEAR(r.centerY, static_cast<double>(truth.cy), 0.05) << "frame " << i;
+    if (i >= 2) {
+      EXPECT_LT(relativeError(r.majorDiameter, truth.dX()), 0.005);
+    }
+  }
+}
+
+TEST(SingleSpot, RoiOutsideTheFrameGivesZerosAndWidthZeroMeasuresTheWholeFrame) {
+  const cv::Mat image = beamImage(160, 120, {40.0, 30.0, 4.0, 4.0, 0.0});
+  CSpotSession session(1, 0);
+  session.setRoi(500, 10, 50, 50);
+  SpotResult r{};
+  r.total = 7;
+  r = measureFrames(session, image, 1, r);
+  EXPECT_TRUE(isZero(r));
+  session.setRoi(0xFFFFFFF0u, 0xFFFFFFF0u, 0x7FFFFFFFu, 0x7FFFFFFFu);  // x = y = -16
+  r = measureFrames(session, image, 3);
+  EXPECT_NEAR(r.centerX, 40.0, 0.05);
+  session.setRoi(100, 100, 0, 30);
+  r = measureFrames(session, image, 3);
+  EXPECT_NEAR(r.centerX, 40.0, 0.05);
+  EXPECT_NEAR(r.centerY, 30.0, 0.05);
+}
+
+// ---------------------------------------------------------------------------
+// Principal axes (ellipse mode)
+// ---------------------------------------------------------------------------
+
+TEST(EllipseMode, RoundSpotHasEqualDiametersAndAngleZero) {
+  // Symmetric about the centre pixel of a square frame: the moments are
+  // exactly equal and the cross moment exactly zero.
+  const cv::Mat image = beamImage(101, 101, {50.0, 50.0, 6.0, 6.0, 0.0});
+  CSpotSession session(1, 0);
+  EXPECT_EQ(session.setEllipseMode(1), 0);
+  const SpotResult r = measureFrames(session, image, 3);
+  EXPECT_EQ(r.majorDiameter, r.minorDiameter);
+  EXPECT_EQ(r.angle, 0.0);
+  EXPECT_EQ(r.ellipticity, 1.0);
+  EXPECT_EQ(session.setEllipseMode(0), 1);
+}
+
+TEST(EllipseMode, OrientationAndPrincipalDiametersOfTurnedBeams) {
+  // The angle is counted counter-clockwise on screen (rows run down), so a
+  // beam turned from +x toward +y by t reads -t.
+  for (const double turn : {-60.0, -20.0, 25.0, 80.0}) {
+    const Beam beam{160.3, 120.6, 15.0, 6.0, turn};
+    const cv::Mat image = beamImage(320, 240, beam);
+    const spottest::Moments truth = momentsOf(image);
+    CSpotSession session(1, 0);
+    session.setEllipseMode(1);
+    // The first frame integrates over the whole frame: principal axes exact.
+    const SpotResult r = measureFrames(session, image, 1);
+    EXPECT_NEAR(r.angle, -turn, 0.2) << "turn " << turn;
+    EXPECT_LT(relativeError(r.majorDiameter, truth.dMajor()), 0.005) << "turn " << turn;
+    EXPECT_LT(relativeError(r.minorDiameter, truth.dMinor()), 0.005) << "turn " << turn;
+    EXPECT_GT(r.majorDiameter, r.minorDiameter);
+    // Later frames keep the orientation within a few degrees: the second
+    // pass takes the turned aperture axis-aligned and so trims beams that lie
+    // far from the vertical.
+    const SpotResult later = measureFrames(session, image, 2);
+    EXPECT_NEAR(later.angle, -turn, 4.0) << "turn " << turn;
+    EXPECT_NEAR(later.centerX, static_cast<double>(truth.cx), 0.05) << "turn " << turn;
+  }
+}
+
+TEST(EllipseMode, AxisAlignedSpotTallerThanWideReportsXFirst) {
+  const cv::Mat image = beamImage(160, 160, {80.0, 80.0, 4.0, 9.0, 0.0});
+  CSpotSession session(1, 0);
+  const SpotResult r = measureFrames(session, image, 3);
+  EXPECT_LT(r.majorDiameter, r.minorDiameter);
+  EXPECT_NEAR(r.ellipticity, r.majorDiameter / r.minorDiameter, 1e-12);
+  EXPECT_EQ(r.angle, 90.0);
+}
+
+TEST(SpotShape, DiagonalFormulaAndDegenerateCases) {
+  // sxx == syy with a cross moment: +-45 degrees, diameters from |sxy|.
+  const vantix::SpotShape pos = vantix::spotShape(9.0, 9.0, 4.0, true);
+  EXPECT_EQ(pos.angle, -45.0);
+  EXPECT_DOUBLE_EQ(pos.first, 2 * std::sqrt(2 * (18.0 + 8.0)));
+  EXPECT_DOUBLE_EQ(pos.second, 2 * std::sqrt(2 * (18.0 - 8.0)));
+  EXPECT_EQ(vantix::spotShape(9.0, 9.0, -4.0, true).angle, 45.0);
+  // Nothing measured: ellipticity 0 instead of 0 / 0.
+  EXPECT_EQ(vantix::spotShape(0, 0, 0, false).ellipticity, 0.0);
+  EXPECT_EQ(vantix::spotShape(0, 0, 0, true).ellipticity, 0.0);
+}
+
+// ---------------------------------------------------------------------------
+// Frame depths and row pitch
+// ---------------------------------------------------------------------------
+
+TEST(FrameInput, GreyOfTheFourDepths) {
+  cv::Mat grey;
+  // 48 bits: (299 R + 587 G + 114 B) / 1000, truncated: 2185 for B 1000,
+  // G 2000, R 3000.
+  const uint16_t bgr48[] = {1000, 2000, 3000, 65535, 65535, 65535, 1, 1, 2};
+  cv::Mat g = vantix::spotGreyFrame(bgr48, 3, 1, 48, 0, grey);
+  EXPECT_EQ(g.type(), CV_16UC1);
+  EXPECT_EQ(g.at<uint16_t>(0, 0), 2185);
+  EXPECT_EQ(g.at<uint16_t>(0, 1), 65535);
+  EXPECT_EQ(g.at<uint16_t>(0, 2), 1);  // 1.001 truncated
+
+  // 24 bits: the standard luma conversion.
+  const cv::Mat bgr = vtest::randomImage(5, 7, CV_8UC3, 3);
+  std::vector<uint8_t> padded(vantix::spotDefaultPitch(7, 24) * 5);
+  for (int y = 0; y < 5; ++y) std::memcpy(&padded[y * 24], bgr.ptr(y), 21);
+  g = vantix::spotGreyFrame(padded.data(), 7, 5, 24, 0, grey);
+  cv::Mat expected;
+  cv::cvtColor(bgr, expected, cv::COLOR_BGR2GRAY);
+  EXPECT_EQ(cv::norm(g, expected, cv::NORM_INF), 0);
+
+  // Anything else is refused, even a depth that a camera delivers.
+  for (const uint32_t bits : {0u, 1u, 12u, 32u, 64u}) {
+    try {
+      vantix::spotGreyFrame(bgr48, 1, 1, bits, 0, grey);
+      ADD_FAILURE() << bits;
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Unsupported image depth");
+    }
+  }
+}
+
+TEST(FrameInput, EveryDepthAndPitchMeasuresTheSameBeam) {
+  // One beam in 8-bit grey of odd width, laid out in each depth with the
+  // padded default pitch and with an explicit wider pitch; the truth is the
+  // moments of the grey values each depth carries.
+  const int width = 93, height = 71;
+  const cv::Mat grey8 = beamImage(width, height, {46.3, 35.8, 5.0, 3.5, 0.0, 250.0}, CV_8UC1);
+  cv::Mat bgr8, bgr16, grey16;
+  cv::cvtColor(grey8, bgr8, cv::COLOR_GRAY2BGR);
+  grey8.convertTo(grey16, CV_16U, 16);
+  bgr8.convertTo(bgr16, CV_16U, 16);
+  struct Layout {
+    const cv::Mat* image;
+    uint32_t bits;
+  };
+  const spottest::Moments truth = momentsOf(grey8);
+  for (const Layout layout : {Layout{&grey8, 8}, Layout{&grey16, 16}, Layout{&bgr8, 24},
+                              Layout{&bgr16, 48}}) {
+    const size_t rowBytes = static_cast<size_t>(width) * layout.bits / 8;
+    for (const uint32_t pitch : {0u, static_cast<uint32_t>(rowBytes + 13)}) {
+      const size_t step = pitch != 0 ? pitch : vantix::spotDefaultPitch(width, layout.bits);
+      std::vector<uint8_t> buffer(step * height + 16, 0xEE);
+      for (int y = 0; y < height; ++y) {
+        std::memcpy(&buffer[y * step], layout.image->ptr(y), rowBytes);
+      }
+      CSpotSession session(1, 0);
+      SpotResult r{};
+      for (int i = 0; i < 3; ++i) {
+        session.onFrame(buffer.data(), width, height, layout.bits, pitch, 1, &r);
+      }
+      // Equal channels keep their value through either grey formula.
+      const double scale = layout.bits == 16 || layout.bits == 48 ? 16.0 : 1.0;
+      EXPECT_EQ(r.total, static_cast<double>(truth.total) * scale)
+          << layout.bits << " bits, pitch " << pitch;
+      EXPECT_NEAR(r.centerX, static_cast<double>(truth.cx), 0.05) << layout.bits << " " << pitch;
+      EXPECT_NEAR(r.centerY, static_cast<double>(truth.cy), 0.05) << layout.bits << " " << pitch;
+    }
+  }
+}
+
+TEST(FrameInput, UnsupportedDepthRaisesOnlyWhenMeasuring) {
+  std::vector<uint8_t> frame(16 * 8 * 4, 50);
+  CSpotSession session(1, 0);
+  SpotResult out{};
+  out.total = 42;
+  try {
+    session.onFrame(frame.data(), 16, 8, 32, 0, 1, &out);
+    ADD_FAILURE() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "Unsupported image depth");
+  }
+  EXPECT_EQ(out.total, 42);
+  EXPECT_NO_THROW(session.onFrame(frame.data(), 16, 8, 32, 0, 0, &out));
+  EXPECT_EQ(out.total, 42);
+}
+
+// ---------------------------------------------------------------------------
+// Several spots
+// ---------------------------------------------------------------------------
+
+// The rectangle a multi-spot record describes: fields 8 to 11 give its left
+// and top edges exactly and its width and height up to the halving.
+std::vector<cv::Rect> boxesOf(const SpotResult& r) {
+  const int a = static_cast<int>(r.apertureA), b = static_cast<int>(r.apertureB);
+  const int left = static_cast<int>(r.apertureX) - a, top = static_cast<int>(r.apertureY) - b;
+  return {cv::Rect(left, top, 2 * a, 2 * b), cv::Rect(left, top, 2 * a + 1, 2 * b),
+          cv::Rect(left, top, 2 * a, 2 * b + 1), cv::Rect(left, top, 2 * a + 1, 2 * b + 1)};
+}
+
+TEST(MultiSpot, SpotsOfDifferentPowerComeOrderedByCentreX) {
+  const std::vector<Beam> beams = {
+      {250.0, 60.0, 5.0, 4.0, 0.0, 3000}, {60.0, 170.0, 6.0, 6.0, 0.0, 2200},
+      {150.0, 110.0, 4.0, 7.0, 0.0, 4000}, {330.0, 190.0, 3.5, 3.5, 0.0, 2600},
+      {100.0, 40.0, 5.0, 3.0, 0.0, 3400}};
+  for (size_t count = 2; count <= beams.size(); ++count) {
+    cv::Mat image = cv::Mat::zeros(240, 400, CV_16UC1);
+    for (size_t i = 0; i < count; ++i) spottest::drawBeam(image, beams[i]);
+    CSpotSession session(static_cast<uint32_t>(count), 0);
+    const std::vector<SpotResult> r = measureMany(session, image);
+    std::vector<Beam> expected(beams.begin(), beams.begin() + count);
+    std::sort(expected.begin(), expected.end(),
+              [](const Beam& a, const Beam& b) { return a.cx < b.cx; });
+    for (size_t i = 0; i < count; ++i) {
+      // The spots lie far apart: each box holds the light of its own spot
+      // only.  The record is the exact moments of the light in the box ...
+      bool matched = false;
+      for (const cv::Rect& box : boxesOf(r[i])) {
+        const spottest::Moments inBox = momentsOf(image, box);
+        matched |= r[i].total == static_cast<double>(inBox.total) &&
+                   std::fabs(r[i].centerX - static_cast<double>(inBox.cx)) < 1e-9 &&
+                   std::fabs(r[i].centerY - static_cast<double>(inBox.cy)) < 1e-9 &&
+                   relativeError(r[i].majorDiameter, inBox.dX()) < 1e-9 &&
+                   relativeError(r[i].minorDiameter, inBox.dY()) < 1e-9;
+      }
+      EXPECT_TRUE(matched) << count << " spots, #" << i;
+      // ... and the box holds the spot's core: the centre is the beam's, the
+      // light and the diameters are those of a beam cut off at its box.
+      const spottest::Moments truth = momentsOf(beamImage(400, 240, expected[i]));
+      EXPECT_NEAR(r[i].centerX, static_cast<double>(truth.cx), 0.05) << count << " #" << i;
+      EXPECT_NEAR(r[i].centerY, static_cast<double>(truth.cy), 0.05) << count << " #" << i;
+      EXPECT_LT(relativeError(r[i].total, static_cast<double>(truth.total)), 0.05);
+      EXPECT_LT(relativeError(r[i].majorDiameter, truth.dX()), 0.05) << count << " #" << i;
+      EXPECT_LT(relativeError(r[i].minorDiameter, truth.dY()), 0.05) << count << " #" << i;
+      EXPECT_EQ(r[i].angle, 90.0);
+      if (count == beams.size()) {
+        std::printf("[ figures  ] multi-spot #%zu dX %+.2f %%  dY %+.2f %%  centre %.4f, %.4f px\n",
+                    i, 100 * (r[i].majorDiameter / truth.dX() - 1),
+                    100 * (r[i].minorDiameter / truth.dY() - 1),
+                    r[i].centerX - static_cast<double>(truth.cx),
+                    r[i].centerY - static_cast<double>(truth.cy));
+      }
+    }
+  }
+}
+
+TEST(MultiSpot, MissingSpotsAreZeroRecordsAndTheBrightestAreKept) {
+  cv::Mat image = cv::Mat::zeros(200, 300, CV_16UC1);
+  spottest::drawBeam(image, {220.0, 100.0, 5.0, 5.0, 0.0, 1000});
+  spottest::drawBeam(image, {80.0, 100.0, 5.0, 5.0, 0.0, 3000});
+  CSpotSession three(3, 0);
+  std::vector<SpotResult> r = measureMany(three, image);
+  EXPECT_NEAR(r[0].centerX, 80.0, 0.05);
+  EXPECT_NEAR(r[1].centerX, 220.0, 0.05);
+  EXPECT_TRUE(isZero(r[2]));
+
+  spottest::drawBeam(image, {150.0, 40.0, 5.0, 5.0, 0.0, 500});  // the dimmest
+  CSpotSession two(2, 0);
+  r = measureMany(two, image);
+  EXPECT_NEAR(r[0].centerX, 80.0, 0.05);
+  EXPECT_NEAR(r[1].centerX, 220.0, 0.05);
+}
+
+TEST(MultiSpot, FramesWithoutSpotsGiveZeroRecords) {
+  CSpotSession session(3, 0);
+  for (const uint16_t level : {0, 2000}) {  // uniform: max == min
+    const cv::Mat flat(100, 120, CV_16UC1, cv::Scalar(level));
+    const std::vector<SpotResult> r = measureMany(session, flat);
+    for (const SpotResult& record : r) EXPECT_TRUE(isZero(record)) << level;
+  }
+}
+
+TEST(MultiSpot, SmallOrSparseComponentsAreNeverReported) {
+  // One real spot among single bright pixels and a thin diagonal line: all
+  // of them are segmented, only the spot is reported.
+  cv::Mat image = cv::Mat::zeros(120, 160, CV_16UC1);
+  spottest::drawBeam(image, {40.0, 90.0, 5.0, 5.0, 0.0, 4000});
+  for (const cv::Point p : {cv::Point(130, 10), cv::Point(150, 100), cv::Point(10, 10)}) {
+    image.at<uint16_t>(p) = 4000;
+  }
+  cv::line(image, {50, 10}, {150, 80}, cv::Scalar(4000), 1, cv::LINE_8);
+  vantix::MultiSpotWorkspace work;
+  std::vector<SpotResult> r(3);
+  ASSERT_TRUE(vantix::measureMultiSpot(image, SpotRoi{}, false, 3, work, r.data()));
+  int small = 0, sparse = 0;
+  for (int label = 1; label < work.stats.rows; ++label) {
+    const int* st = work.stats.ptr<int>(label);
+    small += st[cv::CC_STAT_AREA] < 10;
+    sparse += st[cv::CC_STAT_AREA] >= 10 &&
+              st[cv::CC_STAT_AREA] < 0.1 * st[cv::CC_STAT_WIDTH] * st[cv::CC_STAT_HEIGHT];
+  }
+  EXPECT_EQ(small, 3) << "threshold " << work.lastThreshold;
+  EXPECT_EQ(sparse, 1) << "threshold " << work.lastThreshold;
+  EXPECT_NEAR(r[0].centerX, 40.0, 0.05);
+  EXPECT_NEAR(r[0].centerY, 90.0, 0.05);
+  EXPECT_TRUE(isZero(r[1]));
+  EXPECT_TRUE(isZero(r[2]));
+}
+
+TEST(MultiSpot, BoxesAreCutHalfWayBetweenNeighbours) {
+  // Two spots whose widened boxes overlap: each box ends at the midpoint, so
+  // neither spot's light enters the other's measurement.
+  cv::Mat image = cv::Mat::zeros(120, 200, CV_16UC1);
+  const Beam left{80.0, 60.0, 4.0, 4.0, 0.0, 4000}, right{112.0, 60.0, 4.0, 4.0, 0.0, 2500};
+  spottest::drawBeam(image, left);
+  spottest::drawBeam(image, right);
+  CSpotSession session(2, 0);
+  const std::vector<SpotResult> r = measureMany(session, image);
+  EXPECT_LE(r[0].apertureX + r[0].apertureA, 96.0 + 1);
+  EXPECT_GE(r[1].apertureX - r[1].apertureA, 96.0 - 1);
+  EXPECT_NEAR(r[0].centerX, 80.0, 0.05);
+  EXPECT_NEAR(r[1].centerX, 112.0, 0.05);
+  const double dLeft = momentsOf(beamImage(200, 120, left)).dX();
+  EXPECT_LT(relativeError(r[0].majorDiameter, dLeft), 0.02);
+}
+
+TEST(MultiSpot, RoiOffsetIsAddedToCentresAndBoxes) {
+  cv::Mat image = cv::Mat::zeros(200, 300, CV_16UC1);
+  spottest::drawBeam(image, {200.0, 150.0, 5.0, 5.0, 0.0, 3000});
+  spottest::drawBeam(image, {40.0, 30.0, 5.0, 5.0, 0.0, 3000});  // outside the ROI
+  CSpotSession session(2, 0);
+  session.setRoi(150, 100, 120, 90);
+  const std::vector<SpotResult> r = measureMany(session, image);
+  EXPECT_NEAR(r[0].centerX, 200.0, 0.05);
+  EXPECT_NEAR(r[0].centerY, 150.0, 0.05);
+  EXPECT_NEAR(r[0].apertureX, 200.0, 1.0);
+  EXPECT_NEAR(r[0].apertureY, 150.0, 1.0);
+  EXPECT_TRUE(isZero(r[1]));
+}
+
+// ---------------------------------------------------------------------------
+// False colour
+// ---------------------------------------------------------------------------
+
+TEST(PseudoColour, PaletteStops) {
+  const vantix::SpotPalette p = vantix::buildSpotPalette();
+  struct Stop {
+    int index;
+    uint32_t r, g, b;
+  };
+  for (const Stop s : {Stop{0, 63, 67, 77}, Stop{1, 64, 64, 64}, Stop{3, 40, 0, 60},
+                       Stop{48, 130, 0, 255}, Stop{112, 0, 255, 0}, Stop{160, 211, 248, 0},
+                       Stop{240, 255, 32, 0}, Stop{252, 255, 1, 0}, Stop{254, 255, 0, 0},
+                       Stop{255, 255, 255, 255}}) {
+    EXPECT_EQ(p[s.index].red, s.r) << s.index;
+    EXPECT_EQ(p[s.index].green, s.g) << s.index;
+    EXPECT_EQ(p[s.index].blue, s.b) << s.index;
+  }
+  // Between stops the colours move monotonically from one to the next.
+  EXPECT_GT(p[120].green, p[128].green);
+  EXPECT_LT(p[120].green, p[112].green);
+}
+
+TEST(PseudoColour, EightAndSixteenBitFramesAreRewrittenAsPackedBgr) {
+  CSpotSession session(1, 0);
+  EXPECT_EQ(session.setPseudoColour(1), 0);
+  const vantix::SpotPalette& p = session.palette();
+  const int width = 5, height = 9;  // 8-bit rows padded from 5 to 8 bytes
+
+  const cv::Mat grey8 = vtest::randomImage(height, width, CV_8UC1, 11);
+  const uint32_t pitch8 = vantix::spotDefaultPitch(width, 8);
+  std::vector<uint8_t> buffer(width * 3 * height);
+  for (int y = 0; y < height; ++y) std::memcpy(&buffer[y * pitch8], grey8.ptr(y), width);
+  SpotResult out{};
+  session.onFrame(buffer.data(), width, height, 8, 0, 1, &out);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const vantix::PaletteEntry& e = p[grey8.at<uint8_t>(y, x)];
+      const uint8_t* px = &buffer[(y * width + x) * 3];
+      ASSERT_EQ(px[0], e.blue);
+      ASSERT_EQ(px[1], e.green);
+      ASSERT_EQ(px[2], e.red);
+    }
+  }
+
+  // 16 bits from a 12-bit camera: the top eight of the twelve bits select.
+  *session.rawBitDepthSlot() = 12;
+  const cv::Mat grey16 = vtest::randomImage(height, width, CV_16UC1, 12) / 16;
+  std::vector<uint8_t> words(width * 3 * height);
+  for (int y = 0; y < height; ++y) std::memcpy(&words[y * 12], grey16.ptr(y), width * 2);
+  session.onFrame(words.data(), width, height, 16, 12, 0, &out);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const vantix::PaletteEntry& e = p[(grey16.at<uint16_t>(y, x) >> 4) & 255];
+      const uint8_t* px = &words[(y * width + x) * 3];
+      ASSERT_EQ(px[0], e.blue);
+      ASSERT_EQ(px[2], e.red);
+    }
+  }
+  // Deeper frames are left alone.
+  std::vector<uint8_t> colour(width * height * 3, 77);
+  const std::vector<uint8_t> before = colour;
+  session.onFrame(colour.data(), width, height, 24, 0, 0, &out);
+  EXPECT_EQ(colour, before);
+  EXPECT_EQ(session.setPseudoColour(0), 1);
+}
+
+}  // namespace
