@@ -540,17 +540,58 @@ VANTIX_API VantixResult vantix_edf_pullnam(VantixEdf *session, void *camera,
  *
  * A spot session measures one or several bright spots in each frame pulled
  * from the camera: summed intensity, centre, 4-sigma (second-moment)
- * diameters, ellipticity and orientation.  With one spot the measurement
- * integrates inside an elliptical aperture that follows the spot from frame
- * to frame (automatic) or a fixed aperture set by the host; with several
- * spots they are found by segmentation.  All work runs on the caller's
- * thread; the ROI and aperture may be changed from another thread.
+ * diameters, ellipticity and orientation.  All work runs on the caller's
+ * thread; the ROI, the aperture and reset may be called from another thread
+ * while a pull runs.
+ *
+ * Grey values.  8- and 16-bit frames are measured as delivered (raw sensor
+ * counts, e.g. 0..4095 for a 12-bit camera); 24-bit B G R frames through the
+ * usual luma weights (0.299 R + 0.587 G + 0.114 B, rounded); 48-bit frames
+ * as (299 R + 587 G + 114 B) / 1000, truncated (B 1000, G 2000, R 3000 give
+ * 2185).
+ *
+ * One spot (spotCount 1).  The spot is integrated inside an elliptical
+ * aperture.  The automatic aperture starts as the ellipse inscribed in the
+ * whole frame; after each frame it is centred on the measured spot with
+ * semi-axes equal to the measured 4-sigma diameters (twice the 4-sigma
+ * ellipse), so it follows a beam that moves by less than about one diameter
+ * a frame and settles within a few frames.  A fixed aperture
+ * (vantix_spot_setAperture) stays where the host put it, axis-aligned.
+ * Aperture centres are in whole-frame pixels, also when a ROI is set.
+ * Record fields 8 to 11 give the automatic aperture after this frame's
+ * update (the one the next frame uses), or the fixed aperture.
+ * A frame with nothing inside the aperture (a blocked beam, a dark camera)
+ * leaves the host's record as it was and makes the next frame start again
+ * from the whole frame.
+ *
+ * Several spots (any other spotCount).  The frame (or ROI) is stretched to
+ * 8 bits, smoothed and cut at Otsu's threshold; components of at least 10
+ * pixels that fill at least a tenth of their bounding box are spots.  The
+ * spotCount brightest are measured, each in its bounding box widened by half
+ * its size on every side and cut half-way towards the other spots (pixels of
+ * other spots left out), so the diameters of a Gaussian beam come out a few
+ * percent small.  Records are ordered by centerX; records without a spot are
+ * all zero, as are all records of a frame without spots (a flat frame).
+ * Fields 8 to 11 give the box: centre and half width and height.
+ *
+ * Averaging (averageCount >= 2).  Frames are averaged in consecutive blocks
+ * of averageCount frames (not a moving average).  Fields 1 to 5 are the mean
+ * of the block with the smallest and the largest value of each field set
+ * aside (with 2 frames: the plain mean; with 3: the middle value), field 6 is
+ * recomputed from them, and fields 7 to 11 are always the latest frame's.
+ * Until a block completes, fields 1 to 6 keep the last block's average (zero
+ * after creation or reset).  With one spot, a frame without signal voids the
+ * average: that frame's record is all zero, and the next block starts with
+ * the next frame, so no block mixes frames from before and after the
+ * interruption.  With several spots a frame without spots counts as a frame
+ * of zero records (with 3 or more frames a block the trimming sets it aside).
  */
 
 /**
  * Creates a session measuring `spotCount` spots a frame (1 selects the
  * single-spot measurement) and averaging over consecutive blocks of
- * `averageCount` frames (below 2: no averaging).  Never returns null.
+ * `averageCount` frames (below 2: no averaging).  Never returns null;
+ * running out of memory (absurd counts) raises a C++ std::bad_alloc.
  */
 VANTIX_API VantixSpot *vantix_spot_new(uint32_t spotCount,
                                        uint32_t averageCount);
@@ -561,21 +602,27 @@ VANTIX_API void vantix_spot_delete(VantixSpot *session);
 /**
  * Restarts the averaging block, returns to the automatic aperture (unset,
  * so the next frame starts from the whole frame), sets the angle to 90 and
- * zeroes the averaged results.  The ROI is kept.
+ * zeroes the averaged results.  The ROI is kept.  A pull running on another
+ * thread meanwhile does not undo it.
  */
 VANTIX_API void vantix_spot_reset(VantixSpot *session);
 
 /**
- * Uses a fixed, axis-aligned aperture from now on, when both semi-axes are
- * greater than 0; otherwise nothing changes.  Only vantix_spot_reset goes
- * back to the automatic aperture.  Note: the aperture is passed by value.
+ * Uses a fixed, axis-aligned aperture (centre in whole-frame pixels, semi-axes
+ * a along x and b along y) from now on, when both semi-axes are greater than
+ * 0; otherwise nothing changes.  Only vantix_spot_reset goes back to the
+ * automatic aperture.  Note: the aperture is passed by value.
  */
 VANTIX_API void vantix_spot_setAperture(VantixSpot *session,
                                         SpotAperture aperture);
 
 /**
- * Sets the region of interest in frame pixels; a width or height of 0
- * measures the whole frame.  Safe to call during a pull on another thread.
+ * Sets the region of interest in frame pixels (the values are read as signed
+ * 32-bit); only its intersection with the frame is measured, and a ROI
+ * wholly outside the frame gives zero records.  A width or height of 0
+ * measures the whole frame.  Centres are still reported in whole-frame
+ * pixels.  Safe to call during a pull on another thread: each frame uses
+ * the ROI as it was when the frame's measurement began.
  */
 VANTIX_API void vantix_spot_setRoi(VantixSpot *session, uint32_t x, uint32_t y,
                                    uint32_t width, uint32_t height);
@@ -583,11 +630,14 @@ VANTIX_API void vantix_spot_setRoi(VantixSpot *session, uint32_t x, uint32_t y,
 /**
  * Pulls one frame from the camera SDK into `buffer` (bitCount 8, 16, 24 or
  * 48; rowPitch 0 for rows padded to 4 bytes), copies the frame-information
- * record to `info` when not null, and, when `measure` is nonzero, measures
- * the frame and writes spotCount records to `out`.  Returns VANTIX_E_NOTIMPL
- * when no camera SDK is found, else the SDK's result (negative: nothing
- * else happened).  Another bitCount with `measure` set raises a C++
- * std::runtime_error "Unsupported image depth" after `info` was written.
+ * record to `info` when not null, asks the SDK for the camera's raw bit depth
+ * while the session does not know it yet (a camera reporting 0 is asked on
+ * every pull), and, when `measure` is nonzero, measures the frame and writes
+ * spotCount records to `out`.  Returns VANTIX_E_NOTIMPL when no camera SDK
+ * is found, else the SDK's result (negative: nothing else happened).
+ * Another bitCount with `measure` set raises a C++ std::runtime_error
+ * "Unsupported image depth" after `info` was written and before `out` is
+ * touched; with `measure` 0 any bitCount is accepted.
  */
 VANTIX_API VantixResult vantix_spot_pull(VantixSpot *session, void *camera,
                                          uint32_t measure, void *buffer,

@@ -1,0 +1,408 @@
+// The spot session: averaging over blocks, the pull path through the
+// simulated camera SDK, and setters called from another thread while frames
+// are measured (this program runs under ThreadSanitizer too).
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "spot/spot_session.h"
+#include "support/spot_beams.h"
+#include "support/test_support.h"
+#include "tools/simcam/simcam_loader.h"
+
+namespace {
+
+using spottest::Beam;
+using spottest::beamImage;
+using vantix::CSpotSession;
+
+bool isZero(const SpotResult& r) {
+  const SpotResult zero{};
+  return std::memcmp(&r, &zero, sizeof r) == 0;
+}
+
+SpotResult feed(CSpotSession& session, const cv::Mat& image, SpotResult out = SpotResult{}) {
+  session.onFrame(image.data, image.cols, image.rows, 16, static_cast<uint32_t>(image.step), 1,
+                  &out);
+  return out;
+}
+
+// Frames of one beam whose power, position and size change from frame to
+// frame, so that every field differs between frames.
+std::vector<cv::Mat> changingBeam(int frames) {
+  std::vector<cv::Mat> images;
+  const double peaks[] = {3000, 1800, 3900, 2500, 3300, 2100, 3600};
+  for (int i = 0; i < frames; ++i) {
+    images.push_back(beamImage(160, 120,
+                               {80.0 + 0.7 * (i % 3), 60.0 - 0.4 * (i % 4), 5.0 + 0.3 * (i % 5),
+                                4.0 + 0.2 * (i % 2), 0.0, peaks[i % 7]}));
+  }
+  return images;
+}
+
+// The raw records of the frames, from a session that does not average.
+std::vector<SpotResult> rawRecords(const std::vector<cv::Mat>& frames) {
+  CSpotSession raw(1, 0);
+  std::vector<SpotResult> records;
+  for (const cv::Mat& frame : frames) records.push_back(feed(raw, frame));
+  return records;
+}
+
+double field(const SpotResult& r, int index) { return (&r.total)[index]; }
+
+double middleOfThree(double a, double b, double c) {
+  return std::max(std::min(a, b), std::min(std::max(a, b), c));
+}
+
+// ---------------------------------------------------------------------------
+// Averaging
+// ---------------------------------------------------------------------------
+
+TEST(SpotAveraging, BlocksBelowTwoAreRawMeasurements) {
+  const std::vector<cv::Mat> frames = changingBeam(4);
+  const std::vector<SpotResult> raw = rawRecords(frames);
+  for (const uint32_t blocks : {0u, 1u}) {
+    CSpotSession session(1, blocks);
+    for (size_t i = 0; i < frames.size(); ++i) {
+      const SpotResult r = feed(session, frames[i]);
+      EXPECT_EQ(std::memcmp(&r, &raw[i], sizeof r), 0) << blocks << " frame " << i;
+    }
+    EXPECT_TRUE(isZero(session.results()[0]));  // not used
+  }
+}
+
+TEST(SpotAveraging, BlockOfTwoIsTheMean) {
+  const std::vector<cv::Mat> frames = changingBeam(4);
+  const std::vector<SpotResult> raw = rawRecords(frames);
+  CSpotSession session(1, 2);
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const SpotResult r = feed(session, frames[i]);
+    const size_t blockEnd = i | 1;  // the frame that completes the block
+    if (i == blockEnd) {
+      for (int f = 0; f < 5; ++f) {
+        EXPECT_DOUBLE_EQ(field(r, f), 0.5 * (field(raw[i - 1], f) + field(raw[i], f)))
+            << "field " << f + 1 << " frame " << i;
+      }
+      EXPECT_DOUBLE_EQ(r.ellipticity, std::min(r.majorDiameter, r.minorDiameter) /
+                                          std::max(r.majorDiameter, r.minorDiameter));
+    }
+    for (int f = 6; f < 11; ++f) EXPECT_EQ(field(r, f), field(raw[i], f)) << "field " << f + 1;
+  }
+}
+
+TEST(SpotAveraging, BlockOfThreeTakesTheMiddleValueAndRestarts) {
+  const std::vector<cv::Mat> frames = changingBeam(7);
+  const std::vector<SpotResult> raw = rawRecords(frames);
+  CSpotSession session(1, 3);
+  SpotResult lastAverage{};
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const SpotResult r = feed(session, frames[i]);
+    // Fields 7 to 11 are always the latest frame's.
+    for (int f = 6; f < 11; ++f) EXPECT_EQ(field(r, f), field(raw[i], f)) << "frame " << i;
+    if (i % 3 == 2) {
+      for (int f = 0; f < 5; ++f) {
+        EXPECT_EQ(field(r, f), middleOfThree(field(raw[i - 2], f), field(raw[i - 1], f),
+                                             field(raw[i], f)))
+            << "field " << f + 1 << " frame " << i;
+      }
+      EXPECT_EQ(session.frameIndex(), 0u);
+      lastAverage = r;
+    } else {
+      // Inside a block: zeros before the first block completes, then the
+      // average of the last complete block.
+      for (int f = 0; f < 6; ++f) EXPECT_EQ(field(r, f), field(lastAverage, f)) << "frame " << i;
+      EXPECT_EQ(session.frameIndex(), static_cast<uint32_t>(i % 3 + 1));
+    }
+  }
+  // Reset zeroes the average and starts a new block.
+  session.reset();
+  EXPECT_TRUE(isZero(session.results()[0]));
+  EXPECT_EQ(session.frameIndex(), 0u);
+  const SpotResult after = feed(session, frames[0]);
+  for (int f = 0; f < 6; ++f) EXPECT_EQ(field(after, f), 0.0);
+}
+
+TEST(SpotAveraging, FrameWithoutSignalVoidsTheAverageAndRestartsTheBlock) {
+  const std::vector<cv::Mat> frames = changingBeam(5);
+  const std::vector<SpotResult> raw = rawRecords(frames);
+  const cv::Mat black = cv::Mat::zeros(120, 160, CV_16UC1);
+  CSpotSession session(1, 3);
+  for (int i = 0; i < 3; ++i) feed(session, frames[i]);  // one complete block
+  feed(session, frames[3]);
+  ASSERT_EQ(session.frameIndex(), 1u);
+
+  SpotResult dark{};
+  dark.total = 99;
+  dark = feed(session, black, dark);
+  EXPECT_TRUE(isZero(dark));
+  EXPECT_TRUE(isZero(session.results()[0]));
+  EXPECT_EQ(session.frameIndex(), 0u);
+
+  // The dark frame does not count: the block is the next three frames, and
+  // the average stays void until they are in.
+  SpotResult r{};
+  for (int i = 2; i <= 3; ++i) {
+    r = feed(session, frames[i]);
+    EXPECT_EQ(r.total, 0.0) << i;
+  }
+  r = feed(session, frames[4]);
+  // The aperture restarted after the dark frame, so the raw values of these
+  // frames differ from the uninterrupted ones by a few counts in 500000.
+  const double expected = middleOfThree(raw[2].total, raw[3].total, raw[4].total);
+  EXPECT_NEAR(r.total, expected, 1e-4 * expected);
+}
+
+TEST(SpotAveraging, MultiSpotRecordsAreAveragedSpotBySpot) {
+  auto twoSpots = [](double peak) {
+    cv::Mat image = cv::Mat::zeros(120, 200, CV_16UC1);
+    spottest::drawBeam(image, {50.0, 60.0, 5.0, 5.0, 0.0, peak});
+    spottest::drawBeam(image, {150.0, 60.0, 4.0, 4.0, 0.0, 4000 - peak / 2});
+    return image;
+  };
+  const std::vector<cv::Mat> frames = {twoSpots(3000), twoSpots(2000), twoSpots(2600)};
+  CSpotSession raw(2, 0);
+  std::vector<std::vector<SpotResult>> records;
+  for (const cv::Mat& frame : frames) {
+    std::vector<SpotResult> out(2);
+    raw.onFrame(frame.data, frame.cols, frame.rows, 16, 0, 1, out.data());
+    records.push_back(out);
+  }
+  CSpotSession session(2, 3);
+  std::vector<SpotResult> out(2);
+  for (const cv::Mat& frame : frames) session.onFrame(frame.data, frame.cols, frame.rows, 16, 0, 1, out.data());
+  for (int k = 0; k < 2; ++k) {
+    EXPECT_EQ(out[k].total,
+              middleOfThree(records[0][k].total, records[1][k].total, records[2][k].total));
+    EXPECT_EQ(out[k].apertureX, records[2][k].apertureX);
+  }
+}
+
+TEST(SpotAveraging, TrimmedMean) {
+  const double five[] = {4, 100, 1, 3, 2};
+  EXPECT_DOUBLE_EQ(vantix::trimmedMean(five, 5), 3.0);
+  const double ties[] = {2, 2, 2, 8};
+  EXPECT_DOUBLE_EQ(vantix::trimmedMean(ties, 4), 2.0);
+  const double two[] = {1, 4};
+  EXPECT_DOUBLE_EQ(vantix::trimmedMean(two, 2), 2.5);
+  EXPECT_DOUBLE_EQ(vantix::trimmedMean(two, 1), 1.0);
+}
+
+// ---------------------------------------------------------------------------
+// The pull path through the simulated camera (one child process each, since
+// the SDK binding is process-wide)
+// ---------------------------------------------------------------------------
+
+struct Camera {
+  SimcamApi api{};
+  SimcamCamera* camera = nullptr;
+};
+
+Camera openCamera(uint32_t width, uint32_t height) {
+  Camera c;
+  void* so = dlopen(VANTIX_SIMCAM_PATH, RTLD_NOW | RTLD_LOCAL);
+  EXPECT_NE(so, nullptr) << dlerror();
+  EXPECT_TRUE(simcam_load_api(so, &c.api));
+  c.camera = c.api.open(width, height);
+  return c;
+}
+
+TEST(SpotPull, WithoutSdkNotImplementedThenFramesAreMeasured) {
+  EXPECT_TRUE(vtest::runInChildProcess([] {
+    VantixSpot* session = vantix_spot_new(1, 0);
+    std::vector<uint16_t> buffer(320 * 240, 0xABCD);
+    FrameInfoV2 info{};
+    info.width = 77;
+    SpotResult out{};
+    out.total = 5;
+    EXPECT_EQ(vantix_spot_pull(session, nullptr, 1, buffer.data(), 16, 0, &info, &out),
+              VANTIX_E_NOTIMPL);
+    EXPECT_EQ(info.width, 77u);
+    EXPECT_EQ(out.total, 5);
+
+    Camera cam = openCamera(320, 240);
+    SimcamSpot spot{};
+    spot.centerX = 150.3;
+    spot.centerY = 101.7;
+    spot.sigmaX = 7;
+    spot.sigmaY = 4.5;
+    spot.peak = 0.9;
+    ASSERT_EQ(cam.api.setSpot(cam.camera, &spot, 0.0, 0.0, 1), 0);
+    cam.api.resetStats();
+    for (int i = 0; i < 3; ++i) {
+      ASSERT_EQ(vantix_spot_pull(session, cam.camera, 1, buffer.data(), 16, 0, &info, &out), 0u);
+    }
+    EXPECT_EQ(info.width, 320u);
+    EXPECT_EQ(info.height, 240u);
+    EXPECT_EQ(info.sdkDefined[0], 2u);  // index of the third frame
+    SimcamStats stats{};
+    cam.api.getStats(&stats);
+    EXPECT_EQ(stats.rawFormatCalls, 1u);  // asked once: the camera reports 12
+    EXPECT_NEAR(out.centerX, 150.3, 0.05);
+    EXPECT_NEAR(out.centerY, 101.7, 0.05);
+    EXPECT_LT(std::fabs(out.majorDiameter / 28.0 - 1), 0.005);
+    EXPECT_LT(std::fabs(out.minorDiameter / 18.0 - 1), 0.005);
+    vantix_spot_delete(session);
+    vantix_spot_delete(nullptr);
+  }));
+}
+
+TEST(SpotPull, RawFormatIsAskedWhileTheDepthIsZero) {
+  EXPECT_TRUE(vtest::runInChildProcess([] {
+    Camera cam = openCamera(64, 48);
+    ASSERT_EQ(cam.api.setRawBits(cam.camera, 0), 0);
+    VantixSpot* session = vantix_spot_new(1, 0);
+    std::vector<uint16_t> buffer(64 * 48);
+    cam.api.resetStats();
+    for (int i = 0; i < 3; ++i) vantix_spot_pull(session, cam.camera, 0, buffer.data(), 16, 0, nullptr, nullptr);
+    SimcamStats stats{};
+    cam.api.getStats(&stats);
+    EXPECT_EQ(stats.rawFormatCalls, 3u);
+    vantix_spot_delete(session);
+  }));
+}
+
+TEST(SpotPull, UnsupportedDepthRaisesAfterInfoAndSdkFailureTouchesNothing) {
+  EXPECT_TRUE(vtest::runInChildProcess([] {
+    Camera cam = openCamera(40, 30);
+    VantixSpot* session = vantix_spot_new(1, 0);
+    std::vector<uint8_t> buffer(40 * 30 * 8);
+    FrameInfoV2 info{};
+    SpotResult out{};
+    out.total = 3;
+    try {
+      vantix_spot_pull(session, cam.camera, 1, buffer.data(), 32, 0, &info, &out);
+      ADD_FAILURE() << "no exception";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Unsupported image depth");
+    }
+    EXPECT_EQ(info.width, 40u);
+    EXPECT_EQ(out.total, 3);
+    EXPECT_EQ(vantix_spot_pull(session, cam.camera, 0, buffer.data(), 32, 0, &info, &out), 0u);
+
+    cam.api.setResult(cam.camera, static_cast<int32_t>(0x80070057u));
+    FrameInfoV2 untouched{};
+    untouched.width = 9;
+    EXPECT_EQ(vantix_spot_pull(session, cam.camera, 1, buffer.data(), 16, 0, &untouched, &out),
+              0x80070057u);
+    EXPECT_EQ(untouched.width, 9u);
+    EXPECT_EQ(out.total, 3);
+    cam.api.setResult(cam.camera, 1);  // a positive SDK result is passed on
+    EXPECT_EQ(vantix_spot_pull(session, cam.camera, 1, buffer.data(), 16, 0, &info, &out), 1u);
+    vantix_spot_delete(session);
+  }));
+}
+
+// ---------------------------------------------------------------------------
+// Setters from another thread while frames are measured
+// ---------------------------------------------------------------------------
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int kFrames = 150;
+#else
+constexpr int kFrames = 600;
+#endif
+
+TEST(SpotThreads, RoiIsReadWholeOncePerFrame) {
+  // Two ROIs of different sizes around two spots on a lit background: a
+  // frame measured through any mixture of their values would sum a
+  // different area and give a total matching neither.
+  cv::Mat image(200, 400, CV_16UC1, cv::Scalar(10));
+  spottest::drawBeam(image, {100.0, 100.0, 6.0, 6.0, 0.0, 3000});
+  spottest::drawBeam(image, {300.0, 90.0, 5.0, 5.0, 0.0, 3000});
+  const cv::Rect roiA(20, 40, 160, 120), roiB(230, 10, 150, 170);
+  const SpotAperture everything{200, 100, 1000, 1000};
+  double totals[2];
+  for (int k = 0; k < 2; ++k) {
+    const cv::Rect roi = k == 0 ? roiA : roiB;
+    CSpotSession probe(1, 0);
+    probe.setAperture(everything);
+    probe.setRoi(roi.x, roi.y, roi.width, roi.height);
+    totals[k] = feed(probe, image).total;
+  }
+
+  CSpotSession session(1, 0);
+  session.setAperture(everything);
+  session.setRoi(roiA.x, roiA.y, roiA.width, roiA.height);
+  std::atomic<bool> done{false};
+  std::thread setter([&] {
+    for (int i = 0; !done.load(); ++i) {
+      const cv::Rect roi = i % 2 == 0 ? roiA : roiB;
+      session.setRoi(roi.x, roi.y, roi.width, roi.height);
+    }
+  });
+  int mismatches = 0;
+  for (int i = 0; i < kFrames; ++i) {
+    const double total = feed(session, image).total;
+    mismatches += total != totals[0] && total != totals[1];
+  }
+  done = true;
+  setter.join();
+  EXPECT_EQ(mismatches, 0);
+}
+
+TEST(SpotThreads, ResetAndApertureFromAnotherThreadKeepTheSessionConsistent) {
+  const std::vector<cv::Mat> frames = changingBeam(5);
+  CSpotSession session(1, 3);
+  std::atomic<bool> done{false};
+  std::thread control([&] {
+    for (int i = 0; !done.load(); ++i) {
+      if (i % 3 == 0) {
+        session.reset();
+      } else {
+        session.setAperture({80.0, 60.0, 30.0 + i % 7, 25.0});
+      }
+      session.setEllipseMode(i % 2);
+      std::this_thread::yield();
+    }
+  });
+  for (int i = 0; i < kFrames; ++i) {
+    const SpotResult r = feed(session, frames[i % frames.size()]);
+    // Every record is a complete measurement of the beam or zeros.
+    if (r.total != 0) {
+      EXPECT_NEAR(r.centerX, 81.0, 2.0) << i;
+      EXPECT_NEAR(r.centerY, 59.0, 2.0) << i;
+    }
+    EXPECT_LT(session.frameIndex(), 3u);
+  }
+  done = true;
+  control.join();
+
+  // Afterwards a reset gives the same results as a new session.
+  session.reset();
+  session.setEllipseMode(0);
+  CSpotSession fresh(1, 3);
+  for (int i = 0; i < 3; ++i) {
+    const SpotResult a = feed(session, frames[i]);
+    const SpotResult b = feed(fresh, frames[i]);
+    EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0) << i;
+  }
+}
+
+TEST(SpotThreads, SessionsOnSeveralThreadsAreIndependent) {
+  const std::vector<cv::Mat> frames = changingBeam(3);
+  const std::vector<SpotResult> raw = rawRecords(frames);
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&] {
+      CSpotSession session(1, 0);
+      for (int i = 0; i < kFrames / 10; ++i) {
+        if (i % 3 == 0) session.reset();
+        const SpotResult r = feed(session, frames[i % 3]);
+        wrong += std::memcmp(&r, &raw[i % 3], sizeof r) != 0;
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+}  // namespace
