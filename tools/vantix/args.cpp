@@ -79,7 +79,11 @@ Args::Args(std::string command, const std::vector<std::string>& argv,
   if (positionals_.size() < positionalNames.size()) {
     throwUsage("missing argument " + positionalNames[positionals_.size()]);
   }
-  if (positionals_.size() > positionalNames.size()) {
+  // A last name ending in "..." takes any number of further arguments.
+  const bool variadic = !positionalNames.empty() && positionalNames.back().size() > 3 &&
+                        positionalNames.back().compare(positionalNames.back().size() - 3, 3,
+                                                       "...") == 0;
+  if (!variadic && positionals_.size() > positionalNames.size()) {
     throwUsage("unexpected argument '" + positionals_[positionalNames.size()] + "'");
   }
 }

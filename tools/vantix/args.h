@@ -24,13 +24,15 @@ struct OptionSpec {
 class Args {
  public:
   // `positionalNames` are the names of the required positional arguments
-  // (used in "missing IN" messages).
+  // (used in "missing IN" messages); a last name ending in "..." (such as
+  // "IMAGE...") accepts one or more arguments.
   Args(std::string command, const std::vector<std::string>& argv,
        const std::vector<OptionSpec>& options, const std::vector<std::string>& positionalNames);
 
   bool helpRequested() const { return help_; }
   const std::string& command() const { return command_; }
   const std::string& positional(size_t index) const { return positionals_.at(index); }
+  size_t positionalCount() const { return positionals_.size(); }
   std::optional<std::string> option(const std::string& name) const;
   bool flag(const std::string& name) const { return values_.count(name) != 0; }
 
