@@ -48,8 +48,9 @@ const SimcamApi& simcam() {
   return api;
 }
 
-// A camera showing `spots` moving, breathing Gaussian spots on a dark
-// background with a little noise.
+// A camera showing `spots` moving, breathing Gaussian spots.  One spot is
+// shown on black (a camera whose dark level is subtracted), several on a
+// dark background with a little noise, which the segmentation copes with.
 SimcamCamera* openCamera(int width, int height, int spots) {
   const SimcamApi& sim = simcam();
   SimcamCamera* camera = sim.open(width, height);
@@ -68,7 +69,8 @@ SimcamCamera* openCamera(int width, int height, int spots) {
     s.breathPeriod = 25;
     list.push_back(s);
   }
-  sim.setSpots(camera, list.data(), static_cast<uint32_t>(list.size()), 0.02, 0.002, 7);
+  const double background = spots == 1 ? 0.0 : 0.02, noise = spots == 1 ? 0.0 : 0.002;
+  sim.setSpots(camera, list.data(), static_cast<uint32_t>(list.size()), background, noise, 7);
   return camera;
 }
 
@@ -115,8 +117,12 @@ void BM_SpotMeasure(benchmark::State& state) {
   for (int i = 0; i < kFrames; ++i) simcam().render(camera, i, frames[i].data(), 16, 0);
   vantix::CSpotSession session(static_cast<uint32_t>(spots), 0);
   std::vector<SpotResult> out(spots);
+  // Mode 1: reset before every frame, so that the single spot is measured
+  // in the whole-frame aperture (the first frame, or one after signal loss).
+  const bool wholeFrame = state.range(3) == 1;
   int i = 0;
   for (auto _ : state) {
+    if (wholeFrame) session.reset();
     session.onFrame(frames[i % kFrames].data(), width, height, 16, 0, 1, out.data());
     benchmark::DoNotOptimize(out.data());
     ++i;
@@ -133,7 +139,17 @@ void sizes(benchmark::internal::Benchmark* b) {
   b->ArgNames({"w", "h", "spots"})->Unit(benchmark::kMillisecond)->UseRealTime();
 }
 
-BENCHMARK(BM_SpotMeasure)->Apply(sizes);
+void measureCases(benchmark::internal::Benchmark* b) {
+  for (const int spots : {1, 3}) {
+    for (const int whole : spots == 1 ? std::vector<int>{0, 1} : std::vector<int>{0}) {
+      b->Args({1920, 1200, spots, whole});
+      b->Args({2448, 2048, spots, whole});
+    }
+  }
+  b->ArgNames({"w", "h", "spots", "wholeFrame"})->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+
+BENCHMARK(BM_SpotMeasure)->Apply(measureCases);
 BENCHMARK(BM_SpotPull)->Apply(sizes);
 BENCHMARK(BM_SdkPullOnly)->Apply(sizes);
 

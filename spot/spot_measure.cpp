@@ -5,7 +5,6 @@
 #include <cstring>
 #include <limits>
 #include <stdexcept>
-#include <type_traits>
 
 #include <opencv2/imgproc.hpp>
 
@@ -13,12 +12,6 @@ namespace vantix {
 namespace {
 
 constexpr double kPi = 3.141592653589793;
-
-// Integer frames are summed in 64-bit integers: every partial sum of
-// I, x * I and y * I is then exact, whatever the order of summation, and
-// equals what a summation in doubles of the same products gives.
-template <typename T>
-using Accumulator = std::conditional_t<std::is_floating_point_v<T>, double, int64_t>;
 
 // ---------------------------------------------------------------------------
 // Ellipse rows
@@ -87,11 +80,6 @@ bool ellipseRowSpan(const Ellipse& e, int y, int width, int offsetX, int offsetY
 // Moments
 // ---------------------------------------------------------------------------
 
-// Raw sums of the first pass.
-struct FirstMoments {
-  double s = 0, sx = 0, sy = 0;
-};
-
 // Sums of the second pass taken about an integer reference point (x0, y0)
 // near the centre, so that no large terms cancel: t0 = sum I, tx = sum I x',
 // ty = sum I y', txx = sum I x'^2, tyy = sum I y'^2, txy = sum I x' y'.
@@ -121,110 +109,104 @@ double referenceOf(double centre) {
   return std::round(std::clamp(centre, -1e9, 1e9));
 }
 
-// First pass of the single spot: sums over the ellipse's rows.
-template <typename T>
-FirstMoments ellipseFirstPass(const cv::Mat& view, const Ellipse& e, int offsetX, int offsetY) {
-  using Acc = Accumulator<T>;
-  Acc s = 0, sx = 0, sy = 0;
-  for (int y = 0; y < view.rows; ++y) {
-    int first = 0, last = 0;
-    if (!ellipseRowSpan(e, y, view.cols, offsetX, offsetY, first, last)) continue;
-    const T* row = view.ptr<T>(y);
-    Acc rowS = 0, rowSx = 0;
-    for (int x = first; x <= last; ++x) {
-      const Acc value = static_cast<Acc>(row[x]);
-      rowS += value;
-      rowSx += static_cast<Acc>(x) * value;
+// Sums of one row span about the reference column x0: r0 = sum I,
+// r1 = sum I (x - x0), r2 = sum I (x - x0)^2, optionally over the pixels
+// with I > 0 only.  Two independent sets of accumulators keep the
+// floating-point units busy.  For 8- and 16-bit pixels every term and every
+// partial sum of r0 and r1 is an integer below 2^53, so they are exact.
+template <typename T, bool kPositiveOnly>
+void spanSums(const T* row, int first, int last, int x0, double& r0, double& r1, double& r2) {
+  double a0 = 0, a1 = 0, a2 = 0, b0 = 0, b1 = 0, b2 = 0;
+  double dx = static_cast<double>(first - x0);
+  int x = first;
+  for (; x + 1 <= last; x += 2, dx += 2.0) {
+    double v = static_cast<double>(row[x]);
+    double w = static_cast<double>(row[x + 1]);
+    if (kPositiveOnly) {
+      v = row[x] > 0 ? v : 0.0;
+      w = row[x + 1] > 0 ? w : 0.0;
     }
-    s += rowS;
-    sx += rowSx;
-    sy += static_cast<Acc>(y) * rowS;
+    const double vx = v * dx;
+    const double wx = w * (dx + 1.0);
+    a0 += v;
+    a1 += vx;
+    a2 += vx * dx;
+    b0 += w;
+    b1 += wx;
+    b2 += wx * (dx + 1.0);
   }
-  return {static_cast<double>(s), static_cast<double>(sx), static_cast<double>(sy)};
+  if (x <= last) {
+    double v = static_cast<double>(row[x]);
+    if (kPositiveOnly && !(row[x] > 0)) v = 0.0;
+    a0 += v;
+    a1 += v * dx;
+    a2 += v * dx * dx;
+  }
+  r0 = a0 + b0;
+  r1 = a1 + b1;
+  r2 = a2 + b2;
 }
 
-// Second pass of the single spot: the pixels with I > 0 inside the ellipse.
-template <typename T>
-CentralSums ellipseSecondPass(const cv::Mat& view, const Ellipse& e, int offsetX, int offsetY,
-                              int x0, int y0) {
-  using Acc = Accumulator<T>;
+// Sums over the pixels inside an ellipse, about the reference (x0, y0) in
+// view coordinates.
+template <typename T, bool kPositiveOnly>
+CentralSums ellipseSums(const cv::Mat& view, const Ellipse& e, int offsetX, int offsetY, int x0,
+                        int y0) {
   CentralSums t;
   for (int y = 0; y < view.rows; ++y) {
     int first = 0, last = 0;
     if (!ellipseRowSpan(e, y, view.cols, offsetX, offsetY, first, last)) continue;
-    const T* row = view.ptr<T>(y);
-    Acc r0 = 0, r1 = 0, r2 = 0;
-    for (int x = first; x <= last; ++x) {
-      const T value = row[x];
-      if (!(value > 0)) continue;
-      const Acc v = static_cast<Acc>(value);
-      const Acc dx = static_cast<Acc>(x - x0);
-      r0 += v;
-      r1 += v * dx;
-      r2 += v * dx * dx;
-    }
+    double r0 = 0, r1 = 0, r2 = 0;
+    spanSums<T, kPositiveOnly>(view.ptr<T>(y), first, last, x0, r0, r1, r2);
     const double dy = static_cast<double>(y - y0);
-    t.t0 += static_cast<double>(r0);
-    t.tx += static_cast<double>(r1);
-    t.txx += static_cast<double>(r2);
-    t.ty += dy * static_cast<double>(r0);
-    t.tyy += dy * dy * static_cast<double>(r0);
-    t.txy += dy * static_cast<double>(r1);
+    t.t0 += r0;
+    t.tx += r1;
+    t.txx += r2;
+    t.ty += dy * r0;
+    t.tyy += dy * dy * r0;
+    t.txy += dy * r1;
   }
   return t;
 }
 
-// First and second pass over a box of the view, over the pixels whose label
-// is 0 or `own` (the multi-spot measurement).  Returns false when S is 0.
+// Sums over a box of the view about (x0, y0), over the pixels that belong
+// to the background or to component `own`: the runs of other components are
+// left out.
 template <typename T>
-bool boxMoments(const cv::Mat& view, const cv::Mat& labels, const cv::Rect& box, int own,
-                FirstMoments& first, SecondMoments& second) {
-  using Acc = Accumulator<T>;
-  Acc s = 0, sx = 0, sy = 0;
-  for (int y = box.y; y < box.y + box.height; ++y) {
-    const T* row = view.ptr<T>(y);
-    const int32_t* label = labels.ptr<int32_t>(y);
-    Acc rowS = 0, rowSx = 0;
-    for (int x = box.x; x < box.x + box.width; ++x) {
-      if (label[x] != 0 && label[x] != own) continue;
-      const Acc value = static_cast<Acc>(row[x]);
-      rowS += value;
-      rowSx += static_cast<Acc>(x) * value;
-    }
-    s += rowS;
-    sx += rowSx;
-    sy += static_cast<Acc>(y) * rowS;
-  }
-  first = {static_cast<double>(s), static_cast<double>(sx), static_cast<double>(sy)};
-  if (first.s == 0) return false;
-  const double cx = first.sx / first.s;
-  const double cy = first.sy / first.s;
-  const double x0 = referenceOf(cx);
-  const double y0 = referenceOf(cy);
-  const int ix0 = static_cast<int>(x0);
+CentralSums boxSums(const cv::Mat& view, const std::vector<SpotRun>& runs,
+                    const std::vector<int>& rowStart, const cv::Rect& box, int own, int x0,
+                    int y0) {
   CentralSums t;
+  const int end = box.x + box.width;
   for (int y = box.y; y < box.y + box.height; ++y) {
     const T* row = view.ptr<T>(y);
-    const int32_t* label = labels.ptr<int32_t>(y);
-    Acc r0 = 0, r1 = 0, r2 = 0;
-    for (int x = box.x; x < box.x + box.width; ++x) {
-      if (label[x] != 0 && label[x] != own) continue;
-      const Acc v = static_cast<Acc>(row[x]);
-      const Acc dx = static_cast<Acc>(x - ix0);
-      r0 += v;
-      r1 += v * dx;
-      r2 += v * dx * dx;
+    double r0 = 0, r1 = 0, r2 = 0;
+    auto addSpan = [&](int first, int last) {
+      if (first > last) return;
+      double s0 = 0, s1 = 0, s2 = 0;
+      spanSums<T, false>(row, first, last, x0, s0, s1, s2);
+      r0 += s0;
+      r1 += s1;
+      r2 += s2;
+    };
+    int cursor = box.x;
+    for (int i = rowStart[y]; i < rowStart[y + 1] && cursor < end; ++i) {
+      const SpotRun& run = runs[i];
+      if (run.label == own || run.last < cursor) continue;
+      if (run.first >= end) break;
+      addSpan(cursor, run.first - 1);
+      cursor = run.last + 1;
     }
-    const double dy = static_cast<double>(y) - y0;
-    t.t0 += static_cast<double>(r0);
-    t.tx += static_cast<double>(r1);
-    t.txx += static_cast<double>(r2);
-    t.ty += dy * static_cast<double>(r0);
-    t.tyy += dy * dy * static_cast<double>(r0);
-    t.txy += dy * static_cast<double>(r1);
+    addSpan(cursor, end - 1);
+    const double dy = static_cast<double>(y - y0);
+    t.t0 += r0;
+    t.tx += r1;
+    t.txx += r2;
+    t.ty += dy * r0;
+    t.tyy += dy * dy * r0;
+    t.txy += dy * r1;
   }
-  second = centralMoments(t, x0, y0, cx, cy, first.s);
-  return true;
+  return t;
 }
 
 // Calls fn.template operator()<T>() with the pixel type of a measurement frame.
@@ -403,28 +385,51 @@ SpotOutcome measureSingleSpot(const cv::Mat& frame, const SpotRoi& roi, bool ell
     c = std::cos(theta);
     s = std::sin(theta);
   }
-  const Ellipse turned = makeEllipse(aperture, c, s);
-  const FirstMoments first = dispatchDepth(frame, [&](auto pixel) {
-    return ellipseFirstPass<decltype(pixel)>(view, turned, rect.x, rect.y);
-  });
-  if (first.s == 0) {
-    state.autoAperture.a = -1.0;
-    return SpotOutcome::kNoSignal;
-  }
-  const double cx = first.sx / first.s;
-  const double cy = first.sy / first.s;
-
-  // The second moments are taken over the same ellipse, axis-aligned even
-  // when the first pass turned it: the trimming of the variance is then the
-  // same in both measurement modes.
+  // The second moments are taken over the same ellipse tested axis-aligned,
+  // also when the centre's sums used it turned: results in ellipse mode are
+  // defined with this trimming, so it is kept.
   const Ellipse straight = makeEllipse(aperture, 1.0, 0.0);
-  const double x0 = referenceOf(cx);
-  const double y0 = referenceOf(cy);
-  const CentralSums sums = dispatchDepth(frame, [&](auto pixel) {
-    return ellipseSecondPass<decltype(pixel)>(view, straight, rect.x, rect.y,
-                                              static_cast<int>(x0), static_cast<int>(y0));
-  });
-  const SecondMoments m = centralMoments(sums, x0, y0, cx, cy, first.s);
+  double total = 0, cx = 0, cy = 0;
+  SecondMoments m;
+  if (c == 1.0 && s == 0.0 && frame.depth() != CV_64F) {
+    // Both passes cover the same pixels, and with non-negative pixels the
+    // I > 0 condition changes nothing: one pass gathers the sums of both,
+    // about a reference near the aperture's centre.
+    const int x0 = static_cast<int>(
+        std::clamp(referenceOf(aperture.centerX - rect.x), 0.0, view.cols - 1.0));
+    const int y0 = static_cast<int>(
+        std::clamp(referenceOf(aperture.centerY - rect.y), 0.0, view.rows - 1.0));
+    const CentralSums sums = dispatchDepth(frame, [&](auto pixel) {
+      return ellipseSums<decltype(pixel), false>(view, straight, rect.x, rect.y, x0, y0);
+    });
+    total = sums.t0;
+    if (total == 0) {
+      state.autoAperture.a = -1.0;
+      return SpotOutcome::kNoSignal;
+    }
+    cx = x0 + sums.tx / total;
+    cy = y0 + sums.ty / total;
+    m = centralMoments(sums, x0, y0, cx, cy, total);
+  } else {
+    const Ellipse turned = makeEllipse(aperture, c, s);
+    const CentralSums first = dispatchDepth(frame, [&](auto pixel) {
+      return ellipseSums<decltype(pixel), false>(view, turned, rect.x, rect.y, 0, 0);
+    });
+    total = first.t0;
+    if (total == 0) {
+      state.autoAperture.a = -1.0;
+      return SpotOutcome::kNoSignal;
+    }
+    cx = first.tx / total;
+    cy = first.ty / total;
+    const double x0 = referenceOf(cx);
+    const double y0 = referenceOf(cy);
+    const CentralSums sums = dispatchDepth(frame, [&](auto pixel) {
+      return ellipseSums<decltype(pixel), true>(view, straight, rect.x, rect.y,
+                                                static_cast<int>(x0), static_cast<int>(y0));
+    });
+    m = centralMoments(sums, x0, y0, cx, cy, total);
+  }
   const SpotShape shape = spotShape(m.xx, m.yy, m.xy, ellipseMode);
 
   state.autoAperture.centerX = cx + rect.x;
@@ -433,7 +438,7 @@ SpotOutcome measureSingleSpot(const cv::Mat& frame, const SpotRoi& roi, bool ell
   state.autoAperture.b = ellipseMode ? shape.larger : shape.second;
   state.angle = shape.angle;
 
-  fillRecord(out, first.s, cx + rect.x, cy + rect.y, shape);
+  fillRecord(out, total, cx + rect.x, cy + rect.y, shape);
   const SpotAperture& used = state.useAutoAperture ? state.autoAperture : state.userAperture;
   out.apertureX = used.centerX;
   out.apertureY = used.centerY;
@@ -447,8 +452,8 @@ SpotOutcome measureSingleSpot(const cv::Mat& frame, const SpotRoi& roi, bool ell
 // ---------------------------------------------------------------------------
 
 MultiSpotWorkspace::MultiSpotWorkspace() {
-  // Room for 1000 labels before the first frame; connectedComponentsWithStats
-  // resizes them to the label count of each frame.
+  // Room for 1000 labels before the first frame; the labelling resizes them
+  // to the label count of each frame.
   stats.create(1000, 5, CV_32S);
   centroids.create(1000, 2, CV_64F);
   labelSums.reserve(1000);
@@ -456,49 +461,142 @@ MultiSpotWorkspace::MultiSpotWorkspace() {
 
 namespace {
 
-// Sums of the view's values per label, for the labels marked in `wanted`.
-// Small components are summed over their bounding boxes; when those boxes
-// together would cover more than the view, one pass over the view is cheaper.
+// Sums of the view's values per label, for the labels marked in `wanted`,
+// run by run.
 template <typename T>
-void sumLabels(const cv::Mat& view, const cv::Mat& labels, const cv::Mat& stats,
+void sumLabels(const cv::Mat& view, const std::vector<SpotRun>& runs,
                const std::vector<char>& wanted, std::vector<double>& sums) {
-  using Acc = Accumulator<T>;
-  const int count = stats.rows;
-  sums.assign(count, 0.0);
-  int64_t boxPixels = 0;
-  for (int label = 1; label < count; ++label) {
-    if (!wanted[label]) continue;
-    const int32_t* st = stats.ptr<int32_t>(label);
-    boxPixels += static_cast<int64_t>(st[cv::CC_STAT_WIDTH]) * st[cv::CC_STAT_HEIGHT];
+  sums.assign(wanted.size(), 0.0);
+  for (const SpotRun& run : runs) {
+    if (!wanted[run.label]) continue;
+    double s0 = 0, s1 = 0, s2 = 0;
+    spanSums<T, false>(view.ptr<T>(run.y), run.first, run.last, run.first, s0, s1, s2);
+    sums[run.label] += s0;
   }
-  if (boxPixels < static_cast<int64_t>(view.total())) {
-    for (int label = 1; label < count; ++label) {
-      if (!wanted[label]) continue;
-      const int32_t* st = stats.ptr<int32_t>(label);
-      Acc sum = 0;
-      for (int y = st[cv::CC_STAT_TOP]; y < st[cv::CC_STAT_TOP] + st[cv::CC_STAT_HEIGHT]; ++y) {
-        const T* row = view.ptr<T>(y);
-        const int32_t* lab = labels.ptr<int32_t>(y);
-        for (int x = st[cv::CC_STAT_LEFT]; x < st[cv::CC_STAT_LEFT] + st[cv::CC_STAT_WIDTH]; ++x) {
-          if (lab[x] == label) sum += static_cast<Acc>(row[x]);
-        }
-      }
-      sums[label] = static_cast<double>(sum);
-    }
-    return;
+}
+
+int findRoot(std::vector<int>& parent, int i) {
+  while (parent[i] != i) {
+    parent[i] = parent[parent[i]];
+    i = parent[i];
   }
-  std::vector<Acc> acc(count, 0);
-  for (int y = 0; y < view.rows; ++y) {
-    const T* row = view.ptr<T>(y);
-    const int32_t* lab = labels.ptr<int32_t>(y);
-    for (int x = 0; x < view.cols; ++x) {
-      if (lab[x] > 0) acc[lab[x]] += static_cast<Acc>(row[x]);
-    }
+  return i;
+}
+
+// The first column at or after x whose byte is non-zero (or `end`).
+int nextForeground(const uint8_t* row, int x, int end) {
+  while (x < end && (x & 7) != 0 && row[x] == 0) ++x;
+  while (x + 8 <= end) {
+    uint64_t chunk;
+    std::memcpy(&chunk, row + x, sizeof chunk);
+    if (chunk != 0) break;
+    x += 8;
   }
-  for (int label = 1; label < count; ++label) sums[label] = static_cast<double>(acc[label]);
+  while (x < end && row[x] == 0) ++x;
+  return x;
 }
 
 }  // namespace
+
+int labelRuns(const cv::Mat& binary, MultiSpotWorkspace& work) {
+  CV_Assert(binary.type() == CV_8UC1);
+  std::vector<SpotRun>& runs = work.runs;
+  std::vector<int>& rowStart = work.rowStart;
+  std::vector<int>& parent = work.parent;
+  runs.clear();
+  parent.clear();
+  rowStart.assign(binary.rows + 1, 0);
+  const int width = binary.cols;
+  int previousStart = 0;
+  for (int y = 0; y < binary.rows; ++y) {
+    const uint8_t* row = binary.ptr<uint8_t>(y);
+    const int start = static_cast<int>(runs.size());
+    rowStart[y] = start;
+    int above = previousStart;  // first run of the row above that may touch
+    for (int x = nextForeground(row, 0, width); x < width;
+         x = nextForeground(row, x, width)) {
+      const int first = x;
+      while (x < width && row[x] != 0) ++x;
+      const int last = x - 1;
+      const int index = static_cast<int>(runs.size());
+      runs.push_back({y, first, last, 0});
+      parent.push_back(index);
+      // 8-connected to the runs above that reach columns first-1..last+1.
+      while (above < start && runs[above].last < first - 1) ++above;
+      for (int j = above; j < start && runs[j].first <= last + 1; ++j) {
+        const int a = findRoot(parent, index);
+        const int b = findRoot(parent, j);
+        if (a != b) parent[std::max(a, b)] = std::min(a, b);
+      }
+    }
+    previousStart = start;
+  }
+  rowStart[binary.rows] = static_cast<int>(runs.size());
+
+  // Labels in the order in which a scan of 2 x 2 blocks, row of blocks by
+  // row of blocks, meets each component first (the order of OpenCV's block
+  // labelling, so that candidates of equal intensity keep the same order).
+  std::vector<int64_t>& firstBlock = work.firstBlock;
+  firstBlock.assign(runs.size(), std::numeric_limits<int64_t>::max());
+  std::vector<int>& roots = work.roots;
+  roots.clear();
+  for (size_t i = 0; i < runs.size(); ++i) {
+    const int root = findRoot(parent, static_cast<int>(i));
+    if (root == static_cast<int>(i)) roots.push_back(root);
+    const int64_t block = (static_cast<int64_t>(runs[i].y >> 1) << 32) | (runs[i].first >> 1);
+    firstBlock[root] = std::min(firstBlock[root], block);
+  }
+  std::sort(roots.begin(), roots.end(),
+            [&](int a, int b) { return firstBlock[a] < firstBlock[b]; });
+  for (size_t k = 0; k < roots.size(); ++k) runs[roots[k]].label = static_cast<int>(k) + 1;
+  for (size_t i = 0; i < runs.size(); ++i) {
+    runs[i].label = runs[findRoot(parent, static_cast<int>(i))].label;
+  }
+  const int count = static_cast<int>(roots.size()) + 1;
+
+  work.stats.create(count, 5, CV_32S);
+  work.centroids.create(count, 2, CV_64F);
+  std::vector<int64_t> right(count, -1), bottom(count, -1);
+  std::vector<double> sumX(count, 0.0), sumY(count, 0.0);
+  for (int label = 0; label < count; ++label) {
+    int32_t* st = work.stats.ptr<int32_t>(label);
+    st[cv::CC_STAT_LEFT] = width;
+    st[cv::CC_STAT_TOP] = binary.rows;
+    st[cv::CC_STAT_AREA] = 0;
+  }
+  int64_t foreground = 0;
+  for (const SpotRun& run : runs) {
+    int32_t* st = work.stats.ptr<int32_t>(run.label);
+    const int length = run.last - run.first + 1;
+    st[cv::CC_STAT_LEFT] = std::min(st[cv::CC_STAT_LEFT], run.first);
+    st[cv::CC_STAT_TOP] = std::min(st[cv::CC_STAT_TOP], run.y);
+    right[run.label] = std::max<int64_t>(right[run.label], run.last);
+    bottom[run.label] = std::max<int64_t>(bottom[run.label], run.y);
+    st[cv::CC_STAT_AREA] += length;
+    sumX[run.label] += 0.5 * (static_cast<double>(run.first) + run.last) * length;
+    sumY[run.label] += static_cast<double>(run.y) * length;
+    foreground += length;
+  }
+  for (int label = 1; label < count; ++label) {
+    int32_t* st = work.stats.ptr<int32_t>(label);
+    st[cv::CC_STAT_WIDTH] = static_cast<int32_t>(right[label] - st[cv::CC_STAT_LEFT] + 1);
+    st[cv::CC_STAT_HEIGHT] = static_cast<int32_t>(bottom[label] - st[cv::CC_STAT_TOP] + 1);
+    double* c = work.centroids.ptr<double>(label);
+    c[0] = sumX[label] / st[cv::CC_STAT_AREA];
+    c[1] = sumY[label] / st[cv::CC_STAT_AREA];
+  }
+  // The background's row holds its area only (nothing here reads the rest).
+  int32_t* background = work.stats.ptr<int32_t>(0);
+  background[cv::CC_STAT_LEFT] = 0;
+  background[cv::CC_STAT_TOP] = 0;
+  background[cv::CC_STAT_WIDTH] = width;
+  background[cv::CC_STAT_HEIGHT] = binary.rows;
+  background[cv::CC_STAT_AREA] =
+      static_cast<int32_t>(static_cast<int64_t>(binary.rows) * width - foreground);
+  work.centroids.at<double>(0, 0) = 0.0;
+  work.centroids.at<double>(0, 1) = 0.0;
+  return count;
+}
 
 bool measureMultiSpot(const cv::Mat& frame, const SpotRoi& roi, bool ellipseMode,
                       uint32_t spotCount, MultiSpotWorkspace& work, SpotResult* out) {
@@ -529,8 +627,7 @@ bool measureMultiSpot(const cv::Mat& frame, const SpotRoi& roi, bool ellipseMode
     zeroAll();
     return false;
   }
-  const int count = cv::connectedComponentsWithStats(work.binary, work.labels, work.stats,
-                                                     work.centroids, 8, CV_32S);
+  const int count = labelRuns(work.binary, work);
 
   std::vector<char> wanted(count, 0);
   for (int label = 1; label < count; ++label) {
@@ -540,7 +637,7 @@ bool measureMultiSpot(const cv::Mat& frame, const SpotRoi& roi, bool ellipseMode
     wanted[label] = area >= kMinSpotArea && area / box >= kMinSpotFill;
   }
   dispatchDepth(frame, [&](auto pixel) {
-    sumLabels<decltype(pixel)>(view, work.labels, work.stats, wanted, work.labelSums);
+    sumLabels<decltype(pixel)>(view, work.runs, wanted, work.labelSums);
   });
   for (int label = 1; label < count; ++label) {
     if (!wanted[label]) continue;
@@ -590,15 +687,20 @@ bool measureMultiSpot(const cv::Mat& frame, const SpotRoi& roi, bool ellipseMode
                        static_cast<int>(std::floor(x1 - x0)),
                        static_cast<int>(std::floor(y1 - y0)));
 
-    FirstMoments first;
-    SecondMoments second;
-    const bool signal = dispatchDepth(frame, [&](auto pixel) {
-      return boxMoments<decltype(pixel)>(view, work.labels, box, own.label, first, second);
+    // One pass gathers both the centre's and the second moments' sums (the
+    // same pixels, no condition on I), about the middle of the box.
+    const int refX = box.x + box.width / 2;
+    const int refY = box.y + box.height / 2;
+    const CentralSums sums = dispatchDepth(frame, [&](auto pixel) {
+      return boxSums<decltype(pixel)>(view, work.runs, work.rowStart, box, own.label, refX, refY);
     });
-    if (!signal) break;  // the spots found so far are kept
+    if (sums.t0 == 0) break;  // the spots found so far are kept
+    const double cx = refX + sums.tx / sums.t0;
+    const double cy = refY + sums.ty / sums.t0;
+    const SecondMoments second = centralMoments(sums, refX, refY, cx, cy, sums.t0);
     const SpotShape shape = spotShape(second.xx, second.yy, second.xy, ellipseMode);
     SpotResult record{};
-    fillRecord(record, first.s, first.sx / first.s + rect.x, first.sy / first.s + rect.y, shape);
+    fillRecord(record, sums.t0, cx + rect.x, cy + rect.y, shape);
     record.apertureX = rect.x + box.x + box.width / 2;
     record.apertureY = rect.y + box.y + box.height / 2;
     record.apertureA = box.width / 2;

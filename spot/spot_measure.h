@@ -119,13 +119,26 @@ struct SpotCandidate {
   double sum;
 };
 
+// A horizontal run of foreground pixels of a binary image: row y, columns
+// first..last (inclusive), and the label of its component.
+struct SpotRun {
+  int32_t y;
+  int32_t first;
+  int32_t last;
+  int32_t label;
+};
+
 // Matrices and sequences of the multi-spot measurement, kept from frame to
 // frame so that frames of one size allocate nothing new.
 struct MultiSpotWorkspace {
   cv::Mat scaled;     // the view stretched to 8 bits
   cv::Mat blurred;    // 3x3 Gaussian of it
   cv::Mat binary;     // Otsu threshold of that
-  cv::Mat labels;     // 32-bit labels
+  std::vector<SpotRun> runs;  // the components, run by run
+  std::vector<int> rowStart;
+  std::vector<int> parent;    // union-find of the runs
+  std::vector<int> roots;
+  std::vector<int64_t> firstBlock;
   cv::Mat stats;      // one row a label: left, top, width, height, area (32-bit)
   cv::Mat centroids;  // one row a label: x, y (doubles)
   std::vector<double> labelSums;
@@ -134,6 +147,18 @@ struct MultiSpotWorkspace {
   double lastThreshold = 0;  // Otsu level of the last frame (for tests)
   MultiSpotWorkspace();
 };
+
+// The 8-connected components of a binary image (non-zero is foreground),
+// labelled 1, 2, ... in the order in which a raster scan of 2 x 2 blocks
+// meets them, as cv::connectedComponentsWithStats labels them (one
+// thread), with the same statistics
+// (one row a label: left, top, width, height, area as 32-bit integers) and
+// centroids (x, y as doubles); row 0 (the background) holds only its area.  Works on runs rather
+// than pixels: a frame that is mostly background costs little more than
+// reading it.  Fills work.runs (raster order, labelled), work.rowStart
+// (row y's runs start at rowStart[y]; rows + 1 entries), work.stats and
+// work.centroids.  Returns the number of labels including the background.
+int labelRuns(const cv::Mat& binary, MultiSpotWorkspace& work);
 
 // Smallest component and smallest share of its bounding box that count as a
 // spot; Otsu levels below kMinOtsuLevel mean that the frame holds no spot.

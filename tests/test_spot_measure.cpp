@@ -528,6 +528,47 @@ TEST(MultiSpot, SmallOrSparseComponentsAreNeverReported) {
   EXPECT_TRUE(isZero(r[2]));
 }
 
+TEST(MultiSpot, RunLabellingMatchesTheLibraryLabelling) {
+  // Binary images with blobs, diagonal chains (8-connected only), isolated
+  // pixels, runs touching the borders and odd widths: same labels, boxes,
+  // areas and centroids as cv::connectedComponentsWithStats.
+  for (uint64_t seed = 1; seed <= 6; ++seed) {
+    cv::RNG rng(seed);
+    const int width = 37 + static_cast<int>(seed) * 29, height = 23 + static_cast<int>(seed) * 17;
+    cv::Mat binary = cv::Mat::zeros(height, width, CV_8UC1);
+    for (int i = 0; i < 12; ++i) {
+      const cv::Point c(rng.uniform(0, width), rng.uniform(0, height));
+      cv::ellipse(binary, c, cv::Size(rng.uniform(1, 12), rng.uniform(1, 9)), rng.uniform(0, 180),
+                  0, 360, cv::Scalar(255), cv::FILLED);
+    }
+    for (int i = 0; i < 40; ++i) binary.at<uint8_t>(rng.uniform(0, height), rng.uniform(0, width)) = 255;
+    for (int i = 0; i < 6 && i < height && i < width; ++i) binary.at<uint8_t>(i, i) = 255;
+    cv::rectangle(binary, cv::Rect(0, height - 2, width, 2), cv::Scalar(seed % 2 ? 255 : 0), cv::FILLED);
+
+    cv::Mat labels, stats, centroids;
+    const int threads = cv::getNumThreads();
+    cv::setNumThreads(1);  // the reference is the sequential block labelling
+    const int expected = cv::connectedComponentsWithStats(binary, labels, stats, centroids, 8, CV_32S);
+    cv::setNumThreads(threads);
+    vantix::MultiSpotWorkspace work;
+    ASSERT_EQ(vantix::labelRuns(binary, work), expected) << seed;
+    for (int label = 1; label < expected; ++label) {
+      for (int k = 0; k < 5; ++k) {
+        ASSERT_EQ(work.stats.at<int32_t>(label, k), stats.at<int32_t>(label, k))
+            << "seed " << seed << " label " << label << " column " << k;
+      }
+      EXPECT_NEAR(work.centroids.at<double>(label, 0), centroids.at<double>(label, 0), 1e-9);
+      EXPECT_NEAR(work.centroids.at<double>(label, 1), centroids.at<double>(label, 1), 1e-9);
+    }
+    EXPECT_EQ(work.stats.at<int32_t>(0, cv::CC_STAT_AREA), stats.at<int32_t>(0, cv::CC_STAT_AREA));
+    for (const vantix::SpotRun& run : work.runs) {
+      for (int x = run.first; x <= run.last; ++x) {
+        ASSERT_EQ(labels.at<int32_t>(run.y, x), run.label) << seed;
+      }
+    }
+  }
+}
+
 TEST(MultiSpot, BoxesAreCutHalfWayBetweenNeighbours) {
   // Two spots whose widened boxes overlap: each box ends at the midpoint, so
   // neither spot's light enters the other's measurement.
