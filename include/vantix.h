@@ -541,8 +541,8 @@ VANTIX_API VantixResult vantix_edf_pullnam(VantixEdf *session, void *camera,
  * A spot session measures one or several bright spots in each frame pulled
  * from the camera: summed intensity, centre, 4-sigma (second-moment)
  * diameters, ellipticity and orientation.  All work runs on the caller's
- * thread; the ROI, the aperture and reset may be called from another thread
- * while a pull runs.
+ * thread.  Pull from one thread at a time per session; the ROI, the
+ * aperture and reset may be called from another thread while a pull runs.
  *
  * Grey values.  8- and 16-bit frames are measured as delivered (raw sensor
  * counts, e.g. 0..4095 for a 12-bit camera); 24-bit B G R frames through the

@@ -197,6 +197,31 @@ TEST(SingleSpot, FixedApertureSumsExactlyTheEllipseInFrameCoordinates) {
   }
 }
 
+TEST(SingleSpot, TurnedAutomaticApertureSumsExactlyItsPixels) {
+  // The automatic aperture turned by the last angle: the total is the sum
+  // over the pixels the turned ellipse holds, counted here pixel by pixel.
+  const cv::Mat image = vtest::randomImage(110, 140, CV_16UC1, 9) / 16;
+  for (const double angle : {30.0, -72.5, 0.0, 89.0}) {
+    vantix::SingleSpotState state;
+    state.autoAperture = {70.3, 50.8, 25.0, 12.0};
+    state.angle = angle;
+    SpotResult r{};
+    ASSERT_EQ(vantix::measureSingleSpot(image, SpotRoi{}, true, state, r),
+              vantix::SpotOutcome::kMeasured);
+    const double theta = (90.0 - angle) * CV_PI / 180.0;
+    const double c = std::cos(theta), s = std::sin(theta);
+    double total = 0;
+    for (int y = 0; y < image.rows; ++y) {
+      for (int x = 0; x < image.cols; ++x) {
+        const double dx = x - 70.3, dy = y - 50.8;
+        const double u = c * dx + s * dy, v = c * dy - s * dx;
+        if (u * u / (25.0 * 25.0) + v * v / (12.0 * 12.0) <= 1.0) total += image.at<uint16_t>(y, x);
+      }
+    }
+    EXPECT_EQ(r.total, total) << "angle " << angle;
+  }
+}
+
 TEST(SingleSpot, RejectedApertureKeepsTheAutomaticOneAndResetRestoresIt) {
   const cv::Mat image = beamImage(200, 160, {120.0, 70.0, 6.0, 4.0, 0.0});
   CSpotSession session(1, 0);
