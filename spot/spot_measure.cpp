@@ -68,8 +68,10 @@ bool ellipseRowSpan(const Ellipse& e, int y, int width, int offsetX, int offsetY
     lo = std::max(lo, 0);
     hi = std::min(hi, width - 1);
   }
-  while (lo <= hi && !e.inside(baseX + lo, dy)) ++lo;
-  while (hi >= lo && !e.inside(baseX + hi, dy)) --hi;
+  // dx is formed as the per-pixel test forms it, frame column minus centre.
+  auto inside = [&](int x) { return e.inside(static_cast<double>(x + offsetX) - e.ax, dy); };
+  while (lo <= hi && !inside(lo)) ++lo;
+  while (hi >= lo && !inside(hi)) --hi;
   if (lo > hi) return false;
   first = lo;
   last = hi;
@@ -80,9 +82,10 @@ bool ellipseRowSpan(const Ellipse& e, int y, int width, int offsetX, int offsetY
 // Moments
 // ---------------------------------------------------------------------------
 
-// Sums of the second pass taken about an integer reference point (x0, y0)
-// near the centre, so that no large terms cancel: t0 = sum I, tx = sum I x',
-// ty = sum I y', txx = sum I x'^2, tyy = sum I y'^2, txy = sum I x' y'.
+// Sums over a set of pixels about an integer reference point (x0, y0), with
+// x' = x - x0, y' = y - y0: t0 = sum I, tx = sum I x', ty = sum I y',
+// txx = sum I x'^2, tyy = sum I y'^2, txy = sum I x' y'.  With the reference
+// near the centre no large terms cancel in the central moments.
 struct CentralSums {
   double t0 = 0, tx = 0, ty = 0, txx = 0, tyy = 0, txy = 0;
 };
