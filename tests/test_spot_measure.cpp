@@ -81,9 +81,6 @@ TEST_P(SingleSpotAccuracy, DiametersAndCentreAfterTheApertureSettled) {
   EXPECT_NEAR(r.centerX, static_cast<double>(truth.cx), 0.05);
   EXPECT_NEAR(r.centerY, static_cast<double>(truth.cy), 0.05);
   EXPECT_EQ(r.angle, 90.0);
-  EXPECT_NEAR(r.ellipticity,
-              std::min(r.majorDiameter, r.minorDiameter) /
-                  std::max(r.majorDiameter, r.minorDiameter), 1e-12);
   // The aperture that follows: centred on the spot, semi-axes the diameters.
   EXPECT_DOUBLE_EQ(r.apertureX, r.centerX);
   EXPECT_DOUBLE_EQ(r.apertureY, r.centerY);
@@ -98,13 +95,12 @@ INSTANTIATE_TEST_SUITE_P(
     Beams, SingleSpotAccuracy,
     ::testing::Values(
         AccuracyCase{"round", {160.0, 120.0, 8.0, 8.0, 0.0}, 0.005},
-        AccuracyCase{"round_offcentre", {97.3, 151.6, 6.5, 6.5, 0.0}, 0.005},
         AccuracyCase{"wide_along_x", {171.4, 108.2, 18.0, 6.0, 0.0}, 0.005},
         AccuracyCase{"tall_along_y", {140.7, 131.1, 5.0, 15.0, 0.0}, 0.005},
         AccuracyCase{"small", {60.25, 50.75, 2.5, 3.5, 0.0}, 0.005},
         AccuracyCase{"turned_30", {158.6, 117.3, 16.0, 6.0, 30.0}, 0.02},
         AccuracyCase{"turned_minus_55", {166.1, 124.9, 14.0, 5.0, -55.0}, 0.02},
-        AccuracyCase{"turned_70_round_ish", {150.2, 110.8, 10.0, 8.0, 70.0}, 0.02}),
+        AccuracyCase{"turned_70", {150.2, 110.8, 12.0, 7.0, 70.0}, 0.02}),
     [](const ::testing::TestParamInfo<AccuracyCase>& info) { return info.param.name; });
 
 TEST(SingleSpot, ApertureFollowsAMovingBeamFrameAfterFrame) {
@@ -151,56 +147,47 @@ TEST(SingleSpot, BlackFrameKeepsTheRecordZeroesResultsAndRestartsTheAperture) {
   EXPECT_NEAR(found.centerY, 110.0, 0.05);
 }
 
-// Sum and centre over the pixels of `image` inside an axis-aligned ellipse
-// (frame coordinates) and a rectangle of the frame.
-struct ApertureSums {
-  double total = 0, cx = 0, cy = 0;
-};
-ApertureSums sumsInside(const cv::Mat& image, const SpotAperture& ap, cv::Rect rect) {
-  ApertureSums s;
-  double sx = 0, sy = 0;
+// Total and centre over the pixels of `image` in `rect` that lie inside the
+// ellipse around (ax, ay) with semi-axes a, b, turned by theta (its u axis
+// along (cos theta, sin theta)), counted pixel by pixel.
+SpotResult sumsInside(const cv::Mat& image, cv::Rect rect, double ax, double ay, double a,
+                      double b, double theta) {
+  const double c = std::cos(theta), s = std::sin(theta);
+  SpotResult r{};
   for (int y = rect.y; y < rect.y + rect.height; ++y) {
     for (int x = rect.x; x < rect.x + rect.width; ++x) {
-      const double dx = x - ap.centerX, dy = y - ap.centerY;
-      if (dx * dx / (ap.a * ap.a) + dy * dy / (ap.b * ap.b) > 1.0) continue;
-      const double v = image.at<uint16_t>(y, x);
-      s.total += v;
-      sx += v * x;
-      sy += v * y;
+      const double dx = x - ax, dy = y - ay;
+      const double u = c * dx + s * dy, v = c * dy - s * dx;
+      if (u * u / (a * a) + v * v / (b * b) > 1.0) continue;
+      const double value = image.at<uint16_t>(y, x);
+      r.total += value;
+      r.centerX += value * x;
+      r.centerY += value * y;
     }
   }
-  s.cx = sx / s.total;
-  s.cy = sy / s.total;
-  return s;
+  r.centerX /= r.total;
+  r.centerY /= r.total;
+  return r;
 }
 
-TEST(SingleSpot, FixedApertureSumsExactlyTheEllipseInFrameCoordinates) {
+TEST(SingleSpot, AperturesSumExactlyTheirPixels) {
   const cv::Mat image = vtest::randomImage(120, 150, CV_16UC1, 5) / 16;  // 12-bit noise
-  const SpotAperture aperture{70.5, 55.25, 31.0, 17.5};
-  struct RoiCase {
-    cv::Rect roi;
-  };
-  for (const cv::Rect roi : {cv::Rect(0, 0, 0, 0), cv::Rect(50, 40, 60, 50)}) {
+  // The host's fixed aperture, in whole-frame coordinates also inside an
+  // offset ROI.
+  const SpotAperture fixed{70.5, 55.25, 31.0, 17.5};
+  for (const cv::Rect roi : {cv::Rect(0, 0, 150, 120), cv::Rect(50, 40, 60, 50)}) {
     CSpotSession session(1, 0);
     session.setRoi(roi.x, roi.y, roi.width, roi.height);
-    session.setAperture(aperture);
+    session.setAperture(fixed);
     const SpotResult r = measureFrames(session, image, 2);
-    const cv::Rect rect = roi.empty() ? cv::Rect(0, 0, image.cols, image.rows) : roi;
-    const ApertureSums truth = sumsInside(image, aperture, rect);
-    EXPECT_EQ(r.total, truth.total) << "ROI " << roi;
-    EXPECT_NEAR(r.centerX, truth.cx, 1e-9);
-    EXPECT_NEAR(r.centerY, truth.cy, 1e-9);
-    EXPECT_EQ(r.apertureX, aperture.centerX);
-    EXPECT_EQ(r.apertureY, aperture.centerY);
-    EXPECT_EQ(r.apertureA, aperture.a);
-    EXPECT_EQ(r.apertureB, aperture.b);
+    const SpotResult truth = sumsInside(image, roi, 70.5, 55.25, 31.0, 17.5, 0.0);
+    EXPECT_EQ(r.total, truth.total) << roi;
+    EXPECT_NEAR(r.centerX, truth.centerX, 1e-9);
+    EXPECT_NEAR(r.centerY, truth.centerY, 1e-9);
+    EXPECT_EQ(r.apertureX, fixed.centerX);
+    EXPECT_EQ(r.apertureB, fixed.b);
   }
-}
-
-TEST(SingleSpot, TurnedAutomaticApertureSumsExactlyItsPixels) {
-  // The automatic aperture turned by the last angle: the total is the sum
-  // over the pixels the turned ellipse holds, counted here pixel by pixel.
-  const cv::Mat image = vtest::randomImage(110, 140, CV_16UC1, 9) / 16;
+  // The automatic aperture, turned by the last angle.
   for (const double angle : {30.0, -72.5, 0.0, 89.0}) {
     vantix::SingleSpotState state;
     state.autoAperture = {70.3, 50.8, 25.0, 12.0};
@@ -208,47 +195,29 @@ TEST(SingleSpot, TurnedAutomaticApertureSumsExactlyItsPixels) {
     SpotResult r{};
     ASSERT_EQ(vantix::measureSingleSpot(image, SpotRoi{}, true, state, r),
               vantix::SpotOutcome::kMeasured);
-    const double theta = (90.0 - angle) * CV_PI / 180.0;
-    const double c = std::cos(theta), s = std::sin(theta);
-    double total = 0;
-    for (int y = 0; y < image.rows; ++y) {
-      for (int x = 0; x < image.cols; ++x) {
-        const double dx = x - 70.3, dy = y - 50.8;
-        const double u = c * dx + s * dy, v = c * dy - s * dx;
-        if (u * u / (25.0 * 25.0) + v * v / (12.0 * 12.0) <= 1.0) total += image.at<uint16_t>(y, x);
-      }
-    }
-    EXPECT_EQ(r.total, total) << "angle " << angle;
+    const SpotResult truth = sumsInside(image, cv::Rect(0, 0, 150, 120), 70.3, 50.8, 25.0, 12.0,
+                                        (90.0 - angle) * CV_PI / 180.0);
+    EXPECT_EQ(r.total, truth.total) << "angle " << angle;
+    EXPECT_NEAR(r.centerX, truth.centerX, 1e-9) << "angle " << angle;
   }
 }
 
 TEST(SingleSpot, RejectedApertureKeepsTheAutomaticOneAndResetRestoresIt) {
   const cv::Mat image = beamImage(200, 160, {120.0, 70.0, 6.0, 4.0, 0.0});
   CSpotSession session(1, 0);
-  for (const SpotAperture bad : {SpotAperture{50, 50, 5, 0}, SpotAperture{50, 50, 0, 5},
-                                 SpotAperture{50, 50, -3, 8}, SpotAperture{50, 50, NAN, 8}}) {
+  for (const SpotAperture bad : {SpotAperture{50, 50, 5, 0}, SpotAperture{50, 50, -3, 8},
+                                 SpotAperture{50, 50, NAN, 8}}) {
     session.setAperture(bad);
   }
   EXPECT_TRUE(session.usesAutoAperture());
   const SpotResult automatic = measureFrames(session, image, 3);
-  EXPECT_NEAR(automatic.centerX, 120.0, 0.05);
-
-  // A fixed aperture that only grazes the beam moves the centre ...
-  session.setAperture({110.0, 70.0, 8.0, 8.0});
-  const SpotResult fixed = measureFrames(session, image, 1);
-  EXPECT_FALSE(session.usesAutoAperture());
-  EXPECT_LT(fixed.centerX, 119.0);
-  EXPECT_EQ(fixed.apertureX, 110.0);
-
-  // ... and reset goes back to the automatic aperture, starting afresh.
+  session.setAperture({110.0, 70.0, 8.0, 8.0});  // grazes the beam
+  EXPECT_LT(measureFrames(session, image, 1).centerX, 119.0);
   session.reset();
   EXPECT_TRUE(session.usesAutoAperture());
-  EXPECT_EQ(session.autoAperture().a, -1.0);
-  EXPECT_EQ(session.userAperture().a, -1.0);
   EXPECT_EQ(session.angle(), 90.0);
   const SpotResult again = measureFrames(session, image, 3);
-  EXPECT_NEAR(again.centerX, automatic.centerX, 1e-9);
-  EXPECT_NEAR(again.majorDiameter, automatic.majorDiameter, 1e-9);
+  EXPECT_EQ(std::memcmp(&again, &automatic, sizeof again), 0);
 }
 
 TEST(SingleSpot, BeamInAnOffsetRoiIsMeasuredOnEveryFrame) {
@@ -270,23 +239,13 @@ TEST(SingleSpot, BeamInAnOffsetRoiIsMeasuredOnEveryFrame) {
       EXPECT_LT(relativeError(r.majorDiameter, truth.dX()), 0.005);
     }
   }
-}
-
-TEST(SingleSpot, RoiOutsideTheFrameGivesZerosAndWidthZeroMeasuresTheWholeFrame) {
-  const cv::Mat image = beamImage(160, 120, {40.0, 30.0, 4.0, 4.0, 0.0});
-  CSpotSession session(1, 0);
+  // A ROI wholly outside the frame gives a zero record; width 0 measures the
+  // whole frame again.
   session.setRoi(500, 10, 50, 50);
-  SpotResult r{};
-  r.total = 7;
-  r = measureFrames(session, image, 1, r);
-  EXPECT_TRUE(isZero(r));
-  session.setRoi(0xFFFFFFF0u, 0xFFFFFFF0u, 0x7FFFFFFFu, 0x7FFFFFFFu);  // x = y = -16
-  r = measureFrames(session, image, 3);
-  EXPECT_NEAR(r.centerX, 40.0, 0.05);
+  EXPECT_TRUE(isZero(measureFrames(session, image, 1)));
   session.setRoi(100, 100, 0, 30);
-  r = measureFrames(session, image, 3);
-  EXPECT_NEAR(r.centerX, 40.0, 0.05);
-  EXPECT_NEAR(r.centerY, 30.0, 0.05);
+  session.reset();  // the whole-frame aperture holds all the light
+  EXPECT_EQ(measureFrames(session, image, 1).total, static_cast<double>(momentsOf(image).total));
 }
 
 // ---------------------------------------------------------------------------
@@ -296,13 +255,11 @@ TEST(SingleSpot, RoiOutsideTheFrameGivesZerosAndWidthZeroMeasuresTheWholeFrame) 
 TEST(EllipseMode, RoundSpotHasEqualDiametersAndAngleZero) {
   // Symmetric about the centre pixel of a square frame: the moments are
   // exactly equal and the cross moment exactly zero.
-  const cv::Mat image = beamImage(101, 101, {50.0, 50.0, 6.0, 6.0, 0.0});
   CSpotSession session(1, 0);
   EXPECT_EQ(session.setEllipseMode(1), 0);
-  const SpotResult r = measureFrames(session, image, 3);
+  const SpotResult r = measureFrames(session, beamImage(101, 101, {50.0, 50.0, 6.0, 6.0, 0.0}), 3);
   EXPECT_EQ(r.majorDiameter, r.minorDiameter);
   EXPECT_EQ(r.angle, 0.0);
-  EXPECT_EQ(r.ellipticity, 1.0);
   EXPECT_EQ(session.setEllipseMode(0), 1);
 }
 
@@ -328,27 +285,6 @@ TEST(EllipseMode, OrientationAndPrincipalDiametersOfTurnedBeams) {
     EXPECT_NEAR(later.angle, -turn, 4.0) << "turn " << turn;
     EXPECT_NEAR(later.centerX, static_cast<double>(truth.cx), 0.05) << "turn " << turn;
   }
-}
-
-TEST(EllipseMode, AxisAlignedSpotTallerThanWideReportsXFirst) {
-  const cv::Mat image = beamImage(160, 160, {80.0, 80.0, 4.0, 9.0, 0.0});
-  CSpotSession session(1, 0);
-  const SpotResult r = measureFrames(session, image, 3);
-  EXPECT_LT(r.majorDiameter, r.minorDiameter);
-  EXPECT_NEAR(r.ellipticity, r.majorDiameter / r.minorDiameter, 1e-12);
-  EXPECT_EQ(r.angle, 90.0);
-}
-
-TEST(SpotShape, DiagonalFormulaAndDegenerateCases) {
-  // sxx == syy with a cross moment: +-45 degrees, diameters from |sxy|.
-  const vantix::SpotShape pos = vantix::spotShape(9.0, 9.0, 4.0, true);
-  EXPECT_EQ(pos.angle, -45.0);
-  EXPECT_DOUBLE_EQ(pos.first, 2 * std::sqrt(2 * (18.0 + 8.0)));
-  EXPECT_DOUBLE_EQ(pos.second, 2 * std::sqrt(2 * (18.0 - 8.0)));
-  EXPECT_EQ(vantix::spotShape(9.0, 9.0, -4.0, true).angle, 45.0);
-  // Nothing measured: ellipticity 0 instead of 0 / 0.
-  EXPECT_EQ(vantix::spotShape(0, 0, 0, false).ellipticity, 0.0);
-  EXPECT_EQ(vantix::spotShape(0, 0, 0, true).ellipticity, 0.0);
 }
 
 // ---------------------------------------------------------------------------
@@ -425,22 +361,6 @@ TEST(FrameInput, EveryDepthAndPitchMeasuresTheSameBeam) {
   }
 }
 
-TEST(FrameInput, UnsupportedDepthRaisesOnlyWhenMeasuring) {
-  std::vector<uint8_t> frame(16 * 8 * 4, 50);
-  CSpotSession session(1, 0);
-  SpotResult out{};
-  out.total = 42;
-  try {
-    session.onFrame(frame.data(), 16, 8, 32, 0, 1, &out);
-    ADD_FAILURE() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Unsupported image depth");
-  }
-  EXPECT_EQ(out.total, 42);
-  EXPECT_NO_THROW(session.onFrame(frame.data(), 16, 8, 32, 0, 0, &out));
-  EXPECT_EQ(out.total, 42);
-}
-
 // ---------------------------------------------------------------------------
 // Several spots
 // ---------------------------------------------------------------------------
@@ -515,13 +435,9 @@ TEST(MultiSpot, MissingSpotsAreZeroRecordsAndTheBrightestAreKept) {
   r = measureMany(two, image);
   EXPECT_NEAR(r[0].centerX, 80.0, 0.05);
   EXPECT_NEAR(r[1].centerX, 220.0, 0.05);
-}
-
-TEST(MultiSpot, FramesWithoutSpotsGiveZeroRecords) {
-  CSpotSession session(3, 0);
-  for (const uint16_t level : {0, 2000}) {  // uniform: max == min
-    const cv::Mat flat(100, 120, CV_16UC1, cv::Scalar(level));
-    const std::vector<SpotResult> r = measureMany(session, flat);
+  // Uniform frames (max = min) hold no spot.
+  for (const uint16_t level : {0, 2000}) {
+    r = measureMany(three, cv::Mat(100, 120, CV_16UC1, cv::Scalar(level)));
     for (const SpotResult& record : r) EXPECT_TRUE(isZero(record)) << level;
   }
 }
@@ -611,42 +527,9 @@ TEST(MultiSpot, BoxesAreCutHalfWayBetweenNeighbours) {
   EXPECT_LT(relativeError(r[0].majorDiameter, dLeft), 0.02);
 }
 
-TEST(MultiSpot, RoiOffsetIsAddedToCentresAndBoxes) {
-  cv::Mat image = cv::Mat::zeros(200, 300, CV_16UC1);
-  spottest::drawBeam(image, {200.0, 150.0, 5.0, 5.0, 0.0, 3000});
-  spottest::drawBeam(image, {40.0, 30.0, 5.0, 5.0, 0.0, 3000});  // outside the ROI
-  CSpotSession session(2, 0);
-  session.setRoi(150, 100, 120, 90);
-  const std::vector<SpotResult> r = measureMany(session, image);
-  EXPECT_NEAR(r[0].centerX, 200.0, 0.05);
-  EXPECT_NEAR(r[0].centerY, 150.0, 0.05);
-  EXPECT_NEAR(r[0].apertureX, 200.0, 1.0);
-  EXPECT_NEAR(r[0].apertureY, 150.0, 1.0);
-  EXPECT_TRUE(isZero(r[1]));
-}
-
 // ---------------------------------------------------------------------------
 // False colour
 // ---------------------------------------------------------------------------
-
-TEST(PseudoColour, PaletteStops) {
-  const vantix::SpotPalette p = vantix::buildSpotPalette();
-  struct Stop {
-    int index;
-    uint32_t r, g, b;
-  };
-  for (const Stop s : {Stop{0, 63, 67, 77}, Stop{1, 64, 64, 64}, Stop{3, 40, 0, 60},
-                       Stop{48, 130, 0, 255}, Stop{112, 0, 255, 0}, Stop{160, 211, 248, 0},
-                       Stop{240, 255, 32, 0}, Stop{252, 255, 1, 0}, Stop{254, 255, 0, 0},
-                       Stop{255, 255, 255, 255}}) {
-    EXPECT_EQ(p[s.index].red, s.r) << s.index;
-    EXPECT_EQ(p[s.index].green, s.g) << s.index;
-    EXPECT_EQ(p[s.index].blue, s.b) << s.index;
-  }
-  // Between stops the colours move monotonically from one to the next.
-  EXPECT_GT(p[120].green, p[128].green);
-  EXPECT_LT(p[120].green, p[112].green);
-}
 
 TEST(PseudoColour, EightAndSixteenBitFramesAreRewrittenAsPackedBgr) {
   CSpotSession session(1, 0);
