@@ -296,20 +296,11 @@ TEST(FrameInput, GreyOfTheFourDepths) {
   // 48 bits: (299 R + 587 G + 114 B) / 1000, truncated: 2185 for B 1000,
   // G 2000, R 3000.
   const uint16_t bgr48[] = {1000, 2000, 3000, 65535, 65535, 65535, 1, 1, 2};
-  cv::Mat g = vantix::spotGreyFrame(bgr48, 3, 1, 48, 0, grey);
+  const cv::Mat g = vantix::spotGreyFrame(bgr48, 3, 1, 48, 0, grey);
   EXPECT_EQ(g.type(), CV_16UC1);
   EXPECT_EQ(g.at<uint16_t>(0, 0), 2185);
   EXPECT_EQ(g.at<uint16_t>(0, 1), 65535);
   EXPECT_EQ(g.at<uint16_t>(0, 2), 1);  // 1.001 truncated
-
-  // 24 bits: the standard luma conversion.
-  const cv::Mat bgr = vtest::randomImage(5, 7, CV_8UC3, 3);
-  std::vector<uint8_t> padded(vantix::spotDefaultPitch(7, 24) * 5);
-  for (int y = 0; y < 5; ++y) std::memcpy(&padded[y * 24], bgr.ptr(y), 21);
-  g = vantix::spotGreyFrame(padded.data(), 7, 5, 24, 0, grey);
-  cv::Mat expected;
-  cv::cvtColor(bgr, expected, cv::COLOR_BGR2GRAY);
-  EXPECT_EQ(cv::norm(g, expected, cv::NORM_INF), 0);
 
   // Anything else is refused, even a depth that a camera delivers.
   for (const uint32_t bits : {0u, 1u, 12u, 32u, 64u}) {

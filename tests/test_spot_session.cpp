@@ -76,62 +76,41 @@ double middleOfThree(double a, double b, double c) {
 // Averaging
 // ---------------------------------------------------------------------------
 
-TEST(SpotAveraging, BlocksBelowTwoAreRawAndOfTwoTheMean) {
-  const std::vector<cv::Mat> frames = changingBeam(4);
-  const std::vector<SpotResult> raw = rawRecords(frames);
-  for (const uint32_t blocks : {0u, 1u}) {
-    CSpotSession session(1, blocks);
-    for (size_t i = 0; i < frames.size(); ++i) {
-      const SpotResult r = feed(session, frames[i]);
-      EXPECT_EQ(std::memcmp(&r, &raw[i], sizeof r), 0) << blocks << " frame " << i;
-    }
-  }
-  CSpotSession session(1, 2);
-  for (size_t i = 0; i < frames.size(); ++i) {
-    const SpotResult r = feed(session, frames[i]);
-    const size_t blockEnd = i | 1;  // the frame that completes the block
-    if (i == blockEnd) {
-      for (int f = 0; f < 5; ++f) {
-        EXPECT_DOUBLE_EQ(field(r, f), 0.5 * (field(raw[i - 1], f) + field(raw[i], f)))
-            << "field " << f + 1 << " frame " << i;
-      }
-      EXPECT_DOUBLE_EQ(r.ellipticity, std::min(r.majorDiameter, r.minorDiameter) /
-                                          std::max(r.majorDiameter, r.minorDiameter));
-    }
-    for (int f = 6; f < 11; ++f) EXPECT_EQ(field(r, f), field(raw[i], f)) << "field " << f + 1;
-  }
-}
-
-TEST(SpotAveraging, BlockOfThreeTakesTheMiddleValueAndRestarts) {
+TEST(SpotAveraging, RawBelowTwoMeanOfTwoMiddleOfThreeInConsecutiveBlocks) {
   const std::vector<cv::Mat> frames = changingBeam(7);
   const std::vector<SpotResult> raw = rawRecords(frames);
-  CSpotSession session(1, 3);
-  SpotResult lastAverage{};
-  for (size_t i = 0; i < frames.size(); ++i) {
-    const SpotResult r = feed(session, frames[i]);
-    // Fields 7 to 11 are always the latest frame's.
-    for (int f = 6; f < 11; ++f) EXPECT_EQ(field(r, f), field(raw[i], f)) << "frame " << i;
-    if (i % 3 == 2) {
-      for (int f = 0; f < 5; ++f) {
-        EXPECT_EQ(field(r, f), middleOfThree(field(raw[i - 2], f), field(raw[i - 1], f),
-                                             field(raw[i], f)))
-            << "field " << f + 1 << " frame " << i;
+  for (const uint32_t n : {0u, 1u, 2u, 3u}) {
+    CSpotSession session(1, n);
+    SpotResult lastAverage{};  // zeros until the first block completes
+    for (size_t i = 0; i < frames.size(); ++i) {
+      const SpotResult r = feed(session, frames[i]);
+      if (n < 2) {
+        EXPECT_EQ(std::memcmp(&r, &raw[i], sizeof r), 0) << n << " frame " << i;
+        continue;
       }
-      EXPECT_EQ(session.frameIndex(), 0u);
-      lastAverage = r;
-    } else {
-      // Inside a block: zeros before the first block completes, then the
-      // average of the last complete block.
-      for (int f = 0; f < 6; ++f) EXPECT_EQ(field(r, f), field(lastAverage, f)) << "frame " << i;
-      EXPECT_EQ(session.frameIndex(), static_cast<uint32_t>(i % 3 + 1));
+      // Fields 7 to 11 are always the latest frame's.
+      for (int f = 6; f < 11; ++f) EXPECT_EQ(field(r, f), field(raw[i], f)) << n << " " << i;
+      if (i % n == n - 1) {  // the block is complete
+        for (int f = 0; f < 5; ++f) {
+          const double a = field(raw[i - 1], f), b = field(raw[i], f);
+          const double expected = n == 2 ? 0.5 * (a + b) : middleOfThree(field(raw[i - 2], f), a, b);
+          EXPECT_DOUBLE_EQ(field(r, f), expected) << n << " field " << f + 1 << " frame " << i;
+        }
+        EXPECT_DOUBLE_EQ(r.ellipticity, std::min(r.majorDiameter, r.minorDiameter) /
+                                            std::max(r.majorDiameter, r.minorDiameter));
+        lastAverage = r;
+      } else {
+        for (int f = 0; f < 6; ++f) EXPECT_EQ(field(r, f), field(lastAverage, f)) << n << " " << i;
+      }
+      EXPECT_EQ(session.frameIndex(), static_cast<uint32_t>((i + 1) % n));
+    }
+    // Reset zeroes the average and starts a new block.
+    session.reset();
+    EXPECT_EQ(session.frameIndex(), 0u);
+    if (n >= 2) {
+      EXPECT_EQ(feed(session, frames[0]).total, 0.0);
     }
   }
-  // Reset zeroes the average and starts a new block.
-  session.reset();
-  EXPECT_TRUE(isZero(session.results()[0]));
-  EXPECT_EQ(session.frameIndex(), 0u);
-  const SpotResult after = feed(session, frames[0]);
-  for (int f = 0; f < 6; ++f) EXPECT_EQ(field(after, f), 0.0);
 }
 
 TEST(SpotAveraging, FrameWithoutSignalVoidsTheAverageAndRestartsTheBlock) {
