@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 #include <stdexcept>
+#include <type_traits>
 
 #include <opencv2/imgproc.hpp>
 
@@ -478,6 +479,28 @@ void sumLabels(const cv::Mat& view, const std::vector<SpotRun>& runs,
   }
 }
 
+// The smallest and largest value of a view.  Integer views are scanned
+// directly (cv::minMaxLoc also tracks the locations, which are not needed);
+// floating-point views go through cv::minMaxLoc.
+template <typename T>
+void viewMinMax(const cv::Mat& view, double& lo, double& hi) {
+  if constexpr (std::is_floating_point_v<T>) {
+    cv::minMaxLoc(view, &lo, &hi);
+  } else {
+    T a = std::numeric_limits<T>::max();
+    T b = std::numeric_limits<T>::lowest();
+    for (int y = 0; y < view.rows; ++y) {
+      const T* row = view.ptr<T>(y);
+      for (int x = 0; x < view.cols; ++x) {
+        a = std::min(a, row[x]);
+        b = std::max(b, row[x]);
+      }
+    }
+    lo = a;
+    hi = b;
+  }
+}
+
 int findRoot(std::vector<int>& parent, int i) {
   while (parent[i] != i) {
     parent[i] = parent[parent[i]];
@@ -616,7 +639,9 @@ bool measureMultiSpot(const cv::Mat& frame, const SpotRoi& roi, bool ellipseMode
   const cv::Mat view = frame(rect);
 
   double minValue = 0, maxValue = 0;
-  cv::minMaxLoc(view, &minValue, &maxValue);
+  dispatchDepth(frame, [&](auto pixel) {
+    viewMinMax<decltype(pixel)>(view, minValue, maxValue);
+  });
   double scale = 1.0, offset = 0.0;
   if (maxValue > minValue) {
     scale = 255.0 / (maxValue - minValue);
