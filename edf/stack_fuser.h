@@ -1,0 +1,42 @@
+// The stack fuser (kind 2): one accumulated image, into which each new frame
+// is blended with a per-pixel logistic weight computed from a multi-scale
+// Laplacian focus measure of both images.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "edf/edf_fuser.h"
+
+namespace vantix {
+
+// The focus measure of an 8-bit image (1 to 4 channels) into `measure`
+// (CV_16S, the image's size): per channel, the sum over an 8-level Gaussian
+// pyramid of the absolute Laplacian (aperture 1) of each level, each level's
+// Laplacian brought to the full size by bilinear interpolation before its
+// absolute value is taken; then the per-pixel maximum over the channels.
+void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure);
+
+// The steepness scale of a focus measure: the 8 x 8 block means of `measure`,
+// the smallest of them, or the largest / 10 when the largest is more than 10
+// times the smallest; at least 1.
+int stackMeasureScale(const cv::Mat& measure);
+
+// The blend weight of the image of measure `m2` against the image of measure
+// `m1` at a pixel: 1 / (exp((m1 - m2) k) + 1), the difference taken in 16
+// bits, k = 0.1, 1, 8 or 81 as q = 2 max(m1, m2) / t is <= 0, 1, 2 or more.
+float stackWeight(int16_t m1, int16_t m2, int t);
+
+class CStackFuser : public CEdfFuser {
+ public:
+  void addFrame(cv::Mat& frame, cv::Mat& result) override;
+  void firstFrame(const cv::Mat& frame) override;
+  const cv::Mat& accumulated() const { return accumulated_; }
+
+ private:
+  cv::Mat accumulated_;
+  uint32_t unused_ = 0;
+  cv::Mat accumulatedMeasure_, frameMeasure_, weights_, smoothWeights_;
+};
+
+}  // namespace vantix
