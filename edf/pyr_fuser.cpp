@@ -26,16 +26,8 @@ void forRows(int rows, bool parallel, const Body& body) {
   }
 }
 
-// Channel `channel` of an interleaved 8-bit image as float samples 0..1.
-void channelToUnit(const cv::Mat& frame, int channel, cv::Mat& plane) {
-  plane.create(frame.size(), CV_32F);
-  const int cn = frame.channels();
-  for (int y = 0; y < frame.rows; ++y) {
-    const uchar* src = frame.ptr<uchar>(y) + channel;
-    float* dst = plane.ptr<float>(y);
-    for (int x = 0; x < frame.cols; ++x) dst[x] = src[x * cn] * kToUnit;
-  }
-}
+// An 8-bit one-channel image as float samples 0..1.
+void toUnit(const cv::Mat& channel, cv::Mat& plane) { channel.convertTo(plane, CV_32F, kToUnit); }
 
 // Decomposes `plane` level by level.  For each detail level i, `detail(i,
 // current, up)` receives the level's image and the expansion of the next
@@ -69,13 +61,8 @@ void collapse(const std::vector<cv::Mat>& pyramid, std::vector<cv::Mat>& ups, cv
   // The finest level's sum goes straight to 8 bits.
   const cv::Mat& level = pyramid[0];
   cv::pyrUp(*current, ups[0], level.size(), cv::BORDER_REFLECT_101);
-  out.create(level.size(), CV_8U);
-  for (int y = 0; y < level.rows; ++y) {
-    const float* s = level.ptr<float>(y);
-    const float* u = ups[0].ptr<float>(y);
-    uchar* o = out.ptr<uchar>(y);
-    for (int x = 0; x < level.cols; ++x) o[x] = cv::saturate_cast<uchar>((s[x] + u[x]) * 255.0f);
-  }
+  cv::add(ups[0], level, ups[0]);
+  ups[0].convertTo(out, CV_8U, 255.0);
 }
 
 // stored = current - up (the first frame's detail).
@@ -119,7 +106,7 @@ void blendDetail(const cv::Mat& current, const cv::Mat& up, const cv::Mat& weigh
 void buildLaplacianPyramid(const cv::Mat& channel8u, std::vector<cv::Mat>& pyramid) {
   CV_Assert(channel8u.type() == CV_8UC1);
   cv::Mat plane;
-  channelToUnit(channel8u, 0, plane);
+  toUnit(channel8u, plane);
   std::vector<cv::Mat> downs, ups;
   pyramid.assign(kEdfPyramidLevels, cv::Mat());
   decompose(
@@ -146,11 +133,12 @@ CPyrFuser::~CPyrFuser() {
 void CPyrFuser::firstFrame(const cv::Mat& frame) {
   CV_Assert(frame.type() == CV_8UC3);
   for (auto& pyramid : pyramids_) pyramid.clear();
+  cv::split(frame, planes_);
   cv::parallel_for_(cv::Range(0, 3), [&](const cv::Range& r) {
     for (int c = r.start; c < r.end; ++c) {
       ChannelBuffers& b = buffers_[c];
       std::vector<cv::Mat> pyramid(kEdfPyramidLevels);
-      channelToUnit(frame, c, b.plane);
+      toUnit(planes_[c], b.plane);
       decompose(
           b.plane, b.downs, b.ups,
           [&](int i, const cv::Mat& current, const cv::Mat& up) {
@@ -169,10 +157,13 @@ void CPyrFuser::computeWeights(const cv::Mat& frame) {
   constexpr float kThird = 1.0f / 3.0f;
   forRows(frame.rows, true, [&](int y0, int y1) {
     for (int y = y0; y < y1; ++y) {
-      const uchar* p = frame.ptr<uchar>(y);
+      const uchar* p0 = planes_[0].ptr<uchar>(y);
+      const uchar* p1 = planes_[1].ptr<uchar>(y);
+      const uchar* p2 = planes_[2].ptr<uchar>(y);
       float* m = mean.ptr<float>(y);
       for (int x = 0; x < frame.cols; ++x) {
-        m[x] = (p[3 * x] * kThird + p[3 * x + 1] * kThird + p[3 * x + 2] * kThird) * kToUnit;
+        m[x] = (static_cast<float>(p0[x]) * kThird + static_cast<float>(p1[x]) * kThird +
+                static_cast<float>(p2[x]) * kThird) * kToUnit;
       }
     }
   });
@@ -210,10 +201,10 @@ void CPyrFuser::computeWeights(const cv::Mat& frame) {
   }
 }
 
-void CPyrFuser::mergeChannel(int channel, const cv::Mat& frame) {
+void CPyrFuser::mergeChannel(int channel) {
   ChannelBuffers& b = buffers_[channel];
   std::vector<cv::Mat>& stored = pyramids_[channel];
-  channelToUnit(frame, channel, b.plane);
+  toUnit(planes_[channel], b.plane);
   if (method_ == 0) {
     decompose(
         b.plane, b.downs, b.ups,
@@ -242,6 +233,7 @@ void CPyrFuser::addFrame(cv::Mat& frame, cv::Mat& result) {
   // A frame of another size than the stack's cannot be merged.
   CV_Assert(pyramids_[0].size() == static_cast<size_t>(kEdfPyramidLevels) &&
             frame.size() == pyramids_[0][0].size());
+  cv::split(frame, planes_);
   if (method_ == 1) computeWeights(frame);
 
   constexpr int kChannels = 3;
@@ -249,9 +241,9 @@ void CPyrFuser::addFrame(cv::Mat& frame, cv::Mat& result) {
   threads_.clear();
   try {
     for (int c = 0; c < kChannels; ++c) {
-      threads_.emplace_back([this, c, &frame, &failures] {
+      threads_.emplace_back([this, c, &failures] {
         try {
-          mergeChannel(c, frame);
+          mergeChannel(c);
         } catch (...) {
           failures[c] = std::current_exception();
         }

@@ -50,12 +50,13 @@ class CPyrFuser : public CEdfFuser {
     cv::Mat out;                    // the collapsed 8-bit channel
   };
 
-  void mergeChannel(int channel, const cv::Mat& frame);
+  void mergeChannel(int channel);
   void computeWeights(const cv::Mat& frame);
 
   uint32_t method_;
   std::vector<std::thread> threads_;
   std::vector<cv::Mat> pyramids_[3];
+  std::vector<cv::Mat> planes_;     // the frame's channels
   ChannelBuffers buffers_[3];
   ChannelBuffers meanBuffers_;       // the mean image of method 1
   std::vector<cv::Mat> weights_;     // method 1: per-level weight, shared by the channels

@@ -75,90 +75,94 @@ inline int steepnessClass(int g, int t) {
   return (twice >= t) + (twice >= 2 * t) + (twice >= 3 * t);
 }
 
+inline int reflect101(int i, int n) {
+  if (n == 1) return 0;
+  if (i < 0) return -i;
+  if (i >= n) return 2 * n - 2 - i;
+  return i;
+}
+
+// One row of the 4-neighbour Laplacian (aperture 1) of an 8-bit image with
+// reflected borders: above + below + left + right - 4 * centre.
+void laplacianRow(const cv::Mat& image, int y, float* out) {
+  const int n = image.cols;
+  const uchar* up = image.ptr<uchar>(reflect101(y - 1, image.rows));
+  const uchar* mid = image.ptr<uchar>(y);
+  const uchar* down = image.ptr<uchar>(reflect101(y + 1, image.rows));
+  const auto at = [&](int x) {
+    return static_cast<float>(up[x] + down[x] + mid[reflect101(x - 1, n)] +
+                              mid[reflect101(x + 1, n)] - 4 * mid[x]);
+  };
+  out[0] = at(0);
+  for (int x = 1; x < n - 1; ++x) {
+    out[x] = static_cast<float>(up[x] + down[x] + mid[x - 1] + mid[x + 1] - 4 * mid[x]);
+  }
+  if (n > 1) out[n - 1] = at(n - 1);
+}
+
+void laplacian(const cv::Mat& image, cv::Mat& out) {
+  out.create(image.size(), CV_32F);
+  for (int y = 0; y < image.rows; ++y) laplacianRow(image, y, out.ptr<float>(y));
+}
+
 }  // namespace
 
-void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure) {
+void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure, StackMeasureScratch* scratch) {
   CV_Assert(image.depth() == CV_8U && image.channels() <= 4 && !image.empty());
+  StackMeasureScratch local;
+  StackMeasureScratch& work = scratch ? *scratch : local;
   const int cn = image.channels();
   const cv::Size size = image.size();
-  std::vector<cv::Mat> planes;
-  cv::split(image, planes);
+  cv::split(image, work.planes);
+  work.levels.resize(cn);
+  work.horizontal.resize(cn);
 
-  // Laplacians of every level of every channel.
-  std::vector<std::vector<cv::Mat>> laplacians(cn);
+  // Per channel: the Gaussian pyramid, and the Laplacian of every level but
+  // the full-size one (computed row by row below) interpolated along x to
+  // the full width.  Bilinear resizing is separable, so the full-size
+  // Laplacian of a level is the vertical interpolation of these rows.
   cv::parallel_for_(cv::Range(0, cn), [&](const cv::Range& r) {
+    cv::Mat lap;
     for (int c = r.start; c < r.end; ++c) {
-      std::vector<cv::Mat> pyramid;
-      cv::buildPyramid(planes[c], pyramid, kMeasureLevels - 1, cv::BORDER_REFLECT_101);
-      laplacians[c].resize(pyramid.size());
-      for (size_t i = 0; i < pyramid.size(); ++i) {
-        cv::Laplacian(pyramid[i], laplacians[c][i], CV_16S, 1, 1.0, 0.0, cv::BORDER_REFLECT_101);
+      std::vector<cv::Mat>& pyramid = work.levels[c];
+      cv::buildPyramid(work.planes[c], pyramid, kMeasureLevels - 1, cv::BORDER_REFLECT_101);
+      work.horizontal[c].resize(pyramid.size());
+      for (size_t i = 1; i < pyramid.size(); ++i) {
+        laplacian(pyramid[i], lap);
+        cv::resize(lap, work.horizontal[c][i], cv::Size(size.width, lap.rows), 0, 0,
+                   cv::INTER_LINEAR);
       }
     }
   });
-  // Every level is brought to the full size (levels of a channel share
-  // their sizes with the other channels').
-  const int levels = static_cast<int>(laplacians[0].size());
-  std::vector<AxisMap> columns(levels), rows(levels);
-  for (int i = 1; i < levels; ++i) {
-    columns[i] = axisMap(laplacians[0][i].cols, size.width);
-    rows[i] = axisMap(laplacians[0][i].rows, size.height);
-  }
+  const int levels = static_cast<int>(work.levels[0].size());
+  std::vector<AxisMap> rows(levels);
+  for (int i = 1; i < levels; ++i) rows[i] = axisMap(work.levels[0][i].rows, size.height);
 
   measure.create(size, CV_16S);
-  // Stripes of output rows: each level's source rows needed by a stripe are
-  // interpolated along x once, then every output row interpolates along y,
-  // takes the absolute value and adds it up.
-  constexpr int kStripe = 32;
+  constexpr int kStripe = 16;
   const int stripes = (size.height + kStripe - 1) / kStripe;
   cv::parallel_for_(cv::Range(0, stripes), [&](const cv::Range& range) {
-    std::vector<float> sum(static_cast<size_t>(kStripe) * size.width);
-    std::vector<float> horizontal;
-    for (int stripe = range.start; stripe < range.end; ++stripe) {
-      const int y0 = stripe * kStripe;
-      const int y1 = std::min(size.height, y0 + kStripe);
+    std::vector<float> sum(static_cast<size_t>(size.width));
+    for (int y = range.start * kStripe; y < std::min(size.height, range.end * kStripe); ++y) {
+      short* m = measure.ptr<short>(y);
       for (int c = 0; c < cn; ++c) {
-        const cv::Mat& base = laplacians[c][0];
-        for (int y = y0; y < y1; ++y) {
-          const short* l = base.ptr<short>(y);
-          float* s = &sum[static_cast<size_t>(y - y0) * size.width];
-          for (int x = 0; x < size.width; ++x) s[x] = static_cast<float>(std::abs(l[x]));
-        }
+        float* s = sum.data();
+        laplacianRow(work.planes[c], y, s);
+        for (int x = 0; x < size.width; ++x) s[x] = std::fabs(s[x]);
         for (int i = 1; i < levels; ++i) {
-          const cv::Mat& level = laplacians[c][i];
-          const AxisMap& cm = columns[i];
           const AxisMap& rm = rows[i];
-          const int firstRow = rm.first[y0];
-          const int lastRow = rm.second[y1 - 1];
-          const int count = lastRow - firstRow + 1;
-          horizontal.resize(static_cast<size_t>(count) * size.width);
-          for (int r = 0; r < count; ++r) {
-            const short* src = level.ptr<short>(firstRow + r);
-            float* h = &horizontal[static_cast<size_t>(r) * size.width];
-            for (int x = 0; x < size.width; ++x) {
-              const float a = src[cm.first[x]];
-              const float b = src[cm.second[x]];
-              h[x] = a + (b - a) * cm.weight[x];
-            }
-          }
-          for (int y = y0; y < y1; ++y) {
-            const float* h0 = &horizontal[static_cast<size_t>(rm.first[y] - firstRow) * size.width];
-            const float* h1 =
-                &horizontal[static_cast<size_t>(rm.second[y] - firstRow) * size.width];
-            const float b = rm.weight[y];
-            float* s = &sum[static_cast<size_t>(y - y0) * size.width];
-            for (int x = 0; x < size.width; ++x) s[x] += std::fabs(h0[x] + (h1[x] - h0[x]) * b);
-          }
+          const float* h0 = work.horizontal[c][i].ptr<float>(rm.first[y]);
+          const float* h1 = work.horizontal[c][i].ptr<float>(rm.second[y]);
+          const float b = rm.weight[y];
+          for (int x = 0; x < size.width; ++x) s[x] += std::fabs(h0[x] + (h1[x] - h0[x]) * b);
         }
-        for (int y = y0; y < y1; ++y) {
-          const float* s = &sum[static_cast<size_t>(y - y0) * size.width];
-          short* m = measure.ptr<short>(y);
-          if (c == 0) {
-            for (int x = 0; x < size.width; ++x) m[x] = cv::saturate_cast<short>(s[x]);
-          } else {
-            for (int x = 0; x < size.width; ++x) {
-              m[x] = std::max(m[x], cv::saturate_cast<short>(s[x]));
-            }
+        // Sums are at most 8 * 1020, so they fit 16 bits; they are rounded
+        // half up (they are never negative).
+        if (c == 0) {
+          for (int x = 0; x < size.width; ++x) m[x] = static_cast<short>(s[x] + 0.5f);
+        } else {
+          for (int x = 0; x < size.width; ++x) {
+            m[x] = std::max(m[x], static_cast<short>(s[x] + 0.5f));
           }
         }
       }
@@ -208,8 +212,8 @@ void CStackFuser::addFrame(cv::Mat& frame, cv::Mat& result) {
   // detail found so far and gives a scale t that stays steady from frame to
   // frame.  Its weight is 1 - w, which goes to 1 where m1 > m2, so each pixel
   // follows the image that is sharper there.
-  stackFocusMeasure(accumulated_, accumulatedMeasure_);
-  stackFocusMeasure(frame, frameMeasure_);
+  stackFocusMeasure(accumulated_, accumulatedMeasure_, &scratch_);
+  stackFocusMeasure(frame, frameMeasure_, &scratch_);
   const int t = stackMeasureScale(accumulatedMeasure_);
 
   const cv::Size size = frame.size();
@@ -240,8 +244,10 @@ void CStackFuser::addFrame(cv::Mat& frame, cv::Mat& result) {
         const float wf = w[x];
         const float wa = 1.0f - wf;
         for (int c = 0; c < 3; ++c) {
+          // Both products are non-negative: rounding is half up.
           const int i = 3 * x + c;
-          o[i] = cv::saturate_cast<uchar>(cvRound(f[i] * wf) + cvRound(a[i] * wa));
+          const int v = static_cast<int>(f[i] * wf + 0.5f) + static_cast<int>(a[i] * wa + 0.5f);
+          o[i] = static_cast<uchar>(std::min(v, 255));
         }
       }
     }

@@ -15,7 +15,14 @@ namespace vantix {
 // pyramid of the absolute Laplacian (aperture 1) of each level, each level's
 // Laplacian brought to the full size by bilinear interpolation before its
 // absolute value is taken; then the per-pixel maximum over the channels.
-void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure);
+// `scratch`, when given, keeps the work images between calls.
+struct StackMeasureScratch {
+  std::vector<cv::Mat> planes;
+  std::vector<std::vector<cv::Mat>> levels;
+  std::vector<std::vector<cv::Mat>> horizontal;
+};
+void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure,
+                       StackMeasureScratch* scratch = nullptr);
 
 // The steepness scale of a focus measure: the 8 x 8 block means of `measure`,
 // the smallest of them, or the largest / 10 when the largest is more than 10
@@ -37,6 +44,7 @@ class CStackFuser : public CEdfFuser {
   cv::Mat accumulated_;
   uint32_t unused_ = 0;
   cv::Mat accumulatedMeasure_, frameMeasure_, weights_, smoothWeights_;
+  StackMeasureScratch scratch_;
 };
 
 }  // namespace vantix
