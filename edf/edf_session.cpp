@@ -56,9 +56,12 @@ void CEdfSession::push(const void* data, uint32_t width, uint32_t height, uint64
   // Only a working image that still views the host's buffer needs a copy;
   // the converted formats already own their pixels.
   if (working.u == nullptr) working = working.clone();
-  std::lock_guard<std::mutex> lock(queueMutex_);
-  if (frames_.size() >= kQueueLimit) frames_.pop_front();
-  frames_.push_back(std::move(working));
+  {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    if (frames_.size() >= kQueueLimit) frames_.pop_front();
+    frames_.push_back(std::move(working));
+  }
+  frameArrived_.notify_one();
 }
 
 void CEdfSession::readData(void* buffer, uint32_t rowBytes) {
@@ -95,7 +98,11 @@ void CEdfSession::workerLoop() {
       }
     }
     if (frame.empty()) {
-      std::this_thread::sleep_for(kIdleSleep);
+      // Idle: wait 20 ms, or less when a frame arrives meanwhile, so that a
+      // host pushing one frame at a time is not held up by the idle pass.
+      // The running flag is still checked once per pass.
+      std::unique_lock<std::mutex> lock(queueMutex_);
+      frameArrived_.wait_for(lock, kIdleSleep, [this] { return !frames_.empty(); });
     } else if (mode_ == 0 || mode_ == 1) {
       try {
         process(frame);
