@@ -16,6 +16,7 @@ namespace vtool {
 struct OptionSpec {
   std::string name;  // without the leading "--"
   bool takesValue;
+  char shortName = 0;  // "-x" alias when not 0
 };
 
 // The parsed arguments of one subcommand.  Parsing throws UsageError for an
@@ -24,13 +25,15 @@ struct OptionSpec {
 class Args {
  public:
   // `positionalNames` are the names of the required positional arguments
-  // (used in "missing IN" messages).
+  // (used in "missing IN" messages).  A last name ending in "..." takes
+  // one or more arguments.
   Args(std::string command, const std::vector<std::string>& argv,
        const std::vector<OptionSpec>& options, const std::vector<std::string>& positionalNames);
 
   bool helpRequested() const { return help_; }
   const std::string& command() const { return command_; }
   const std::string& positional(size_t index) const { return positionals_.at(index); }
+  size_t positionalCount() const { return positionals_.size(); }
   std::optional<std::string> option(const std::string& name) const;
   bool flag(const std::string& name) const { return values_.count(name) != 0; }
 
