@@ -21,6 +21,19 @@ namespace {
 
 using vtest::EdfHost;
 
+#if defined(__SANITIZE_THREAD__)
+// OpenCV's thread pool (TBB) is not built with ThreadSanitizer, which then
+// cannot see its synchronisation and reports races between pool threads.
+// OpenCV runs serially here; the session's worker and the per-channel
+// threads are ordinary threads and stay under watch.
+class SerialOpenCv : public ::testing::Environment {
+ public:
+  void SetUp() override { cv::setNumThreads(1); }
+};
+::testing::Environment* const kSerialOpenCv =
+    ::testing::AddGlobalTestEnvironment(new SerialOpenCv);
+#endif
+
 constexpr int kWidth = 96, kHeight = 72;
 
 VantixEdf* newSession(EdfHost& host, uint32_t kind, uint32_t format = 0) {
