@@ -151,8 +151,10 @@ void CPyrFuser::firstFrame(const cv::Mat& frame) {
 }
 
 void CPyrFuser::computeWeights(const cv::Mat& frame) {
-  // The mean of the channels, kept in float (0..1).
-  cv::Mat& mean = meanBuffers_.plane;
+  // The mean of the channels, kept in float (0..1).  Channel 0's buffers
+  // serve as work space: its thread starts only after the weights are done.
+  ChannelBuffers& work = buffers_[0];
+  cv::Mat& mean = work.plane;
   mean.create(frame.size(), CV_32F);
   constexpr float kThird = 1.0f / 3.0f;
   forRows(frame.rows, true, [&](int y0, int y1) {
@@ -171,7 +173,7 @@ void CPyrFuser::computeWeights(const cv::Mat& frame) {
   // weights in place.
   weights_.resize(kEdfPyramidLevels);
   decompose(
-      mean, meanBuffers_.downs, meanBuffers_.ups,
+      mean, work.downs, work.ups,
       [&](int i, const cv::Mat& current, const cv::Mat& up) {
         storeDetail(current, up, weights_[i]);
       },

@@ -58,7 +58,6 @@ class CPyrFuser : public CEdfFuser {
   std::vector<cv::Mat> pyramids_[3];
   std::vector<cv::Mat> planes_;     // the frame's channels
   ChannelBuffers buffers_[3];
-  ChannelBuffers meanBuffers_;       // the mean image of method 1
   std::vector<cv::Mat> weights_;     // method 1: per-level weight, shared by the channels
 };
 
