@@ -138,29 +138,47 @@ AddLevelRow addLevelRow() {
 
 }  // namespace
 
-void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure, StackMeasureScratch* scratch) {
-  CV_Assert(image.depth() == CV_8U && image.channels() <= 4 && !image.empty());
-  StackMeasureScratch local;
-  StackMeasureScratch& work = scratch ? *scratch : local;
-  const int cn = image.channels();
-  const cv::Size size = image.size();
-  cv::split(image, work.planes);
-  work.levels.resize(cn);
-  work.horizontal.resize(cn);
+namespace {
+
+// The focus measures of several images of one size and type at once, so
+// that the work of all their channels is spread over the threads together.
+void focusMeasures(const std::vector<const cv::Mat*>& images, const std::vector<cv::Mat*>& measures,
+                   StackMeasureScratch& work) {
+  const cv::Mat& first = *images[0];
+  CV_Assert(first.depth() == CV_8U && first.channels() <= 4 && !first.empty());
+  for (const cv::Mat* image : images) {
+    CV_Assert(image->type() == first.type() && image->size() == first.size());
+  }
+  const int cn = first.channels();
+  const int tasks = static_cast<int>(images.size()) * cn;
+  const cv::Size size = first.size();
+  work.planes.resize(tasks);
+  work.levels.resize(tasks);
+  work.horizontal.resize(tasks);
+  if (cn == 1) {
+    for (size_t k = 0; k < images.size(); ++k) work.planes[k] = *images[k];
+  } else {
+    std::vector<cv::Mat> split;
+    for (size_t k = 0; k < images.size(); ++k) {
+      split.assign(work.planes.begin() + k * cn, work.planes.begin() + (k + 1) * cn);
+      cv::split(*images[k], split);
+      std::copy(split.begin(), split.end(), work.planes.begin() + k * cn);
+    }
+  }
 
   // Per channel: the Gaussian pyramid, and the Laplacian of every level but
   // the full-size one (computed row by row below) interpolated along x to
   // the full width.  Bilinear resizing is separable, so the full-size
   // Laplacian of a level is the vertical interpolation of these rows.
-  cv::parallel_for_(cv::Range(0, cn), [&](const cv::Range& r) {
+  cv::parallel_for_(cv::Range(0, tasks), [&](const cv::Range& r) {
     cv::Mat lap;
-    for (int c = r.start; c < r.end; ++c) {
-      std::vector<cv::Mat>& pyramid = work.levels[c];
-      cv::buildPyramid(work.planes[c], pyramid, kMeasureLevels - 1, cv::BORDER_REFLECT_101);
-      work.horizontal[c].resize(pyramid.size());
+    for (int t = r.start; t < r.end; ++t) {
+      std::vector<cv::Mat>& pyramid = work.levels[t];
+      cv::buildPyramid(work.planes[t], pyramid, kMeasureLevels - 1, cv::BORDER_REFLECT_101);
+      work.horizontal[t].resize(pyramid.size());
       for (size_t i = 1; i < pyramid.size(); ++i) {
         laplacian(pyramid[i], lap);
-        cv::resize(lap, work.horizontal[c][i], cv::Size(size.width, lap.rows), 0, 0,
+        cv::resize(lap, work.horizontal[t][i], cv::Size(size.width, lap.rows), 0, 0,
                    cv::INTER_LINEAR);
       }
     }
@@ -169,36 +187,46 @@ void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure, StackMeasureScrat
   std::vector<AxisMap> rows(levels);
   for (int i = 1; i < levels; ++i) rows[i] = axisMap(work.levels[0][i].rows, size.height);
 
-  measure.create(size, CV_16S);
+  for (cv::Mat* measure : measures) measure->create(size, CV_16S);
   const AddLevelRow accumulate = addLevelRow();
   constexpr int kStripe = 16;
   const int stripes = (size.height + kStripe - 1) / kStripe;
   cv::parallel_for_(cv::Range(0, stripes), [&](const cv::Range& range) {
     std::vector<float> sum(static_cast<size_t>(size.width));
     for (int y = range.start * kStripe; y < std::min(size.height, range.end * kStripe); ++y) {
-      short* m = measure.ptr<short>(y);
-      for (int c = 0; c < cn; ++c) {
-        float* s = sum.data();
-        laplacianRow(work.planes[c], y, s);
-        for (int x = 0; x < size.width; ++x) s[x] = std::fabs(s[x]);
-        for (int i = 1; i < levels; ++i) {
-          const AxisMap& rm = rows[i];
-          const float* h0 = work.horizontal[c][i].ptr<float>(rm.first[y]);
-          const float* h1 = work.horizontal[c][i].ptr<float>(rm.second[y]);
-          accumulate(h0, h1, rm.weight[y], s, size.width);
-        }
-        // Sums are at most 8 * 1020, so they fit 16 bits; they are rounded
-        // half up (they are never negative).
-        if (c == 0) {
-          for (int x = 0; x < size.width; ++x) m[x] = static_cast<short>(s[x] + 0.5f);
-        } else {
-          for (int x = 0; x < size.width; ++x) {
-            m[x] = std::max(m[x], static_cast<short>(s[x] + 0.5f));
+      for (size_t k = 0; k < images.size(); ++k) {
+        short* m = measures[k]->ptr<short>(y);
+        for (int c = 0; c < cn; ++c) {
+          const int t = static_cast<int>(k) * cn + c;
+          float* s = sum.data();
+          laplacianRow(work.planes[t], y, s);
+          for (int x = 0; x < size.width; ++x) s[x] = std::fabs(s[x]);
+          for (int i = 1; i < levels; ++i) {
+            const AxisMap& rm = rows[i];
+            const float* h0 = work.horizontal[t][i].ptr<float>(rm.first[y]);
+            const float* h1 = work.horizontal[t][i].ptr<float>(rm.second[y]);
+            accumulate(h0, h1, rm.weight[y], s, size.width);
+          }
+          // Sums are at most 8 * 1020, so they fit 16 bits; they are rounded
+          // half up (they are never negative).
+          if (c == 0) {
+            for (int x = 0; x < size.width; ++x) m[x] = static_cast<short>(s[x] + 0.5f);
+          } else {
+            for (int x = 0; x < size.width; ++x) {
+              m[x] = std::max(m[x], static_cast<short>(s[x] + 0.5f));
+            }
           }
         }
       }
     }
   });
+}
+
+}  // namespace
+
+void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure, StackMeasureScratch* scratch) {
+  StackMeasureScratch local;
+  focusMeasures({&image}, {&measure}, scratch ? *scratch : local);
 }
 
 int stackMeasureScale(const cv::Mat& measure) {
@@ -243,8 +271,7 @@ void CStackFuser::addFrame(cv::Mat& frame, cv::Mat& result) {
   // detail found so far and gives a scale t that stays steady from frame to
   // frame.  Its weight is 1 - w, which goes to 1 where m1 > m2, so each pixel
   // follows the image that is sharper there.
-  stackFocusMeasure(accumulated_, accumulatedMeasure_, &scratch_);
-  stackFocusMeasure(frame, frameMeasure_, &scratch_);
+  focusMeasures({&accumulated_, &frame}, {&accumulatedMeasure_, &frameMeasure_}, scratch_);
   const int t = stackMeasureScale(accumulatedMeasure_);
 
   const cv::Size size = frame.size();
