@@ -75,17 +75,6 @@ struct Candidate {
   double scale;
 };
 
-// Costs of several candidates at once (they are independent), in parallel.
-void costs(const cv::Mat& frame, const cv::Mat& reference, const std::vector<Candidate>& candidates,
-           std::vector<int64_t>& out) {
-  out.assign(candidates.size(), 0);
-  cv::parallel_for_(cv::Range(0, static_cast<int>(candidates.size())), [&](const cv::Range& r) {
-    for (int i = r.start; i < r.end; ++i) {
-      out[i] = alignmentCost(frame, reference, candidates[i].dx, candidates[i].dy,
-                             candidates[i].scale);
-    }
-  });
-}
 
 void greyPyramid(const cv::Mat& grey, std::vector<cv::Mat>& pyramid) {
   pyramid.assign(1, grey);
@@ -122,34 +111,77 @@ void matchBrightness(cv::Mat& frame, cv::Mat& reference) {
   cv::LUT(reference, brightnessTable(average, referenceTotal), reference);
 }
 
-int64_t alignmentCost(const cv::Mat& frame, const cv::Mat& reference, int dx, int dy,
-                      double scale) {
+namespace {
+
+// The frame's samples on the cost grid of one level, gathered once so that
+// every candidate reads them in order.
+struct CostGrid {
+  int colStep = 1, rowStep = 1;
+  int columns = 0, rows = 0;
+  cv::Mat samples;  // rows x columns, 8-bit
+};
+
+CostGrid costGrid(const cv::Mat& frame, const cv::Mat& reference) {
   CV_Assert(frame.type() == CV_8UC1 && reference.type() == CV_8UC1);
   CV_Assert(frame.size() == reference.size());
+  CostGrid grid;
   const int w = reference.cols, h = reference.rows;
-  const int colStep = gridStep(w), rowStep = gridStep(h);
-  // Grid points x = 0, step, ... below w - step.
-  const int columns = w - colStep > 0 ? (w - colStep + colStep - 1) / colStep : 0;
-  const int rows = h - rowStep > 0 ? (h - rowStep + rowStep - 1) / rowStep : 0;
+  grid.colStep = gridStep(w);
+  grid.rowStep = gridStep(h);
+  // Grid points x = 0, step, ... below w - step (likewise y).
+  grid.columns = w > grid.colStep ? (w - 1) / grid.colStep : 0;
+  grid.rows = h > grid.rowStep ? (h - 1) / grid.rowStep : 0;
+  grid.samples.create(std::max(grid.rows, 1), std::max(grid.columns, 1), CV_8U);
+  for (int j = 0; j < grid.rows; ++j) {
+    const uchar* src = frame.ptr<uchar>(j * grid.rowStep);
+    uchar* dst = grid.samples.ptr<uchar>(j);
+    for (int i = 0; i < grid.columns; ++i) dst[i] = src[i * grid.colStep];
+  }
+  return grid;
+}
+
+int64_t gridCost(const CostGrid& grid, const cv::Mat& reference, int dx, int dy, double scale) {
+  const int w = reference.cols, h = reference.rows;
   thread_local std::vector<int> refCols, refRows;
-  mapGrid(columns, colStep, w, dx, scale, w, refCols);
-  mapGrid(rows, rowStep, h, dy, scale, h, refRows);
+  mapGrid(grid.columns, grid.colStep, w, dx, scale, w, refCols);
+  mapGrid(grid.rows, grid.rowStep, h, dy, scale, h, refRows);
+  // The valid columns form one run (the mapping is monotonic); points that
+  // map outside the reference are skipped.
+  int first = 0, last = grid.columns;
+  while (first < last && refCols[first] < 0) ++first;
+  while (last > first && refCols[last - 1] < 0) --last;
   int64_t total = 0;
-  for (int j = 0; j < rows; ++j) {
+  for (int j = 0; j < grid.rows; ++j) {
     const int ry = refRows[j];
     if (ry < 0) continue;
-    const uchar* f = frame.ptr<uchar>(j * rowStep);
+    const uchar* f = grid.samples.ptr<uchar>(j);
     const uchar* r = reference.ptr<uchar>(ry);
-    int64_t rowTotal = 0;
-    for (int i = 0; i < columns; ++i) {
-      const int rx = refCols[i];
-      if (rx < 0) continue;
-      const int d = static_cast<int>(f[i * colStep]) - static_cast<int>(r[rx]);
+    int rowTotal = 0;  // at most 199 * 255^2 a row: fits 32 bits
+    for (int i = first; i < last; ++i) {
+      const int d = static_cast<int>(f[i]) - static_cast<int>(r[refCols[i]]);
       rowTotal += d * d;
     }
     total += rowTotal;
   }
   return total;
+}
+
+// Costs of several candidates at once (they are independent), in parallel.
+void costs(const CostGrid& grid, const cv::Mat& reference, const std::vector<Candidate>& candidates,
+           std::vector<int64_t>& out) {
+  out.assign(candidates.size(), 0);
+  cv::parallel_for_(cv::Range(0, static_cast<int>(candidates.size())), [&](const cv::Range& r) {
+    for (int i = r.start; i < r.end; ++i) {
+      out[i] = gridCost(grid, reference, candidates[i].dx, candidates[i].dy, candidates[i].scale);
+    }
+  });
+}
+
+}  // namespace
+
+int64_t alignmentCost(const cv::Mat& frame, const cv::Mat& reference, int dx, int dy,
+                      double scale) {
+  return gridCost(costGrid(frame, reference), reference, dx, dy, scale);
 }
 
 ShiftScale estimateShiftScale(const cv::Mat& frame, const cv::Mat& reference) {
@@ -170,7 +202,8 @@ ShiftScale estimateShiftScale(const cv::Mat& frame, const cv::Mat& reference) {
       best.dx *= 2;
       best.dy *= 2;
     }
-    int64_t bestCost = alignmentCost(f, r, best.dx, best.dy, best.scale);
+    const CostGrid grid = costGrid(f, r);
+    int64_t bestCost = gridCost(grid, r, best.dx, best.dy, best.scale);
     const double step = std::max(0.01, 1.0 / r.cols);
     for (int pass = 0; pass < kMaxPasses; ++pass) {
       bool improved = false;
@@ -186,7 +219,7 @@ ShiftScale estimateShiftScale(const cv::Mat& frame, const cv::Mat& reference) {
       for (double s = start - step; s >= low - 1e-12; s -= step) {
         candidates.push_back({best.dx, best.dy, s});
       }
-      costs(f, r, candidates, values);
+      costs(grid, r, candidates, values);
       for (size_t i = 0; i < candidates.size(); ++i) {
         if (values[i] < bestCost) {
           bestCost = values[i];
@@ -201,7 +234,7 @@ ShiftScale estimateShiftScale(const cv::Mat& frame, const cv::Mat& reference) {
       for (const auto& n : kNeighbours) {
         candidates.push_back({best.dx + n[0], best.dy + n[1], best.scale});
       }
-      costs(f, r, candidates, values);
+      costs(grid, r, candidates, values);
       for (size_t i = 0; i < candidates.size(); ++i) {
         if (values[i] < bestCost) {
           bestCost = values[i];
