@@ -252,12 +252,6 @@ int stackMeasureScale(const cv::Mat& measure) {
   return t <= 0 ? 1 : t;
 }
 
-float stackWeight(int16_t m1, int16_t m2, int t) {
-  const int g = std::max(m1, m2);
-  const auto difference = static_cast<uint16_t>(static_cast<int16_t>(m1 - m2));
-  return weightTable(steepnessClass(g, t))[difference];
-}
-
 void CStackFuser::firstFrame(const cv::Mat& frame) {
   CV_Assert(frame.type() == CV_8UC3);
   accumulated_ = frame.clone();

@@ -29,11 +29,6 @@ void stackFocusMeasure(const cv::Mat& image, cv::Mat& measure,
 // times the smallest; at least 1.
 int stackMeasureScale(const cv::Mat& measure);
 
-// The blend weight of the image of measure `m2` against the image of measure
-// `m1` at a pixel: 1 / (exp((m1 - m2) k) + 1), the difference taken in 16
-// bits, k = 0.1, 1, 8 or 81 as q = 2 max(m1, m2) / t is <= 0, 1, 2 or more.
-float stackWeight(int16_t m1, int16_t m2, int t);
-
 class CStackFuser : public CEdfFuser {
  public:
   void addFrame(cv::Mat& frame, cv::Mat& result) override;
