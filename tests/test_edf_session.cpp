@@ -59,45 +59,28 @@ TEST(EdfSession, FirstFrameComesBackInTheSessionFormat) {
     switch (format) {
       case 1:
       case 3: {
-        cv::Mat wide(bgr.size(), CV_16UC3);
-        cv::RNG rng(format);
-        for (int y = 0; y < bgr.rows; ++y) {
-          for (int x = 0; x < bgr.cols; ++x) {
-            for (int c = 0; c < 3; ++c) {
-              wide.at<cv::Vec3w>(y, x)[c] = static_cast<uint16_t>(rng.uniform(0, 65536));
-            }
-          }
-        }
-        cv::Mat back(bgr.size(), CV_16UC3);
-        for (int y = 0; y < bgr.rows; ++y) {
-          for (int x = 0; x < bgr.cols; ++x) {
-            for (int c = 0; c < 3; ++c) {
-              const int v = wide.at<cv::Vec3w>(y, x)[c];
-              back.at<cv::Vec3w>(y, x)[c] = static_cast<uint16_t>(((2 * v + 257) / 514) * 257);
-            }
-          }
-        }
+        cv::Mat wide = vtest::randomImage(bgr.rows, bgr.cols, CV_16UC3, format);
         wide.at<cv::Vec3w>(0, 0) = cv::Vec3w(65535, 0, 257);
-        back.at<cv::Vec3w>(0, 0) = cv::Vec3w(65535, 0, 257);
+        // v / 257 rounded (never a tie: 257 is odd), times 257.
+        cv::Mat back(wide.size(), CV_16UC3);
+        for (size_t i = 0; i < wide.total() * 3; ++i) {
+          const int v = wide.ptr<uint16_t>()[i];
+          back.ptr<uint16_t>()[i] = static_cast<uint16_t>(((2 * v + 257) / 514) * 257);
+        }
         if (format == 1) {
           pushed = wide;
           expected = back;
           expectedType = CV_16UC3;
         } else {
-          cv::cvtColor(wide, pushed, cv::COLOR_BGR2BGRA);
-          for (int y = 0; y < pushed.rows; ++y) {
-            for (int x = 0; x < pushed.cols; ++x) pushed.at<cv::Vec4w>(y, x)[3] = 1234;
-          }
-          cv::cvtColor(back, expected, cv::COLOR_BGR2BGRA);  // alpha 65535
+          cv::Mat alpha(wide.size(), CV_16UC1, cv::Scalar(1234));  // ignored on the way in
+          cv::merge(std::vector<cv::Mat>{wide, alpha}, pushed);
+          cv::cvtColor(back, expected, cv::COLOR_BGR2BGRA);  // comes back 65535
           expectedType = CV_16UC4;
         }
         break;
       }
       case 2:
-        cv::cvtColor(bgr, pushed, cv::COLOR_BGR2BGRA);
-        for (int y = 0; y < pushed.rows; ++y) {
-          for (int x = 0; x < pushed.cols; ++x) pushed.at<cv::Vec4b>(y, x)[3] = 17;
-        }
+        cv::merge(std::vector<cv::Mat>{bgr, cv::Mat(bgr.size(), CV_8UC1, cv::Scalar(17))}, pushed);
         cv::cvtColor(bgr, expected, cv::COLOR_BGR2BGRA);
         expectedType = CV_8UC4;
         break;
