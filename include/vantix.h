@@ -448,6 +448,15 @@ VANTIX_API VantixResult vantix_stitch_pullnam(VantixStitch *session,
  * into a queue of 3 (the oldest is dropped when full); every frame must have
  * the size of the first.  Fuser kinds: 0 pyramid (largest coefficient),
  * 1 pyramid (weighted blend), 2 stack (focus-measure blend).
+ *
+ * From the third frame on, each frame is first aligned to the previous
+ * fused image: brightness matched, then shifted and scaled (0.9 to 1.1)
+ * about the centre by nearest-neighbour resampling, the edge pixels being
+ * repeated where the frame has no data.  The worker fuses the frames in the
+ * order they were pushed; while idle it waits up to 20 ms for a frame (a
+ * push wakes it at once).  A host that needs every frame fused pushes the
+ * next one after the previous one's onFrame: the queue drops frames when the
+ * camera is faster than the fusion.
  */
 
 /**
@@ -478,7 +487,8 @@ typedef void (*VantixEdfErrorFn)(void *context, uint32_t code);
 /**
  * Creates an EDF session of fuser `kind` for format 0.  `onFrame` must not
  * be null; `onError` may be.  Never returns null (running out of memory
- * raises a C++ exception).
+ * raises a C++ exception).  A session of an unknown kind has no fuser: its
+ * first frame is reported through onError with code 1 and the worker ends.
  */
 VANTIX_API VantixEdf *vantix_edf_new(uint32_t kind, VantixEdfFrameFn onFrame,
                                      VantixEdfErrorFn onError, void *context);
@@ -505,12 +515,20 @@ VANTIX_API void vantix_edf_stop(VantixEdf *session);
  * Copies the fused image, top row first, taking rowBytes bytes of each row
  * (pass width * bytes a pixel of the session's format: 3, 6, 4 or 8) and
  * advancing `buffer` by rowBytes a row.  Copies nothing before the first
- * frame has been processed.
+ * frame has been processed.  A larger rowBytes reads on into the next row
+ * (and stops at the image's last byte, leaving the rest of the host's last
+ * rows untouched).
  */
 VANTIX_API void vantix_edf_readdata(VantixEdf *session, void *buffer,
                                     uint32_t rowBytes);
 
-/** As vantix_stitch_pushback, for an EDF session. */
+/**
+ * As vantix_stitch_pushback, for an EDF session: converts and copies the
+ * frame (the buffer may be reused at once) and queues it.  Returns
+ * VANTIX_E_NOTIMPL for a null session, else VANTIX_S_OK, also when the frame
+ * was dropped because the session is not running (never started, stopped,
+ * or halted by an error until stop and start).  `bits` is ignored.
+ */
 VANTIX_API VantixResult vantix_edf_pushback(VantixEdf *session,
                                             const void *data, uint32_t width,
                                             uint32_t height, uint64_t bits,

@@ -53,11 +53,22 @@ Args::Args(std::string command, const std::vector<std::string>& argv,
       onlyPositionals = true;
       continue;
     }
-    if (arg.compare(0, 2, "--") != 0) throwUsage("unknown option '" + arg + "'");
+    const OptionSpec* spec = nullptr;
+    if (arg.compare(0, 2, "--") != 0) {
+      for (const OptionSpec& candidate : options) {
+        if (arg.size() == 2 && candidate.shortName == arg[1]) spec = &candidate;
+      }
+      if (spec == nullptr) throwUsage("unknown option '" + arg + "'");
+      if (spec->takesValue && i + 1 >= argv.size()) throwUsage("option '" + arg + "' needs a value");
+      values_[spec->name] = spec->takesValue ? argv[++i] : "";
+      if (spec->takesValue && values_[spec->name].empty()) {
+        throwUsage("option '" + arg + "' needs a non-empty value");
+      }
+      continue;
+    }
     const size_t equals = arg.find('=');
     const std::string name = arg.substr(2, equals == std::string::npos ? std::string::npos
                                                                        : equals - 2);
-    const OptionSpec* spec = nullptr;
     for (const OptionSpec& candidate : options) {
       if (candidate.name == name) spec = &candidate;
     }
@@ -79,7 +90,6 @@ Args::Args(std::string command, const std::vector<std::string>& argv,
   if (positionals_.size() < positionalNames.size()) {
     throwUsage("missing argument " + positionalNames[positionals_.size()]);
   }
-  // A last name ending in "..." takes any number of further arguments.
   const bool variadic = !positionalNames.empty() && positionalNames.back().size() > 3 &&
                         positionalNames.back().compare(positionalNames.back().size() - 3, 3,
                                                        "...") == 0;

@@ -16,6 +16,7 @@ namespace vtool {
 struct OptionSpec {
   std::string name;  // without the leading "--"
   bool takesValue;
+  char shortName = 0;  // "-x" alias when not 0
 };
 
 // The parsed arguments of one subcommand.  Parsing throws UsageError for an
@@ -24,8 +25,8 @@ struct OptionSpec {
 class Args {
  public:
   // `positionalNames` are the names of the required positional arguments
-  // (used in "missing IN" messages); a last name ending in "..." (such as
-  // "IMAGE...") accepts one or more arguments.
+  // (used in "missing IN" messages).  A last name ending in "..." takes
+  // one or more arguments.
   Args(std::string command, const std::vector<std::string>& argv,
        const std::vector<OptionSpec>& options, const std::vector<std::string>& positionalNames);
 

@@ -1,0 +1,226 @@
+// End-to-end time of an EDF session per frame, through the exported
+// functions: each frame is pushed with vantix_edf_pushback and waited for
+// (its onFrame), so the figure is the worker's whole work for one frame,
+// alignment included.  The alignment alone is measured beside it, and the
+// session's peak memory at 1920 x 1080 in a child process (VmHWM).
+//
+// Frames: a focus sweep of 8 slices over a tilted depth plane made from a
+// synthetic textured scene.
+#include <benchmark/benchmark.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <ctime>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#include <vantix.h>
+
+#include "edf/edf_fuser.h"
+
+namespace {
+
+constexpr int kSlices = 8;
+
+// A sharp textured picture of `size`: shading, fine stripes, shapes and
+// noise (the benchmarks link no image codecs).
+cv::Mat sharpPicture(cv::Size size) {
+  cv::Mat scene(size, CV_8UC3);
+  for (int y = 0; y < size.height; ++y) {
+    auto* row = scene.ptr<cv::Vec3b>(y);
+    for (int x = 0; x < size.width; ++x) {
+      const double shade = 110 + 50 * std::sin(x * 0.011) * std::cos(y * 0.015);
+      const double stripes = 30 * std::sin(x * 0.7 + y * 0.4);
+      row[x] = cv::Vec3b(cv::saturate_cast<uint8_t>(shade + stripes),
+                         cv::saturate_cast<uint8_t>(shade + 0.5 * stripes),
+                         cv::saturate_cast<uint8_t>(shade - stripes));
+    }
+  }
+  cv::RNG rng(3);
+  for (int i = 0; i < 40; ++i) {
+    const cv::Point centre(rng.uniform(0, size.width), rng.uniform(0, size.height));
+    cv::circle(scene, centre, rng.uniform(5, size.height / 6),
+               cv::Scalar(rng.uniform(0, 255), rng.uniform(0, 255), rng.uniform(0, 255)),
+               cv::FILLED, cv::LINE_AA);
+  }
+  cv::Mat noise(size, CV_16SC3);
+  rng.fill(noise, cv::RNG::NORMAL, 0, 5);
+  cv::Mat noisy;
+  cv::add(scene, noise, noisy, cv::noArray(), CV_8UC3);
+  return noisy;
+}
+
+// Slice k is sharp near depth k / 7 of a left-to-right tilt and blurred
+// elsewhere (a blend of three blur levels by distance).
+std::vector<cv::Mat> focusSweep(cv::Size size) {
+  const cv::Mat sharp = sharpPicture(size);
+  cv::Mat soft, softer;
+  cv::GaussianBlur(sharp, soft, cv::Size(0, 0), 2.0);
+  cv::GaussianBlur(sharp, softer, cv::Size(0, 0), 5.0);
+  std::vector<cv::Mat> slices;
+  for (int k = 0; k < kSlices; ++k) {
+    cv::Mat slice(size, CV_8UC3);
+    for (int x = 0; x < size.width; ++x) {
+      const double distance = std::abs(static_cast<double>(x) / size.width - k / (kSlices - 1.0));
+      const cv::Mat& source = distance < 0.07 ? sharp : distance < 0.25 ? soft : softer;
+      source.col(x).copyTo(slice.col(x));
+    }
+    slices.push_back(slice);
+  }
+  return slices;
+}
+
+const std::vector<cv::Mat>& sweep(cv::Size size) {
+  static std::vector<cv::Mat> small = focusSweep({640, 480});
+  static std::vector<cv::Mat> large = focusSweep({1920, 1080});
+  return size.width == 640 ? small : large;
+}
+
+struct Waiter {
+  std::mutex mutex;
+  std::condition_variable done;
+  int frames = 0;
+  int errors = 0;
+
+  static void onFrame(void* context, uint32_t, const uint8_t*, uint32_t, uint32_t, uint32_t,
+                      uint32_t) {
+    auto* w = static_cast<Waiter*>(context);
+    std::lock_guard<std::mutex> lock(w->mutex);
+    ++w->frames;
+    w->done.notify_all();
+  }
+  static void onError(void* context, uint32_t) {
+    auto* w = static_cast<Waiter*>(context);
+    std::lock_guard<std::mutex> lock(w->mutex);
+    ++w->errors;
+    w->done.notify_all();
+  }
+  // Pushes and waits for the frame; returns the seconds it took.
+  double pushAndWait(VantixEdf* session, const cv::Mat& frame) {
+    std::unique_lock<std::mutex> lock(mutex);
+    const int target = frames + 1;
+    lock.unlock();
+    const auto start = std::chrono::steady_clock::now();
+    vantix_edf_pushback(session, frame.data, frame.cols, frame.rows, 8,
+                        static_cast<uint32_t>(frame.step[0]));
+    lock.lock();
+    done.wait(lock, [&] { return frames >= target || errors > 0; });
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  }
+};
+
+double processCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+void BM_EdfFrame(benchmark::State& state) {
+  const uint32_t kind = static_cast<uint32_t>(state.range(0));
+  const cv::Size size(static_cast<int>(state.range(1)), static_cast<int>(state.range(2)));
+  const std::vector<cv::Mat>& slices = sweep(size);
+  Waiter waiter;
+  VantixEdf* session = vantix_edf_new(kind, &Waiter::onFrame, &Waiter::onError, &waiter);
+  vantix_edf_start(session);
+  waiter.pushAndWait(session, slices[0]);  // the first frame only starts the stack
+  size_t next = 1;
+  // CPU time of the whole process (worker, channel threads, OpenCV's pool)
+  // a frame: unlike the wall time it hardly depends on what else the
+  // machine is running.
+  const double cpuStart = processCpuSeconds();
+  for (auto _ : state) {
+    state.SetIterationTime(waiter.pushAndWait(session, slices[next]));
+    next = next % (slices.size() - 1) + 1;
+  }
+  state.counters["cpu_ms"] = benchmark::Counter(
+      1e3 * (processCpuSeconds() - cpuStart) / static_cast<double>(state.iterations()));
+  vantix_edf_delete(session);
+  if (waiter.errors > 0) state.SkipWithError("the session reported an error");
+}
+
+void BM_EdfAlignment(benchmark::State& state) {
+  const cv::Size size(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+  const std::vector<cv::Mat>& slices = sweep(size);
+  size_t next = 1;
+  for (auto _ : state) {
+    state.PauseTiming();
+    cv::Mat frame = slices[next].clone(), reference = slices[next - 1].clone();
+    state.ResumeTiming();
+    vantix::alignToReference(frame, reference);
+    next = next % (slices.size() - 1) + 1;
+  }
+}
+
+BENCHMARK(BM_EdfFrame)
+    ->ArgNames({"kind", "w", "h"})
+    ->Args({0, 640, 480})
+    ->Args({1, 640, 480})
+    ->Args({2, 640, 480})
+    ->Args({0, 1920, 1080})
+    ->Args({1, 1920, 1080})
+    ->Args({2, 1920, 1080})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(2.0);
+BENCHMARK(BM_EdfAlignment)
+    ->ArgNames({"w", "h"})
+    ->Args({640, 480})
+    ->Args({1920, 1080})
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0);
+
+long statusKilobytes(const char* field) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.compare(0, std::strlen(field), field) == 0) return std::stol(line.substr(std::strlen(field) + 1));
+  }
+  return -1;
+}
+
+// Peak resident memory of a process that runs one 1920 x 1080 session of
+// `kind` over the sweep twice, against the process before the session.
+void reportPeakMemory(uint32_t kind) {
+  std::fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    const std::vector<cv::Mat> slices = focusSweep({1920, 1080});
+    const long before = statusKilobytes("VmRSS:");
+    Waiter waiter;
+    VantixEdf* session = vantix_edf_new(kind, &Waiter::onFrame, &Waiter::onError, &waiter);
+    vantix_edf_start(session);
+    for (int round = 0; round < 2; ++round) {
+      for (const cv::Mat& slice : slices) waiter.pushAndWait(session, slice);
+    }
+    vantix_edf_delete(session);
+    const long peak = statusKilobytes("VmHWM:");
+    std::printf("peak memory, kind %u at 1920x1080: process %.1f MB, session %.1f MB above the "
+                "%.1f MB before it (frames included)\n",
+                kind, peak / 1024.0, (peak - before) / 1024.0, before / 1024.0);
+    std::fflush(stdout);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Peak memory first, in fresh child processes.
+  for (uint32_t kind : {0u, 1u, 2u}) reportPeakMemory(kind);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,150 @@
+#include "edf/edf_session.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <exception>
+
+#include "api/pixel_format.h"
+
+namespace vantix {
+
+namespace {
+
+constexpr auto kIdleSleep = std::chrono::milliseconds(20);
+
+}  // namespace
+
+CEdfSession::CEdfSession(uint32_t format, uint32_t kind, VantixEdfFrameFn onFrame,
+                         VantixEdfErrorFn onError, void* context)
+    : CEdfSession(format, makeEdfFuser(kind), onFrame, onError, context) {}
+
+CEdfSession::CEdfSession(uint32_t format, std::unique_ptr<CEdfFuser> fuser,
+                         VantixEdfFrameFn onFrame, VantixEdfErrorFn onError, void* context)
+    : format_(format),
+      onFrame_(onFrame),
+      onError_(onError),
+      context_(context),
+      slot_(std::move(fuser)) {}
+
+CEdfSession::~CEdfSession() {
+  running_ = false;
+  if (worker_) {
+    while (worker_->joinable()) worker_->join();
+  }
+}
+
+void CEdfSession::start() {
+  running_ = true;
+  worker_ = std::make_unique<std::thread>(&CEdfSession::workerLoop, this);
+}
+
+void CEdfSession::stop() {
+  running_ = false;
+  if (worker_) {
+    while (worker_->joinable()) worker_->join();
+    // The finished thread object is released here rather than kept.
+    worker_.reset();
+  }
+}
+
+void CEdfSession::push(const void* data, uint32_t width, uint32_t height, uint64_t /*bits*/,
+                       uint32_t rowPitch) {
+  // `bits` is ignored: the session's format decides the layout of frames.
+  if (!running_) return;
+  cv::Mat working = toWorkingImage(format_, data, width, height, rowPitch, true);
+  // Only a working image that still views the host's buffer needs a copy;
+  // the converted formats already own their pixels.
+  if (working.u == nullptr) working = working.clone();
+  {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    if (frames_.size() >= kQueueLimit) frames_.pop_front();
+    frames_.push_back(std::move(working));
+  }
+  frameArrived_.notify_one();
+}
+
+void CEdfSession::readData(void* buffer, uint32_t rowBytes) {
+  std::lock_guard<std::mutex> lock(resultMutex_);
+  if (fused_.empty()) return;
+  auto* out = static_cast<uint8_t*>(buffer);
+  const uint8_t* end = fused_.dataend;
+  for (int y = 0; y < fused_.rows; ++y) {
+    const uint8_t* row = fused_.ptr<uint8_t>(y);
+    // rowBytes is not checked against the row: a longer count goes on into
+    // the next row, but never past the image's last byte.
+    const size_t count = std::min<size_t>(rowBytes, static_cast<size_t>(end - row));
+    std::memcpy(out, row, count);
+    out += rowBytes;
+  }
+}
+
+std::vector<cv::Mat> CEdfSession::queuedFrames() {
+  std::lock_guard<std::mutex> lock(queueMutex_);
+  std::vector<cv::Mat> copies;
+  for (const cv::Mat& frame : frames_) copies.push_back(frame.clone());
+  return copies;
+}
+
+void CEdfSession::workerLoop() {
+  if (!running_) return;
+  while (true) {
+    cv::Mat frame;
+    {
+      std::lock_guard<std::mutex> lock(queueMutex_);
+      if (!frames_.empty()) {
+        frame = frames_.front();
+        frames_.pop_front();
+      }
+    }
+    if (frame.empty()) {
+      // Idle: wait 20 ms, or less when a frame arrives meanwhile, so that a
+      // host pushing one frame at a time is not held up by the idle pass.
+      // The running flag is still checked once per pass.
+      std::unique_lock<std::mutex> lock(queueMutex_);
+      frameArrived_.wait_for(lock, kIdleSleep, [this] { return !frames_.empty(); });
+    } else if (mode_ == 0 || mode_ == 1) {
+      try {
+        process(frame);
+      } catch (const cv::Exception& e) {
+        running_ = false;
+        if (onError_) {
+          onError_(context_, e.code == cv::Error::StsNoMem ? VANTIX_EDF_ERROR_OUT_OF_MEMORY
+                                                           : VANTIX_EDF_ERROR_FAILED);
+        }
+      } catch (const std::exception&) {
+        running_ = false;
+        if (onError_) onError_(context_, VANTIX_EDF_ERROR_FAILED);
+      }
+    }
+    if (!running_) return;
+  }
+}
+
+void CEdfSession::process(cv::Mat& frame) {
+  cv::Mat published;
+  if (fused_.empty()) {
+    slot_.firstFrame(frame);
+    published = toOutputFormat(format_, frame);
+  } else {
+    cv::Mat result;
+    slot_.fuse(frame, result);
+    published = toOutputFormat(format_, result);
+  }
+  const uint8_t* data;
+  size_t step;
+  int width, height, type;
+  {
+    std::lock_guard<std::mutex> lock(resultMutex_);
+    fused_ = published;
+    data = fused_.data;
+    step = fused_.step[0];
+    width = fused_.cols;
+    height = fused_.rows;
+    type = fused_.type() & 0xfff;
+  }
+  onFrame_(context_, 0, data, static_cast<uint32_t>(step), static_cast<uint32_t>(width),
+           static_cast<uint32_t>(height), static_cast<uint32_t>(type));
+}
+
+}  // namespace vantix

@@ -1,0 +1,76 @@
+// The EDF session: a queue of up to 3 frames filled by host threads and one
+// worker thread that aligns and fuses them, publishing the running fused
+// image in the session's pixel format.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <vantix.h>
+
+#include "edf/edf_fuser.h"
+
+namespace vantix {
+
+class CEdfSession {
+ public:
+  // Frames never wait in a queue longer than this; a push to a full queue
+  // drops the oldest frame.
+  static constexpr size_t kQueueLimit = 3;
+
+  // A session of fuser `kind` (an unknown kind leaves no fuser: the first
+  // processed frame is then reported through onError with code 1).
+  CEdfSession(uint32_t format, uint32_t kind, VantixEdfFrameFn onFrame, VantixEdfErrorFn onError,
+              void* context);
+  // The same with a given fuser (null for none).
+  CEdfSession(uint32_t format, std::unique_ptr<CEdfFuser> fuser, VantixEdfFrameFn onFrame,
+              VantixEdfErrorFn onError, void* context);
+  ~CEdfSession();
+
+  CEdfSession(const CEdfSession&) = delete;
+  CEdfSession& operator=(const CEdfSession&) = delete;
+
+  // Starts a worker.  A host calls stop() between two starts: a worker that
+  // is still joinable ends the process, as std::thread's destructor does.
+  void start();
+  // Stops the worker and waits for it; queue, fused image and stack stay.
+  void stop();
+  // Converts and enqueues a frame when running (else drops it).
+  void push(const void* data, uint32_t width, uint32_t height, uint64_t bits, uint32_t rowPitch);
+  // Copies `rowBytes` bytes of each fused row, top row first, advancing the
+  // destination by rowBytes a row.  Nothing before the first fused frame.
+  void readData(void* buffer, uint32_t rowBytes);
+
+  // For tests: state as seen from outside the worker.
+  bool running() const { return running_.load(); }
+  uint32_t format() const { return format_; }
+  std::vector<cv::Mat> queuedFrames();  // deep copies, oldest first
+
+ private:
+  void workerLoop();
+  void process(cv::Mat& frame);
+
+  uint32_t format_;
+  // Frames are fused only while mode is 0 or 1; it is never changed.
+  const uint32_t mode_ = 0;
+  std::mutex queueMutex_;
+  std::condition_variable frameArrived_;  // ends the idle wait early
+  std::mutex resultMutex_;
+  std::unique_ptr<std::thread> worker_;
+  std::deque<cv::Mat> frames_;
+  VantixEdfFrameFn onFrame_;
+  VantixEdfErrorFn onError_;
+  void* context_;
+  std::atomic<bool> running_{false};
+  cv::Mat fused_;  // in format_, replaced (not written into) by the worker
+  CFuserSlot slot_;
+};
+
+}  // namespace vantix
