@@ -61,7 +61,6 @@ void CEdfSession::push(const void* data, uint32_t width, uint32_t height, uint64
     if (frames_.size() >= kQueueLimit) frames_.pop_front();
     frames_.push_back(std::move(working));
   }
-  frameArrived_.notify_one();
 }
 
 void CEdfSession::readData(void* buffer, uint32_t rowBytes) {
@@ -98,11 +97,9 @@ void CEdfSession::workerLoop() {
       }
     }
     if (frame.empty()) {
-      // Idle: wait 20 ms, or less when a frame arrives meanwhile, so that a
-      // host pushing one frame at a time is not held up by the idle pass.
-      // The running flag is still checked once per pass.
-      std::unique_lock<std::mutex> lock(queueMutex_);
-      frameArrived_.wait_for(lock, kIdleSleep, [this] { return !frames_.empty(); });
+      // Idle: sleep 20 ms rather than spin.  A frame pushed meanwhile waits
+      // for the end of the pause; the running flag is checked once a pass.
+      std::this_thread::sleep_for(kIdleSleep);
     } else if (mode_ == 0 || mode_ == 1) {
       try {
         process(frame);

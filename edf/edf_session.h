@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -61,7 +60,6 @@ class CEdfSession {
   // Frames are fused only while mode is 0 or 1; it is never changed.
   const uint32_t mode_ = 0;
   std::mutex queueMutex_;
-  std::condition_variable frameArrived_;  // ends the idle wait early
   std::mutex resultMutex_;
   std::unique_ptr<std::thread> worker_;
   std::deque<cv::Mat> frames_;

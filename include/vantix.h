@@ -453,10 +453,11 @@ VANTIX_API VantixResult vantix_stitch_pullnam(VantixStitch *session,
  * fused image: brightness matched, then shifted and scaled (0.9 to 1.1)
  * about the centre by nearest-neighbour resampling, the edge pixels being
  * repeated where the frame has no data.  The worker fuses the frames in the
- * order they were pushed; while idle it waits up to 20 ms for a frame (a
- * push wakes it at once).  A host that needs every frame fused pushes the
- * next one after the previous one's onFrame: the queue drops frames when the
- * camera is faster than the fusion.
+ * order they were pushed; while idle it checks the queue every 20 ms, so a
+ * frame pushed to an idle session starts at most 20 ms later.  A host that
+ * needs every frame fused pushes the next one after the previous one's
+ * onFrame (from inside onFrame is allowed and keeps the worker busy): the
+ * queue drops frames when the camera is faster than the fusion.
  */
 
 /**
