@@ -52,10 +52,15 @@ void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv
   if (cv::countNonZero(covered) == 0) {
     frame.copyTo(dst);
   } else {
-    // Distance (in pixels) of each painted cell to the nearest unpainted one
-    // within the frame's area; far from any edge the cap applies.
-    cv::Mat distOld;
-    cv::distanceTransform(covered, distOld, cv::DIST_L2, 3);
+    // Distance of each painted cell to the nearest unpainted one within the
+    // frame's area, in cells, interpolated to pixels (cell centres sit at
+    // 1.5 pixels into a cell) and turned into the pixel distance to the edge
+    // of the painted area; far from any edge the cap applies.
+    cv::Mat distCells, distPixels;
+    cv::distanceTransform(covered, distCells, cv::DIST_L2, 3);
+    cv::resize(distCells, distPixels, cv::Size(cellsIn.width * c, cellsIn.height * c), 0.0, 0.0,
+               cv::INTER_LINEAR);
+    const cv::Point base(at.x - cellsIn.x * c, at.y - cellsIn.y * c);
     // The feather is a tenth of the frame: wide enough to hide a brightness
     // step between frames, narrow enough that the residual sub-pixel
     // misregistration does not soften much of the picture.
@@ -66,7 +71,7 @@ void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv
     for (int v = 0; v < h; ++v) {
       const int cy = (at.y + v) / c - cellsIn.y;
       const uint8_t* covRow = covered.ptr<uint8_t>(cy);
-      const float* distRow = distOld.ptr<float>(cy);
+      const float* distRow = distPixels.ptr<float>(base.y + v) + base.x;
       const uint8_t* src = frame.ptr<uint8_t>(v);
       uint8_t* out = dst.ptr<uint8_t>(v);
       for (int u = 0; u < w; ++u) {
@@ -77,7 +82,7 @@ void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv
           continue;
         }
         const float dNew = std::min(edgeX[u], edgeY[v]);
-        const float dOld = std::min(feather, distRow[cx] * c);
+        const float dOld = std::min(feather, std::max(0.0f, (distRow[u] - 0.5f) * c));
         const float wNew = dNew / (dNew + dOld);
         for (int k = 0; k < cn; ++k) {
           const float mixed = out[o + k] + wNew * (static_cast<float>(src[o + k]) - out[o + k]);
@@ -312,6 +317,10 @@ bool CLvCanvas::drawFrame(const cv::Mat& frame, int x, int y) {
 void CLvCanvas::drawLoop() {
   while (running_.load()) {
     bool have = false;
+    if (holdDrawing_.load()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      continue;
+    }
     {
       std::lock_guard<std::mutex> imageLock(imageMutex_);
       DrawEntry entry;

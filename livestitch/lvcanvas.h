@@ -89,6 +89,10 @@ class CLvCanvas {
   int frameHeight() const { return frameHeight_; }
   cv::Point shift() const;
   size_t queuedDraws();
+  // Holds the drawing thread (tests of the draw queue) and marks the canvas
+  // busy as during growth (tests of readers).
+  void holdDrawingForTest(bool hold) { holdDrawing_.store(hold); }
+  void setBusyForTest(bool busy) { busy_.store(busy); }
 
  private:
   void drawLoop();
@@ -128,6 +132,7 @@ class CLvCanvas {
   std::atomic<bool> drawFailed_{false};
   bool firstDraw_ = true;
   std::atomic<bool> busy_{false};
+  std::atomic<bool> holdDrawing_{false};
 };
 
 }  // namespace vantix
