@@ -29,10 +29,11 @@ constexpr int kCoverageCell = 4;
 // Blends `frame` into `canvas` at `at` (the frame must lie inside), where
 // `coverage` (8-bit, one value per kCoverageCell square cell of the canvas,
 // nonzero = fully painted) says which pixels hold content.  Pixels outside
-// painted cells get the frame's values unchanged; the others a feathered mix
-// weighted by the distance to the frame's border against the distance to
-// the edge of the painted area, so that neither edge leaves a seam.  The
-// cells the frame covers completely are then marked painted.
+// painted cells and pixels deeper inside the frame than a twentieth of its
+// size get the frame's values unchanged; in the band along the frame's
+// border the frame fades into the painted content, reaching the frame's own
+// values where the painted area ends, so that neither edge leaves a seam.
+// The cells the frame covers completely are then marked painted.
 void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv::Point at);
 
 class CLvCanvas {

@@ -30,6 +30,7 @@ constexpr int kMaxKeypoints = 700;
 
 // Grey-level to 8 bits for corner detection (saturating, as convertTo does).
 cv::Mat toEightBit(const cv::Mat& image) {
+  if (image.depth() == CV_8U) return image;
   cv::Mat out;
   image.convertTo(out, CV_8U, 1.0, 0.0);
   return out;

@@ -147,25 +147,28 @@ TEST(StitchBlend, UncoveredPartsAreCopiedAndOverlapsHaveNoSeam) {
 
   // A flat frame over a flat painted area, one brighter than the other:
   // the transition must be gradual everywhere.
-  cv::Mat flatCanvas(300, 500, CV_8UC3, cv::Scalar::all(0));
-  cv::Mat cov = cv::Mat::zeros(300 / 4, 500 / 4, CV_8U);
-  vantix::blendFrameInto(flatCanvas, cov, uniform(200, 120, 100), cv::Point(40, 40));
-  const cv::Point at(137, 93);
-  vantix::blendFrameInto(flatCanvas, cov, uniform(200, 120, 140), at);
+  cv::Mat flatCanvas(800, 1000, CV_8UC3, cv::Scalar::all(0));
+  cv::Mat cov = cv::Mat::zeros(800 / 4, 1000 / 4, CV_8U);
+  vantix::blendFrameInto(flatCanvas, cov, uniform(480, 400, 100), cv::Point(40, 40));
+  const cv::Point at(277, 213);
+  vantix::blendFrameInto(flatCanvas, cov, uniform(480, 400, 140), at);
   cv::Mat gray;
-  cv::cvtColor(flatCanvas(cv::Rect(at, cv::Size(200, 120))), gray, cv::COLOR_BGR2GRAY);
-  // Part of the new frame outside the old one: its own values exactly.
-  EXPECT_EQ(cv::countNonZero(gray(cv::Rect(110, 70, 90, 50)) != 140), 0);
-  EXPECT_EQ(cv::countNonZero(gray(cv::Rect(104, 0, 96, 120)) != 140), 0);
-  // Just inside the new frame's corner over the old content: mostly old.
+  cv::cvtColor(flatCanvas(cv::Rect(at, cv::Size(480, 400))), gray, cv::COLOR_BGR2GRAY);
+  // Part of the new frame outside the old one (u >= 243 or v >= 227): its
+  // own values exactly.
+  EXPECT_EQ(cv::countNonZero(gray(cv::Rect(244, 0, 236, 400)) != 140), 0);
+  EXPECT_EQ(cv::countNonZero(gray(cv::Rect(0, 228, 480, 172)) != 140), 0);
+  // Just inside the new frame's corner over the old content: mostly old;
+  // deep inside the new frame: the new frame.
   EXPECT_LT(gray.at<uint8_t>(1, 1), 110);
+  EXPECT_EQ(gray.at<uint8_t>(100, 100), 140);
   cv::Mat g16;
   gray.convertTo(g16, CV_16S);
-  cv::Mat dx = cv::abs(g16(cv::Rect(1, 0, 199, 120)) - g16(cv::Rect(0, 0, 199, 120)));
-  cv::Mat dy = cv::abs(g16(cv::Rect(0, 1, 200, 119)) - g16(cv::Rect(0, 0, 200, 119)));
+  cv::Mat dx = cv::abs(g16(cv::Rect(1, 0, 479, 400)) - g16(cv::Rect(0, 0, 479, 400)));
+  cv::Mat dy = cv::abs(g16(cv::Rect(0, 1, 480, 399)) - g16(cv::Rect(0, 0, 480, 399)));
   // Where the new frame's border crosses the old frame's border the weight
   // must go from old to new at once; those two corners are left out.
-  for (const cv::Point& crossing : {cv::Point(103, 0), cv::Point(0, 67)}) {
+  for (const cv::Point& crossing : {cv::Point(243, 0), cv::Point(0, 227)}) {
     const cv::Rect r(crossing - cv::Point(4, 4), cv::Size(9, 9));
     dx(r & cv::Rect(0, 0, dx.cols, dx.rows)).setTo(0);
     dy(r & cv::Rect(0, 0, dy.cols, dy.rows)).setTo(0);
