@@ -1,0 +1,48 @@
+// Frames with known displacements for the stitching unit tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace vtest {
+
+// A photograph from Debian's opencv-doc package (8-bit BGR), or a test
+// failure naming the package when it is missing.
+inline cv::Mat stitchPhoto(const std::string& name) {
+  const std::string path = "/usr/share/doc/opencv-doc/examples/data/" + name;
+  cv::Mat image = cv::imread(path, cv::IMREAD_COLOR);
+  if (image.empty()) {
+    ADD_FAILURE() << "missing " << path << ": install the Debian package opencv-doc (make deps)";
+  }
+  return image;
+}
+
+// The w x h view of `scene` whose top-left corner lies at the (possibly
+// fractional) scene point (x, y), resampled bilinearly.
+inline cv::Mat viewAt(const cv::Mat& scene, double x, double y, int w, int h) {
+  cv::Mat m = (cv::Mat_<double>(2, 3) << 1, 0, -x, 0, 1, -y);
+  cv::Mat out;
+  cv::warpAffine(scene, out, m, cv::Size(w, h), cv::INTER_LINEAR, cv::BORDER_REFLECT);
+  return out;
+}
+
+inline cv::Mat grayFloat(const cv::Mat& bgr) {
+  cv::Mat g, f;
+  cv::cvtColor(bgr, g, cv::COLOR_BGR2GRAY);
+  g.convertTo(f, CV_32F);
+  return f;
+}
+
+inline cv::Mat scaled(const cv::Mat& image, int percent) {
+  cv::Mat out;
+  cv::resize(image, out, cv::Size(image.cols * percent / 100, image.rows * percent / 100), 0, 0,
+             cv::INTER_LINEAR);
+  return out;
+}
+
+}  // namespace vtest
