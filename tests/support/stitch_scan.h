@@ -130,8 +130,8 @@ inline ScanOptions scanOptions640() { return ScanOptions{}; }
 inline ScanOptions scanOptions720() {
   ScanOptions o;
   o.frame = cv::Size(1280, 720);
-  o.start = cv::Point(2700, 2300);
-  o.rowLength = 2500;
+  o.start = cv::Point(2780, 2300);
+  o.rowLength = 2700;
   o.rows = 3;
   o.rowStep = 420;
   o.pauseAt = 120;
