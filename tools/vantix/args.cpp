@@ -44,7 +44,13 @@ Args::Args(std::string command, const std::vector<std::string>& argv,
   }
   bool onlyPositionals = false;
   for (size_t i = 0; i < argv.size(); ++i) {
-    const std::string& arg = argv[i];
+    std::string arg = argv[i];
+    // "-x" stands for "--x" when the command has a one-letter option x.
+    if (!onlyPositionals && arg.size() == 2 && arg[0] == '-' && arg[1] != '-') {
+      for (const OptionSpec& candidate : options) {
+        if (candidate.name == arg.substr(1)) arg = "-" + arg;
+      }
+    }
     if (onlyPositionals || !looksLikeOption(arg)) {
       positionals_.push_back(arg);
       continue;
@@ -79,7 +85,11 @@ Args::Args(std::string command, const std::vector<std::string>& argv,
   if (positionals_.size() < positionalNames.size()) {
     throwUsage("missing argument " + positionalNames[positionals_.size()]);
   }
-  if (positionals_.size() > positionalNames.size()) {
+  // A last name ending in "..." (as in "FRAME...") takes one or more arguments.
+  const bool repeats = !positionalNames.empty() && positionalNames.back().size() > 3 &&
+                       positionalNames.back().compare(positionalNames.back().size() - 3, 3,
+                                                      "...") == 0;
+  if (!repeats && positionals_.size() > positionalNames.size()) {
     throwUsage("unexpected argument '" + positionals_[positionalNames.size()] + "'");
   }
 }

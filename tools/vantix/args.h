@@ -12,7 +12,8 @@
 namespace vtool {
 
 // One option of a subcommand: "--name VALUE" (or "--name=VALUE") when it
-// takes a value, "--name" alone otherwise.
+// takes a value, "--name" alone otherwise.  A one-letter option may also be
+// written "-x".
 struct OptionSpec {
   std::string name;  // without the leading "--"
   bool takesValue;
@@ -24,13 +25,15 @@ struct OptionSpec {
 class Args {
  public:
   // `positionalNames` are the names of the required positional arguments
-  // (used in "missing IN" messages).
+  // (used in "missing IN" messages); a last name ending in "..." accepts any
+  // number of further arguments.
   Args(std::string command, const std::vector<std::string>& argv,
        const std::vector<OptionSpec>& options, const std::vector<std::string>& positionalNames);
 
   bool helpRequested() const { return help_; }
   const std::string& command() const { return command_; }
   const std::string& positional(size_t index) const { return positionals_.at(index); }
+  size_t positionalCount() const { return positionals_.size(); }
   std::optional<std::string> option(const std::string& name) const;
   bool flag(const std::string& name) const { return values_.count(name) != 0; }
 
