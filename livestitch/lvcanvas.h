@@ -29,10 +29,11 @@ constexpr int kCoverageCell = 4;
 // Blends `frame` into `canvas` at `at` (the frame must lie inside), where
 // `coverage` (8-bit, one value per kCoverageCell square cell of the canvas,
 // nonzero = fully painted) says which pixels hold content.  Pixels outside
-// painted cells get the frame's values unchanged; the others a feathered mix
-// weighted by the distance to the frame's border against the distance to
-// the edge of the painted area, so that neither edge leaves a seam.  The
-// cells the frame covers completely are then marked painted.
+// painted cells and pixels deeper inside the frame than a twentieth of its
+// size get the frame's values unchanged; in the band along the frame's
+// border the frame fades into the painted content, reaching the frame's own
+// values where the painted area ends, so that neither edge leaves a seam.
+// The cells the frame covers completely are then marked painted.
 void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv::Point at);
 
 class CLvCanvas {
@@ -89,6 +90,10 @@ class CLvCanvas {
   int frameHeight() const { return frameHeight_; }
   cv::Point shift() const;
   size_t queuedDraws();
+  // Holds the drawing thread (tests of the draw queue) and marks the canvas
+  // busy as during growth (tests of readers).
+  void holdDrawingForTest(bool hold) { holdDrawing_.store(hold); }
+  void setBusyForTest(bool busy) { busy_.store(busy); }
 
  private:
   void drawLoop();
@@ -128,6 +133,7 @@ class CLvCanvas {
   std::atomic<bool> drawFailed_{false};
   bool firstDraw_ = true;
   std::atomic<bool> busy_{false};
+  std::atomic<bool> holdDrawing_{false};
 };
 
 }  // namespace vantix

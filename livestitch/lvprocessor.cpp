@@ -16,6 +16,16 @@ namespace vantix {
 
 namespace {
 
+// The full frame is kept as 8-bit grey: registration only reads a template,
+// a search window and a corner-detection region of it, all of which work on
+// 8-bit data directly, so the whole-frame float conversion is saved.
+cv::Mat grayEight(const cv::Mat& image) {
+  if (image.channels() == 1) return image;
+  cv::Mat gray;
+  cv::cvtColor(image, gray, cv::COLOR_RGB2GRAY);
+  return gray;
+}
+
 cv::Mat grayFloat(const cv::Mat& image) {
   cv::Mat gray;
   if (image.channels() > 1) {
@@ -276,7 +286,7 @@ void CLvProcessor::makeReference(const cv::Mat& frame, const cv::Mat& gray,
 
 int CLvProcessor::processFrame(const cv::Mat& frame, const cv::Mat& small) {
   if (frame.empty()) return 0;
-  const cv::Mat gray = grayFloat(frame);
+  const cv::Mat gray = grayEight(frame);
   const cv::Mat smallGray = grayFloat(small);
   if (reference_.empty() || firstFrame_) {
     firstFrame_ = false;

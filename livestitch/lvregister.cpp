@@ -30,6 +30,7 @@ constexpr int kMaxKeypoints = 700;
 
 // Grey-level to 8 bits for corner detection (saturating, as convertTo does).
 cv::Mat toEightBit(const cv::Mat& image) {
+  if (image.depth() == CV_8U) return image;
   cv::Mat out;
   image.convertTo(out, CV_8U, 1.0, 0.0);
   return out;
@@ -444,7 +445,12 @@ Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
                                 TemplateOrigins& altOrigins) {
   Measurement m;
   const cv::Size f = newFull.size();
-  const cv::Point2d coarseSmall = coarseShift(newSmall, refSmall);
+  cv::Point2d coarseSmall = coarseShift(newSmall, refSmall);
+  // Flat images have no correlation peak; the shift is then unknown.
+  if (!std::isfinite(coarseSmall.x) || !std::isfinite(coarseSmall.y) ||
+      std::fabs(coarseSmall.x) > f.width || std::fabs(coarseSmall.y) > f.height) {
+    coarseSmall = cv::Point2d(0.0, 0.0);
+  }
   const int cx = static_cast<int>(coarseSmall.x * 100.0) / g.scalePercent;
   const int cy = static_cast<int>(coarseSmall.y * 100.0) / g.scalePercent;
 
@@ -531,6 +537,10 @@ Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
   m.dx = r.dx;
   m.dy = r.dy;
   m.ambiguous = r.ambiguous;
+  if (!std::isfinite(m.confidence) || !std::isfinite(m.background) || !std::isfinite(m.dx) ||
+      !std::isfinite(m.dy)) {
+    m = Measurement();  // nothing measurable (flat frames)
+  }
   return m;
 }
 

@@ -109,6 +109,8 @@ struct Measurement {
 };
 
 // Measures the new frame against the reference (full and working copies).
+// The full images are one-channel 8-bit or float (both alike); the working
+// copies one-channel float.
 // `origins` and `altOrigins` are the session's records, updated here.
 Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
                                 const cv::Mat& refFull, const cv::Mat& refSmall,
