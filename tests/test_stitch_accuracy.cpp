@@ -356,6 +356,7 @@ void stitchScan(const vscan::ScanSimulator& scan, ScanOutcome& outcome) {
   const cv::Mat both = scanned & covered;
   outcome.coverage = cv::countNonZero(both) / std::max(1.0, double(cv::countNonZero(scanned)));
   outcome.psnr = psnrOver(mosaic, world, both);
+  outcome.idealPsnr = psnrOver(ideal, world, both);
   // For whoever tunes the registration: VANTIX_STITCH_DUMP=DIR writes the
   // panorama and the ideal paste (scene coordinates), their difference to the
   // scene (x4) and one CSV line per frame.
