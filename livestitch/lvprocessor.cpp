@@ -321,7 +321,8 @@ int CLvProcessor::processFrame(const cv::Mat& frame, const cv::Mat& small) {
   }
   const Measurement m =
       measureDisplacement(gray, smallGray, referenceGray_, referenceSmallGray_, geometry_,
-                          *detector_, *matcher_, templateOrigin_, altTemplateOrigin_);
+                          *detector_, *matcher_, templateOrigin_, altTemplateOrigin_,
+                          &phaseCache_);
   track_.state = state_.load();
   bool lost = false;
   const int r = decideRegistration(track_, m, frameScore_, minSharpness_, minMatch_,
