@@ -272,11 +272,13 @@ size_t CLvCanvas::queuedDraws() {
   return drawQueue_.size();
 }
 
-bool CLvCanvas::readScaled(cv::Mat& dst, cv::Rect roi, int interpolation) {
+bool CLvCanvas::readScaled(cv::Mat& dst, cv::Rect roi, int shrinking, int otherwise) {
   if (busy_.load()) return false;
   std::lock_guard<std::mutex> lock(imageMutex_);
   const cv::Mat source = roi.width != 0 ? image_(roi) : image_;
-  cv::resize(source, dst, dst.size(), 0.0, 0.0, interpolation);
+  const bool smaller = static_cast<int64_t>(dst.cols) * dst.rows <
+                       static_cast<int64_t>(image_.cols) * image_.rows;
+  cv::resize(source, dst, dst.size(), 0.0, 0.0, smaller ? shrinking : otherwise);
   return true;
 }
 
@@ -358,7 +360,14 @@ void CLvCanvas::drawLoop() {
         }
       }
       if (have) {
-        const bool drawn = drawFrame(entry.frame, entry.x, entry.y);
+        bool drawn = false;
+        try {
+          drawn = drawFrame(entry.frame, entry.x, entry.y);
+        } catch (const std::exception&) {
+          // A frame that cannot be drawn (out of memory) is skipped like one
+          // outside the canvas; the next frame is drawn as usual.
+          drawn = false;
+        }
         drawFailed_.store(!drawn);
         --pendingDraws_;
       }
