@@ -81,9 +81,11 @@ void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv
       return std::max(0.0f, (top * (1 - ty) + bottom * ty - 0.5f) * c);
     };
     const int band = static_cast<int>(feather);
+    const float farCells = feather / c + 2.0f;
     for (int v = 0; v < h; ++v) {
       const int cy = (at.y + v) / c - cellsIn.y;
       const uint8_t* covRow = covered.ptr<uint8_t>(cy);
+      const float* distRow = distCells.ptr<float>(cy);
       const uint8_t* src = frame.ptr<uint8_t>(v);
       uint8_t* out = dst.ptr<uint8_t>(v);
       const int dv = std::min(v + 1, h - v);
@@ -94,7 +96,11 @@ void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv
           float wNew = 1.0f;
           if (covRow[cx] != 0) {
             const float dNew = static_cast<float>(std::min(dv, std::min(u + 1, w - u)));
-            wNew = dNew * invFeather + 1.0f - std::min(feather, distOld(at.x + u, at.y + v)) * invFeather;
+            // Cells far inside the painted area are beyond the feather
+            // whatever the interpolation gives.
+            const float cellDist = distRow[cx];
+            const float dOld = cellDist >= farCells ? feather : std::min(feather, distOld(at.x + u, at.y + v));
+            wNew = dNew * invFeather + 1.0f - dOld * invFeather;
           }
           if (wNew >= 1.0f) {
             for (int k = 0; k < cn; ++k) out[o + k] = src[o + k];
