@@ -105,27 +105,23 @@ double sharpnessScore(const cv::Mat& image, const cv::Mat& gradientLut, double f
 
 namespace {
 
-// Pads an image for phase correlation, split evenly around it, with its
-// own mean grey level: a zero border would add a strong frame edge that is
-// identical in both images and pulls the correlation peak towards zero.
-// The padded size is half as large again as the image (rounded up to a
-// DFT-friendly size): a correlation over the image's own size wraps around
-// and reads a move of more than half a frame as one the other way, while
-// with the padding moves up to the frame size are told apart from their
-// wrapped twins, which have no overlapping content.
-cv::Mat padForDft(const cv::Mat& image) {
+// The spectrum of an image for phase correlation.  The image is padded to
+// half as large again (rounded up to a DFT-friendly size): a correlation
+// over the image's own size wraps around and reads a move of more than half
+// a frame as one the other way, while with the padding moves up to the frame
+// size are told apart from their wrapped twins, which have no overlapping
+// content.  The padding is the image's mean grey level (the image is made
+// zero-mean and padded with zeros): a zero border around a brighter image
+// would add a strong frame edge, identical in both images, that pulls the
+// peak towards zero.  With the image in the top rows, the forward transform
+// skips the rows that are all zero.
+cv::Mat spectrumOf(const cv::Mat& image) {
   const int rows = cv::getOptimalDFTSize(image.rows + image.rows / 2);
   const int cols = cv::getOptimalDFTSize(image.cols + image.cols / 2);
-  const int top = (rows - image.rows) / 2, left = (cols - image.cols) / 2;
-  cv::Mat padded;
-  cv::copyMakeBorder(image, padded, top, rows - image.rows - top, left, cols - image.cols - left,
-                     cv::BORDER_CONSTANT, cv::Scalar(cv::mean(image)[0]));
-  return padded;
-}
-
-cv::Mat spectrumOf(const cv::Mat& image) {
+  cv::Mat padded = cv::Mat::zeros(rows, cols, CV_32F);
+  cv::subtract(image, cv::Scalar(cv::mean(image)[0]), padded(cv::Rect(0, 0, image.cols, image.rows)));
   cv::Mat spectrum;
-  cv::dft(padForDft(image), spectrum, cv::DFT_COMPLEX_OUTPUT);
+  cv::dft(padded, spectrum, cv::DFT_COMPLEX_OUTPUT, image.rows);
   return spectrum;
 }
 
