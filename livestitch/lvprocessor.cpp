@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <cstdlib>
 
 #include <opencv2/imgproc.hpp>
 
@@ -391,6 +392,11 @@ bool CLvProcessor::placementStands(const cv::Mat& frame, cv::Point2d position) {
 void CLvProcessor::compose(const cv::Mat& frame, cv::Point2d position, int mode, double score) {
   if (frame.empty()) return;
   int x = roundHalfAway(position.x), y = roundHalfAway(position.y);
+  // A frame blurrier than the reference where they overlap would spoil
+  // what the reference already painted: it is not placed and is reported as
+  // mode 4 (not placed this time), so that the host and the crop rectangle
+  // only see frames that reach the canvas.
+  if (mode == 1 && placed_ && !placementStands(frame, position)) mode = 4;
   if (mode == 1) {
     const CLvCanvas::PlaceAnswer answer = canvas_->placeCheck(x, y);
     if (answer.grow) {
@@ -405,17 +411,14 @@ void CLvProcessor::compose(const cv::Mat& frame, cv::Point2d position, int mode,
         event(4);
       }
     }
-    bool stands = true;
     if (!placed_) {
       placed_ = true;
       reference_ = frame;
       track_.steadyCount = 0;
       referenceScore_ = frameScore_;
       track_.lastGoodPosition = track_.position;
-    } else {
-      stands = placementStands(frame, position);
     }
-    if (stands) canvas_->enqueue(frame, x, y);
+    canvas_->enqueue(frame, x, y);
   } else {
     const cv::Point p = canvas_->canvasPosition(x, y);
     x = p.x;

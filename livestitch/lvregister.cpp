@@ -26,7 +26,7 @@ int clampInt(int v, int lo, int hi) { return std::max(lo, std::min(v, hi)); }
 // 300 x 300 template can give a few thousand corners; the brute-force
 // Hamming match grows with the square of that, while a few hundred matches
 // already fix the offset far below a pixel.
-constexpr int kMaxKeypoints = 700;
+constexpr int kMaxKeypoints = 300;
 
 // Grey-level to 8 bits for corner detection (saturating, as convertTo does).
 cv::Mat toEightBit(const cv::Mat& image) {
@@ -124,7 +124,7 @@ cv::Point2d coarseShift(const cv::Mat& moved, const cv::Mat& reference) {
   return t;
 }
 
-int intermeansThreshold(const cv::Mat& gray8, int fastLimit, int fastMin) {
+int intermeansThreshold(const cv::Mat& gray8, int fastLimit, int fastMin, int start) {
   CV_Assert(gray8.type() == CV_8UC1);
   float hist[256] = {0};
   const int border = 3;
@@ -132,11 +132,7 @@ int intermeansThreshold(const cv::Mat& gray8, int fastLimit, int fastMin) {
     const uint8_t* row = gray8.ptr<uint8_t>(y);
     for (int x = border; x < gray8.cols - border; ++x) hist[row[x]] += 1.0f;
   }
-  // Starting at 0 makes the first pass the plain split of the histogram
-  // into its dark end and the rest; the iteration then settles on the
-  // intermeans level of dark, low-contrast images, while brighter images
-  // stop at once with a level at or above the limit.
-  int t = 0;
+  int t = start;
   while (t < fastLimit) {
     float sumAbove = 1.1754944e-38f, countAbove = 1.1754944e-38f;
     float sumBelow = 1.1754944e-38f, countBelow = 1.1754944e-38f;
@@ -268,9 +264,16 @@ FineOffset fineOffset(const cv::Mat& templ, const cv::Mat& region, cv::ORB& dete
   if (templ.empty() || region.empty()) return result;
   const cv::Mat a = toEightBit(templ), b = toEightBit(region);
   std::vector<cv::KeyPoint> ka, kb;
-  cv::FAST(a, ka, intermeansThreshold(a, tuning.fastLimit, tuning.fastMin), true,
+  // The intermeans iteration runs only below the limit.  Starting it at the
+  // limit gives the lowest threshold the rule allows, 0.7 x 30 = 21, for
+  // every image: a start below settles at the intermeans grey level, 43 or
+  // more for ordinary images and so a threshold of 30, which leaves the
+  // smooth parts of a scene (sky, walls, skin) with too few corners for the
+  // feature path.
+  const int start = tuning.fastLimit;
+  cv::FAST(a, ka, intermeansThreshold(a, tuning.fastLimit, tuning.fastMin, start), true,
            cv::FastFeatureDetector::TYPE_9_16);
-  cv::FAST(b, kb, intermeansThreshold(b, tuning.fastLimit, tuning.fastMin), true,
+  cv::FAST(b, kb, intermeansThreshold(b, tuning.fastLimit, tuning.fastMin, start), true,
            cv::FastFeatureDetector::TYPE_9_16);
   cv::KeyPointsFilter::retainBest(ka, kMaxKeypoints);
   cv::KeyPointsFilter::retainBest(kb, kMaxKeypoints);
@@ -409,32 +412,63 @@ MatchResult fallbackMatch(const cv::Mat& newFull, const cv::Mat& refFull,
   return r;
 }
 
-// The most textured square of the new frame's working copy away from
-// `avoid`, as a full-frame origin; (0, 0) when there is none.
-cv::Point mostTexturedOrigin(const cv::Mat& newSmall, const RegistrationGeometry& g,
-                             const cv::Rect& avoid) {
-  const double scale = g.scalePercent / 100.0;
-  const int side = std::max(4, static_cast<int>(g.sizeStep * scale));
-  if (newSmall.cols < side || newSmall.rows < side) return cv::Point();
-  double bestVar = -1.0;
-  cv::Point best;
-  const int steps = 4;
-  for (int iy = 0; iy <= steps; ++iy) {
-    for (int ix = 0; ix <= steps; ++ix) {
-      const int x = (newSmall.cols - side) * ix / steps, y = (newSmall.rows - side) * iy / steps;
-      const cv::Point full(static_cast<int>(x / scale), static_cast<int>(y / scale));
-      const cv::Rect cell(full, cv::Size(g.sizeStep, g.sizeStep));
-      if ((cell & avoid).area() > cell.area() / 2) continue;
-      cv::Scalar mean, dev;
-      cv::meanStdDev(newSmall(cv::Rect(x, y, side, side)), mean, dev);
-      if (dev[0] > bestVar) {
-        bestVar = dev[0];
-        best = full;
+// Gradient energy of the new frame's working copy, summed over windows: a
+// template placed on texture gives corners to match and a sharp, unique
+// correlation peak, while one on sky or a flat wall matches many places
+// nearly as well (and lets unrelated views look alike).
+class TextureMap {
+ public:
+  TextureMap(const cv::Mat& small, double scale) : scale_(scale) {
+    cv::Mat gx, gy;
+    cv::Sobel(small, gx, CV_32F, 1, 0, 3);
+    cv::Sobel(small, gy, CV_32F, 0, 1, 3);
+    cv::integral(cv::abs(gx), integralX_, CV_64F);
+    cv::integral(cv::abs(gy), integralY_, CV_64F);
+  }
+
+  // The rectangle of `size` (full-frame pixels) inside `area` with the most
+  // texture, not overlapping `avoid` by more than half; `area` itself when
+  // it is no larger than the rectangle.
+  cv::Rect best(const cv::Rect& area, cv::Size size, const cv::Rect& avoid = cv::Rect()) const {
+    const int freeX = area.width - size.width, freeY = area.height - size.height;
+    if (freeX <= 0 && freeY <= 0) return cv::Rect(area.tl(), size);
+    const int steps = 6;
+    double bestEnergy = -1.0;
+    cv::Rect bestRect(area.x + std::max(0, freeX) / 2, area.y + std::max(0, freeY) / 2, size.width,
+                      size.height);
+    for (int iy = 0; iy <= (freeY > 0 ? steps : 0); ++iy) {
+      for (int ix = 0; ix <= (freeX > 0 ? steps : 0); ++ix) {
+        const cv::Rect r(area.x + std::max(0, freeX) * ix / steps,
+                         area.y + std::max(0, freeY) * iy / steps, size.width, size.height);
+        if (avoid.area() > 0 && (r & avoid).area() * 2 > r.area()) continue;
+        const double e = energyOf(r);
+        if (e > bestEnergy) {
+          bestEnergy = e;
+          bestRect = r;
+        }
       }
     }
+    return bestRect;
   }
-  return best;
-}
+
+ private:
+  // The weaker of the horizontal and vertical gradient sums: texture in
+  // both directions (corners, grain) scores, a single straight edge, which
+  // matches anywhere along itself, does not.
+  double energyOf(const cv::Rect& full) const {
+    const int x0 = clampInt(static_cast<int>(full.x * scale_), 0, integralX_.cols - 1);
+    const int y0 = clampInt(static_cast<int>(full.y * scale_), 0, integralX_.rows - 1);
+    const int x1 = clampInt(static_cast<int>(full.br().x * scale_), 0, integralX_.cols - 1);
+    const int y1 = clampInt(static_cast<int>(full.br().y * scale_), 0, integralX_.rows - 1);
+    auto sum = [&](const cv::Mat& i) {
+      return i.at<double>(y1, x1) - i.at<double>(y0, x1) - i.at<double>(y1, x0) + i.at<double>(y0, x0);
+    };
+    return std::min(sum(integralX_), sum(integralY_));
+  }
+
+  double scale_;
+  cv::Mat integralX_, integralY_;
+};
 
 }  // namespace
 
@@ -455,7 +489,16 @@ Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
   const int cy = static_cast<int>(coarseSmall.y * 100.0) / g.scalePercent;
 
   const cv::Rect overlap = overlapInNew(f, cx, cy);
-  const cv::Rect templ = centredIn(overlap, f, g.templateSide, 32);
+  // The template is placed on the most textured part of the region the two
+  // frames share (by the coarse estimate, less a margin for its error).
+  const double scale = static_cast<double>(newSmall.cols) / f.width;
+  const TextureMap texture(newSmall, scale);
+  const int slack = std::max(4, 100 / g.scalePercent * 2);
+  cv::Rect shared = overlap;
+  if (shared.width > 2 * slack + 32) shared = cv::Rect(shared.x + slack, shared.y, shared.width - 2 * slack, shared.height);
+  if (shared.height > 2 * slack + 32) shared = cv::Rect(shared.x, shared.y + slack, shared.width, shared.height - 2 * slack);
+  const cv::Rect sized = centredIn(shared, f, g.templateSide, 32);
+  const cv::Rect templ = shared.area() > 0 ? texture.best(shared, sized.size()) & cv::Rect(0, 0, f.width, f.height) : sized;
   origins.templ = templ.tl();
 
   // Predicted place of the template in the reference; a prediction outside
@@ -511,9 +554,9 @@ Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
   }
 
   // Fallback: template matching around the coarse prediction, from the
-  // middle of the overlap; the alternative starts from the most textured
-  // other square, for frames whose middle is featureless.
-  const cv::Rect square = centredIn(overlap, f, g.sizeStep, g.sizeStep);
+  // most textured square of the shared region.
+  const cv::Rect squareSized = centredIn(shared, f, g.sizeStep, g.sizeStep);
+  const cv::Rect square = shared.area() > 0 ? texture.best(shared, squareSized.size()) : squareSized;
   const int searchW = std::min(g.searchSide, f.width), searchH = std::min(g.searchSide, f.height);
   auto searchFor = [&](cv::Point t) {
     const int half = (g.searchSide - g.sizeStep) / 2;
@@ -522,9 +565,12 @@ Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
   };
   origins.templ = square.tl();
   origins.search = searchFor(square.tl());
-  const cv::Point alt = mostTexturedOrigin(newSmall, g, square);
+  // The alternative: the most textured square of the whole frame away from
+  // the first (the coarse estimate may have been wrong about the overlap).
+  const cv::Point alt =
+      texture.best(cv::Rect(0, 0, f.width, f.height), square.size(), square).tl();
   altOrigins.templ = alt;
-  altOrigins.search = alt == cv::Point() ? cv::Point() : searchFor(alt);
+  altOrigins.search = searchFor(alt);
 
   MatchResult r = fallbackMatch(newFull, refFull, g, origins);
   if (r.confidence < 0.5 && !altOrigins.isZero()) {

@@ -47,8 +47,10 @@ double sharpnessScore(const cv::Mat& image, const cv::Mat& gradientLut, double f
 // correlation, in the images' own pixels (sub-pixel).
 cv::Point2d coarseShift(const cv::Mat& moved, const cv::Mat& reference);
 
-// FAST threshold of an 8-bit image from its iterated-intermeans grey level.
-int intermeansThreshold(const cv::Mat& gray8, int fastLimit, int fastMin);
+// FAST threshold of an 8-bit image from its iterated-intermeans grey level:
+// 0.7 x the level, clamped to fastMin..fastLimit.  The iteration starts at
+// `start` and runs while the level is below fastLimit.
+int intermeansThreshold(const cv::Mat& gray8, int fastLimit, int fastMin, int start);
 
 // Indices of the pairs that agree with at least 4 of the 7 pairs compared
 // with them (vectors between pairs keep their direction and length).

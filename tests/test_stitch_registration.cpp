@@ -184,13 +184,16 @@ TEST(StitchRegistration, OffsetEstimateIgnoresWrongMatches) {
 TEST(StitchRegistration, CornerThresholdFollowsTheGreyLevels) {
   cv::Mat bright(100, 100, CV_8U);
   cv::randu(bright, 100, 200);
-  EXPECT_EQ(vantix::intermeansThreshold(bright, 30, 3), 30);
+  EXPECT_EQ(vantix::intermeansThreshold(bright, 30, 3, 0), 30);
   cv::Mat dark(100, 100, CV_8U);
   cv::randu(dark, 0, 20);
-  const int t = vantix::intermeansThreshold(dark, 30, 3);
-  EXPECT_GE(t, 3);
-  EXPECT_LE(t, 10);
-  EXPECT_EQ(vantix::intermeansThreshold(cv::Mat::zeros(50, 50, CV_8U), 30, 3), 3);
+  // Grey levels 0..19: the intermeans level is near 10, the threshold 7.
+  const int t = vantix::intermeansThreshold(dark, 30, 3, 0);
+  EXPECT_GE(t, 5);
+  EXPECT_LE(t, 9);
+  EXPECT_EQ(vantix::intermeansThreshold(cv::Mat::zeros(50, 50, CV_8U), 30, 3, 0), 3);
+  // Started at the limit, as registration does: 0.7 x 30 for any image.
+  EXPECT_EQ(vantix::intermeansThreshold(dark, 30, 3, 30), 21);
 }
 
 TEST(StitchSharpness, BlurLowersTheScore) {

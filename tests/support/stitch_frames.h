@@ -22,6 +22,26 @@ inline cv::Mat stitchPhoto(const std::string& name) {
   return image;
 }
 
+// A textured colour scene made here: noise at several scales, like the
+// detail of a photograph at coarse and fine grain (for threaded tests, which
+// avoid the image decoder's own locks).
+inline cv::Mat texturedScene(int rows, int cols, uint64_t seed) {
+  cv::RNG rng(seed);
+  cv::Mat sum(rows, cols, CV_32FC3, cv::Scalar::all(0));
+  for (int scale : {16, 4, 1}) {
+    cv::Mat noise((rows + scale - 1) / scale, (cols + scale - 1) / scale, CV_32FC3);
+    rng.fill(noise, cv::RNG::UNIFORM, 0, 1);
+    cv::Mat up;
+    cv::resize(noise, up, cv::Size(cols, rows), 0, 0, cv::INTER_CUBIC);
+    sum += up * (scale == 1 ? 0.5 : 1.0);
+  }
+  cv::GaussianBlur(sum, sum, cv::Size(0, 0), 1.0);
+  cv::Mat out;
+  cv::normalize(sum, sum, 20, 235, cv::NORM_MINMAX);
+  sum.convertTo(out, CV_8UC3);
+  return out;
+}
+
 // The w x h view of `scene` whose top-left corner lies at the (possibly
 // fractional) scene point (x, y), resampled bilinearly.
 inline cv::Mat viewAt(const cv::Mat& scene, double x, double y, int w, int h) {
