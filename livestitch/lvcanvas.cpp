@@ -81,9 +81,11 @@ void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv
       return std::max(0.0f, (top * (1 - ty) + bottom * ty - 0.5f) * c);
     };
     const int band = static_cast<int>(feather);
+    const float farCells = feather / c + 2.0f;
     for (int v = 0; v < h; ++v) {
       const int cy = (at.y + v) / c - cellsIn.y;
       const uint8_t* covRow = covered.ptr<uint8_t>(cy);
+      const float* distRow = distCells.ptr<float>(cy);
       const uint8_t* src = frame.ptr<uint8_t>(v);
       uint8_t* out = dst.ptr<uint8_t>(v);
       const int dv = std::min(v + 1, h - v);
@@ -94,7 +96,11 @@ void blendFrameInto(cv::Mat& canvas, cv::Mat& coverage, const cv::Mat& frame, cv
           float wNew = 1.0f;
           if (covRow[cx] != 0) {
             const float dNew = static_cast<float>(std::min(dv, std::min(u + 1, w - u)));
-            wNew = dNew * invFeather + 1.0f - std::min(feather, distOld(at.x + u, at.y + v)) * invFeather;
+            // Cells far inside the painted area are beyond the feather
+            // whatever the interpolation gives.
+            const float cellDist = distRow[cx];
+            const float dOld = cellDist >= farCells ? feather : std::min(feather, distOld(at.x + u, at.y + v));
+            wNew = dNew * invFeather + 1.0f - dOld * invFeather;
           }
           if (wNew >= 1.0f) {
             for (int k = 0; k < cn; ++k) out[o + k] = src[o + k];
@@ -272,11 +278,13 @@ size_t CLvCanvas::queuedDraws() {
   return drawQueue_.size();
 }
 
-bool CLvCanvas::readScaled(cv::Mat& dst, cv::Rect roi, int interpolation) {
+bool CLvCanvas::readScaled(cv::Mat& dst, cv::Rect roi, int shrinking, int otherwise) {
   if (busy_.load()) return false;
   std::lock_guard<std::mutex> lock(imageMutex_);
   const cv::Mat source = roi.width != 0 ? image_(roi) : image_;
-  cv::resize(source, dst, dst.size(), 0.0, 0.0, interpolation);
+  const bool smaller = static_cast<int64_t>(dst.cols) * dst.rows <
+                       static_cast<int64_t>(image_.cols) * image_.rows;
+  cv::resize(source, dst, dst.size(), 0.0, 0.0, smaller ? shrinking : otherwise);
   return true;
 }
 
@@ -358,7 +366,14 @@ void CLvCanvas::drawLoop() {
         }
       }
       if (have) {
-        const bool drawn = drawFrame(entry.frame, entry.x, entry.y);
+        bool drawn = false;
+        try {
+          drawn = drawFrame(entry.frame, entry.x, entry.y);
+        } catch (const std::exception&) {
+          // A frame that cannot be drawn (out of memory) is skipped like one
+          // outside the canvas; the next frame is drawn as usual.
+          drawn = false;
+        }
         drawFailed_.store(!drawn);
         --pendingDraws_;
       }

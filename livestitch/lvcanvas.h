@@ -76,8 +76,10 @@ class CLvCanvas {
   const cv::Mat& image() const { return image_; }
   bool busy() const { return busy_.load(); }
   // Resizes a region of the image (whole image for an empty roi) into dst
-  // under the image lock; false while the canvas is being reallocated.
-  bool readScaled(cv::Mat& dst, cv::Rect roi, int interpolation);
+  // under the image lock, with `shrinking` interpolation when dst has fewer
+  // pixels than the canvas and `otherwise` else; false while the canvas is
+  // being reallocated.
+  bool readScaled(cv::Mat& dst, cv::Rect roi, int shrinking, int otherwise);
   // Copies rows of a region as 3 bytes a pixel into `out` (rows `stride`
   // apart), after every queued frame was drawn.
   void copyRegion(cv::Rect region, uint8_t* out, size_t stride);
@@ -131,7 +133,7 @@ class CLvCanvas {
   std::deque<DrawEntry> drawQueue_;
   std::atomic<int> pendingDraws_{0};
   std::atomic<bool> drawFailed_{false};
-  bool firstDraw_ = true;
+  std::atomic<bool> firstDraw_{true};
   std::atomic<bool> busy_{false};
   std::atomic<bool> holdDrawing_{false};
 };

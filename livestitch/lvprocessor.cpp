@@ -153,15 +153,12 @@ int32_t CLvProcessor::readData(void* buffer, uint32_t width, uint32_t height, ui
   const size_t stride = ((static_cast<size_t>(bits) * width + 31) / 32) * 4;
   cv::Mat dst(static_cast<int>(height), static_cast<int>(width), format_ == 0 ? CV_8UC3 : CV_8UC4,
               buffer, stride);
-  const cv::Mat& image = canvas_->image();
-  // Shrinking uses cubic interpolation, everything else area: kept as the
-  // library has always done it.
-  const bool smaller = static_cast<uint64_t>(width) * height <
-                       static_cast<uint64_t>(image.cols) * static_cast<uint64_t>(image.rows);
   const cv::Rect roi = roiWidth != 0 ? cv::Rect(static_cast<int>(x), static_cast<int>(y),
                                                 static_cast<int>(roiWidth), static_cast<int>(roiHeight))
                                      : cv::Rect();
-  return canvas_->readScaled(dst, roi, smaller ? cv::INTER_CUBIC : cv::INTER_AREA) ? 1 : 0;
+  // Shrinking uses cubic interpolation, everything else area: kept as the
+  // library has always done it.
+  return canvas_->readScaled(dst, roi, cv::INTER_CUBIC, cv::INTER_AREA) ? 1 : 0;
 }
 
 void CLvProcessor::cropParams(uint32_t* x, uint32_t* y, uint32_t* width, uint32_t* height) const {
@@ -321,7 +318,8 @@ int CLvProcessor::processFrame(const cv::Mat& frame, const cv::Mat& small) {
   }
   const Measurement m =
       measureDisplacement(gray, smallGray, referenceGray_, referenceSmallGray_, geometry_,
-                          *detector_, *matcher_, templateOrigin_, altTemplateOrigin_);
+                          *detector_, *matcher_, templateOrigin_, altTemplateOrigin_,
+                          &phaseCache_);
   track_.state = state_.load();
   bool lost = false;
   const int r = decideRegistration(track_, m, frameScore_, minSharpness_, minMatch_,

@@ -111,6 +111,7 @@ class CLvProcessor {
   RegistrationGeometry geometry_;
   TrackingState track_;
   TemplateOrigins templateOrigin_, altTemplateOrigin_;
+  PhaseCache phaseCache_;
   double referenceScore_ = 0.0, frameScore_ = 0.0;
   // Where the last measured frame would lie (relative to the first frame),
   // accepted or not: onFrame reports it for frames that are not placed.

@@ -43,9 +43,16 @@ cv::Mat makeGradientLut();
 double stitchSharpnessFactor(int scalePercent, uint32_t width, uint32_t height);
 double sharpnessScore(const cv::Mat& image, const cv::Mat& gradientLut, double factor);
 
-// Coarse move of `moved` relative to `reference` (same size) by phase
-// correlation, in the images' own pixels (sub-pixel).
-cv::Point2d coarseShift(const cv::Mat& moved, const cv::Mat& reference);
+// The reference's spectrum, kept while the reference stays the same.
+struct PhaseCache {
+  cv::Mat reference;
+  cv::Mat spectrum;
+};
+
+// Coarse move of `moved` relative to `reference` (same size, one-channel
+// float) by phase correlation, in the images' own pixels (sub-pixel).
+cv::Point2d coarseShift(const cv::Mat& moved, const cv::Mat& reference,
+                        PhaseCache* cache = nullptr);
 
 // FAST threshold of an 8-bit image from its iterated-intermeans grey level:
 // 0.7 x the level, clamped to fastMin..fastLimit.  The iteration starts at
@@ -78,7 +85,8 @@ FineOffset fineOffset(const cv::Mat& templ, const cv::Mat& region, cv::ORB& dete
                       cv::DescriptorMatcher& matcher, const RegistrationTuning& tuning);
 
 // Sub-pixel peak of a one-channel float match result around `peak`:
-// intensity-weighted centroid of the 3x3 neighbourhood above its local floor.
+// centroid of the 3x3 neighbourhood weighted by the squared height above
+// its lowest value.
 cv::Point2d weightedCentroid(const cv::Mat& result, cv::Point peak);
 // Sub-pixel peak by a separable parabola through the peak and its neighbours.
 cv::Point2d parabolicPeak(const cv::Mat& result, cv::Point peak);
@@ -118,7 +126,7 @@ Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
                                 const cv::Mat& refFull, const cv::Mat& refSmall,
                                 const RegistrationGeometry& geometry, cv::ORB& detector,
                                 cv::DescriptorMatcher& matcher, TemplateOrigins& origins,
-                                TemplateOrigins& altOrigins);
+                                TemplateOrigins& altOrigins, PhaseCache* phaseCache = nullptr);
 
 // The session state registration reads and updates.
 struct TrackingState {

@@ -132,9 +132,9 @@ TEST(StitchCanvas, OneGrowthStepPerPlacement) {
 TEST(StitchCanvas, BusyCanvasRefusesReaders) {
   auto canvas = makeCanvas(100, 50, 1);
   cv::Mat dst(20, 40, CV_8UC3);
-  EXPECT_TRUE(canvas->readScaled(dst, cv::Rect(), cv::INTER_AREA));
+  EXPECT_TRUE(canvas->readScaled(dst, cv::Rect(), cv::INTER_CUBIC, cv::INTER_AREA));
   canvas->setBusyForTest(true);
-  EXPECT_FALSE(canvas->readScaled(dst, cv::Rect(), cv::INTER_AREA));
+  EXPECT_FALSE(canvas->readScaled(dst, cv::Rect(), cv::INTER_CUBIC, cv::INTER_AREA));
   canvas->setBusyForTest(false);
 }
 
