@@ -21,6 +21,7 @@
 //
 // Usage: bench_stitch [--quick]   (--quick: short runs, to check it works)
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,6 +46,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 void* hostAllocate(uint64_t bytes) { return std::malloc(static_cast<size_t>(bytes)); }
+
+double cpuMs(clockid_t clock) {
+  timespec t{};
+  clock_gettime(clock, &t);
+  return t.tv_sec * 1e3 + t.tv_nsec / 1e6;
+}
 
 double msBetween(Clock::time_point a, Clock::time_point b) {
   return std::chrono::duration<double, std::milli>(b - a).count();
@@ -96,6 +103,8 @@ struct ChainFeeder {
   std::mutex mutex;
   std::condition_variable done;
   std::vector<Clock::time_point> reportAt;
+  std::vector<double> threadCpuMs;   // the worker thread's CPU time at report i
+  std::vector<double> processCpuMs;  // the whole process's CPU time at report i
   std::vector<double> pushMs;  // push made inside report i
   std::vector<uint32_t> modes;
 
@@ -104,14 +113,19 @@ struct ChainFeeder {
                       float) {
     auto* self = static_cast<ChainFeeder*>(context);
     const auto now = Clock::now();
+    const double threadCpu = cpuMs(CLOCK_THREAD_CPUTIME_ID);
+    const double processCpu = cpuMs(CLOCK_PROCESS_CPUTIME_ID);
     std::lock_guard<std::mutex> lock(self->mutex);
     self->reportAt.push_back(now);
+    self->threadCpuMs.push_back(threadCpu);
+    self->processCpuMs.push_back(processCpu);
     self->modes.push_back(mode);
     const size_t next = self->reportAt.size();
     double pushed = 0;
     if (next < self->total) {
+      const double before = cpuMs(CLOCK_THREAD_CPUTIME_ID);
       push(self->session, self->bank->at(next));
-      pushed = msBetween(now, Clock::now());
+      pushed = cpuMs(CLOCK_THREAD_CPUTIME_ID) - before;
     }
     self->pushMs.push_back(pushed);
     if (next >= self->total) self->done.notify_all();
@@ -119,9 +133,18 @@ struct ChainFeeder {
 };
 
 struct WorkerFigures {
-  double medianMs = 0, p95Ms = 0, meanMs = 0, pushMs = 0;
+  double medianMs = 0, p95Ms = 0, meanMs = 0;            // wall time
+  double cpuMedianMs = 0, cpuP95Ms = 0, processCpuMs = 0;  // CPU time
+  double pushMs = 0;
   int frames = 0, placed = 0;
 };
+
+void percentiles(std::vector<double> values, double& median, double& p95) {
+  if (values.empty()) return;
+  std::sort(values.begin(), values.end());
+  median = values[values.size() / 2];
+  p95 = values[std::min(values.size() - 1, values.size() * 95 / 100)];
+}
 
 WorkerFigures measureWorker(const FrameBank& bank, cv::Size size, size_t frames) {
   ChainFeeder feeder;
@@ -142,22 +165,26 @@ WorkerFigures measureWorker(const FrameBank& bank, cv::Size size, size_t frames)
   vantix_stitch_stop(session, 0, 0);
   vantix_stitch_delete(session);
 
-  std::vector<double> times;
-  double pushSum = 0;
-  for (size_t i = 1; i < feeder.reportAt.size(); ++i) {
-    times.push_back(msBetween(feeder.reportAt[i - 1], feeder.reportAt[i]) - feeder.pushMs[i - 1]);
+  // Report i - 1 pushed frame i inside its callback; that push is the host's
+  // work and is taken off the interval.
+  std::vector<double> wall, cpu;
+  double pushSum = 0, processCpu = 0;
+  const size_t n = feeder.reportAt.size();
+  for (size_t i = 1; i < n; ++i) {
+    wall.push_back(msBetween(feeder.reportAt[i - 1], feeder.reportAt[i]) - feeder.pushMs[i - 1]);
+    cpu.push_back(feeder.threadCpuMs[i] - feeder.threadCpuMs[i - 1] - feeder.pushMs[i - 1]);
     pushSum += feeder.pushMs[i - 1];
   }
   WorkerFigures f;
-  f.frames = static_cast<int>(feeder.reportAt.size());
+  f.frames = static_cast<int>(n);
   f.placed = static_cast<int>(std::count(feeder.modes.begin(), feeder.modes.end(), 1u));
-  if (times.empty()) return f;
-  std::vector<double> sorted = times;
-  std::sort(sorted.begin(), sorted.end());
-  f.medianMs = sorted[sorted.size() / 2];
-  f.p95Ms = sorted[std::min(sorted.size() - 1, sorted.size() * 95 / 100)];
-  for (double t : times) f.meanMs += t / times.size();
-  f.pushMs = pushSum / times.size();
+  if (wall.empty()) return f;
+  percentiles(wall, f.medianMs, f.p95Ms);
+  percentiles(cpu, f.cpuMedianMs, f.cpuP95Ms);
+  for (double t : wall) f.meanMs += t / wall.size();
+  processCpu = feeder.processCpuMs[n - 1] - feeder.processCpuMs[0] - pushSum;
+  f.processCpuMs = processCpu / wall.size();
+  f.pushMs = pushSum / wall.size();
   return f;
 }
 
@@ -257,6 +284,11 @@ int main(int argc, char** argv) {
   }
   std::printf("live stitching on a simulated scan, default levels (scale 2, strict 2)%s\n",
               quick ? ", quick run" : "");
+  if (std::FILE* load = std::fopen("/proc/loadavg", "r")) {
+    char text[64] = {};
+    if (std::fgets(text, sizeof text, load) != nullptr) std::printf("load average: %s", text);
+    std::fclose(load);
+  }
 
   struct Case {
     const char* name;
@@ -268,8 +300,9 @@ int main(int argc, char** argv) {
       {"1280 x 720", vscan::scanOptions720(), quick ? 12u : 48u, quick ? 40u : 300u},
   };
   std::printf("\nworker time per frame (one frame at a time, never idle)\n");
-  std::printf("| frame | frames | placed | median | 95th percentile | mean | push (host) |\n");
-  std::printf("|---|---|---|---|---|---|---|\n");
+  std::printf("| frame | frames | placed | wall median | wall 95th pct | wall mean | worker CPU "
+              "median | worker CPU 95th pct | process CPU a frame | push (host) |\n");
+  std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
   for (const Case& c : cases) {
     WorkerFigures f;
     const bool ok = inChild(
@@ -283,8 +316,10 @@ int main(int argc, char** argv) {
       std::printf("| %s | failed |\n", c.name);
       continue;
     }
-    std::printf("| %s | %d | %d | %.1f ms | %.1f ms | %.1f ms | %.2f ms |\n", c.name, f.frames,
-                f.placed, f.medianMs, f.p95Ms, f.meanMs, f.pushMs);
+    std::printf("| %s | %d | %d | %.1f ms | %.1f ms | %.1f ms | %.1f ms | %.1f ms | %.1f ms | "
+                "%.2f ms |\n",
+                c.name, f.frames, f.placed, f.medianMs, f.p95Ms, f.meanMs, f.cpuMedianMs,
+                f.cpuP95Ms, f.processCpuMs, f.pushMs);
     std::fflush(stdout);
   }
 

@@ -148,6 +148,14 @@ int run(const Args& args) {
       std::fflush(stdout);
     }
   }
+  if (fps > 0 && paths.size() > 1) {
+    // Reading the files can be slower than the rate asked for; say so.
+    const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    const double rate = (paths.size() - 1) / std::max(seconds, 1e-6);
+    if (rate < 0.95 * static_cast<double>(fps)) {
+      std::printf("  frames were read and pushed at only %.1f a second\n", rate);
+    }
+  }
   // At a live rate the queue still holds frames: let the worker finish them.
   if (fps > 0) session.waitUntilQuiet(std::chrono::milliseconds(500), std::chrono::seconds(30));
   printEvents(session, paths.size());
