@@ -17,9 +17,11 @@ namespace vantix {
 
 namespace {
 
-// The full frame is kept as 8-bit grey: registration only reads a template,
-// a search window and a corner-detection region of it, all of which work on
-// 8-bit data directly, so the whole-frame float conversion is saved.
+// The reference frame is kept as 8-bit grey: registration only reads a
+// template, a search window and a corner-detection region of it, all of
+// which work on 8-bit data directly, so no whole-frame float conversion is
+// needed.  A new frame is converted only where it is read (registration
+// converts its regions), and in full only when it becomes the reference.
 cv::Mat grayEight(const cv::Mat& image) {
   if (image.channels() == 1) return image;
   cv::Mat gray;
@@ -284,11 +286,10 @@ void CLvProcessor::makeReference(const cv::Mat& frame, const cv::Mat& gray,
 
 int CLvProcessor::processFrame(const cv::Mat& frame, const cv::Mat& small) {
   if (frame.empty()) return 0;
-  const cv::Mat gray = grayEight(frame);
   const cv::Mat smallGray = grayFloat(small);
   if (reference_.empty() || firstFrame_) {
     firstFrame_ = false;
-    makeReference(frame, gray, smallGray);
+    makeReference(frame, grayEight(frame), smallGray);
     // The reference's score is taken like the working copies' scores (the
     // centred template region at the working scale), so that it compares
     // with the scores of later frames.
@@ -317,7 +318,7 @@ int CLvProcessor::processFrame(const cv::Mat& frame, const cv::Mat& small) {
     CV_Error(cv::Error::StsUnmatchedSizes, "frame size differs from the session's");
   }
   const Measurement m =
-      measureDisplacement(gray, smallGray, referenceGray_, referenceSmallGray_, geometry_,
+      measureDisplacement(frame, smallGray, referenceGray_, referenceSmallGray_, geometry_,
                           *detector_, *matcher_, templateOrigin_, altTemplateOrigin_,
                           &phaseCache_);
   track_.state = state_.load();
@@ -336,7 +337,7 @@ int CLvProcessor::processFrame(const cv::Mat& frame, const cv::Mat& small) {
     double newScore = 0.0, refScore = 0.0;
     overlapScores(frame, move, newScore, refScore);
     if (newScore > 0.75 * refScore && frameScore_ > 0.1) {
-      makeReference(frame, gray, smallGray);
+      makeReference(frame, grayEight(frame), smallGray);
       referenceScore_ = frameScore_;
       track_.lastGoodPosition = track_.position;
       renewed = true;

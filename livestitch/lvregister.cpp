@@ -434,6 +434,16 @@ cv::Rect centredIn(const cv::Rect& overlap, cv::Size frame, int side, int minSid
                   w, h);
 }
 
+// One-channel view of a region of the new frame: a colour frame (B G R,
+// 8 bits) is converted only where registration reads it, a few hundred
+// thousand pixels instead of the whole frame.
+cv::Mat greyRegion(const cv::Mat& image, const cv::Rect& r) {
+  if (image.channels() == 1) return image(r);
+  cv::Mat grey;
+  cv::cvtColor(image(r), grey, cv::COLOR_RGB2GRAY);
+  return grey;
+}
+
 struct MatchResult {
   double confidence = 0.0, background = 0.0, dx = 0.0, dy = 0.0;
   bool ambiguous = false;
@@ -453,7 +463,7 @@ MatchResult fallbackMatch(const cv::Mat& newFull, const cv::Mat& refFull,
                      cv::Rect(0, 0, f.width, f.height);
   if (t.width < 4 || t.height < 4 || s.width < t.width || s.height < t.height) return r;
   cv::Mat result;
-  cv::matchTemplate(refFull(s), newFull(t), result, cv::TM_CCOEFF_NORMED);
+  cv::matchTemplate(refFull(s), greyRegion(newFull, t), result, cv::TM_CCOEFF_NORMED);
   double maxValue = 0.0;
   cv::Point peak;
   cv::minMaxLoc(result, nullptr, &maxValue, nullptr, &peak);
@@ -569,7 +579,7 @@ Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
   cv::Point predicted(clampInt(px, 0, f.width - templ.width),
                       clampInt(py, 0, f.height - templ.height));
   if (!outside) {
-    fine = fineOffset(newFull(templ), refFull(cv::Rect(predicted, templ.size())), detector,
+    fine = fineOffset(greyRegion(newFull, templ), refFull(cv::Rect(predicted, templ.size())), detector,
                       matcher, g.tuning);
   }
   if (fine.found) {
@@ -590,7 +600,7 @@ Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
                               cv::Rect(0, 0, f.width, f.height);
       if (window.width >= sub.width && window.height >= sub.height) {
         cv::Mat result;
-        cv::matchTemplate(refFull(window), newFull(sub), result, cv::TM_CCOEFF_NORMED);
+        cv::matchTemplate(refFull(window), greyRegion(newFull, sub), result, cv::TM_CCOEFF_NORMED);
         double maxValue = 0.0;
         cv::Point peak;
         cv::minMaxLoc(result, nullptr, &maxValue, nullptr, &peak);

@@ -119,8 +119,9 @@ struct Measurement {
 };
 
 // Measures the new frame against the reference (full and working copies).
-// The full images are one-channel 8-bit or float (both alike); the working
-// copies one-channel float.
+// The full images are one-channel 8-bit or float (both alike; the new frame
+// may also be the 8-bit B G R frame, converted where it is read); the
+// working copies one-channel float.
 // `origins` and `altOrigins` are the session's records, updated here.
 Measurement measureDisplacement(const cv::Mat& newFull, const cv::Mat& newSmall,
                                 const cv::Mat& refFull, const cv::Mat& refSmall,
