@@ -26,7 +26,7 @@ int clampInt(int v, int lo, int hi) { return std::max(lo, std::min(v, hi)); }
 // 300 x 300 template can give a few thousand corners; the brute-force
 // Hamming match grows with the square of that, while a few hundred matches
 // already fix the offset far below a pixel.
-constexpr int kMaxKeypoints = 300;
+constexpr int kMaxKeypoints = 200;
 
 // Grey-level to 8 bits for corner detection (saturating, as convertTo does).
 cv::Mat toEightBit(const cv::Mat& image) {
