@@ -121,8 +121,39 @@ cv::Mat spectrumOf(const cv::Mat& image) {
   cv::Mat padded = cv::Mat::zeros(rows, cols, CV_32F);
   cv::subtract(image, cv::Scalar(cv::mean(image)[0]), padded(cv::Rect(0, 0, image.cols, image.rows)));
   cv::Mat spectrum;
-  cv::dft(padded, spectrum, cv::DFT_COMPLEX_OUTPUT, image.rows);
+  cv::dft(padded, spectrum, 0, image.rows);  // packed (CCS) real spectrum
   return spectrum;
+}
+
+// Divides each complex entry of a packed (CCS) spectrum by its magnitude.
+void whitenPacked(cv::Mat& spectrum) {
+  const int rows = spectrum.rows, cols = spectrum.cols;
+  auto unit = [](float& re, float& im) {
+    const float magnitude = std::sqrt(re * re + im * im);
+    if (magnitude > 1e-20f) {
+      re /= magnitude;
+      im /= magnitude;
+    } else {
+      re = im = 0.0f;
+    }
+  };
+  auto unitReal = [](float& re) { re = re > 0.0f ? 1.0f : (re < 0.0f ? -1.0f : 0.0f); };
+  // Columns 0 and (for an even width) cols - 1 hold the spectra of the first
+  // and middle frequency columns packed along the rows: a real first entry,
+  // then (re, im) pairs down the rows, and for an even height a real last.
+  const int packedColumns = cols % 2 == 0 ? 2 : 1;
+  for (int k = 0; k < packedColumns; ++k) {
+    const int c = k == 0 ? 0 : cols - 1;
+    unitReal(spectrum.at<float>(0, c));
+    for (int r = 1; r + 1 < rows; r += 2) unit(spectrum.at<float>(r, c), spectrum.at<float>(r + 1, c));
+    if (rows % 2 == 0) unitReal(spectrum.at<float>(rows - 1, c));
+  }
+  // Every row: (re, im) pairs in the columns between.
+  const int last = cols % 2 == 0 ? cols - 1 : cols;
+  for (int r = 0; r < rows; ++r) {
+    float* row = spectrum.ptr<float>(r);
+    for (int c = 1; c + 1 < last; c += 2) unit(row[c], row[c + 1]);
+  }
 }
 
 }  // namespace
@@ -149,13 +180,7 @@ cv::Point2d coarseShift(const cv::Mat& moved, const cv::Mat& reference, PhaseCac
   const cv::Mat movedSpectrum = spectrumOf(moved);
   cv::Mat cross;
   cv::mulSpectrums(movedSpectrum, refSpectrum, cross, 0, true);
-  for (int y = 0; y < cross.rows; ++y) {
-    cv::Vec2f* row = cross.ptr<cv::Vec2f>(y);
-    for (int x = 0; x < cross.cols; ++x) {
-      const float magnitude = std::sqrt(row[x][0] * row[x][0] + row[x][1] * row[x][1]);
-      row[x] = magnitude > 1e-20f ? row[x] / magnitude : cv::Vec2f(0.0f, 0.0f);
-    }
-  }
+  whitenPacked(cross);
   cv::Mat surface;
   cv::idft(cross, surface, cv::DFT_REAL_OUTPUT | cv::DFT_SCALE);
   cv::Point peak;

@@ -69,6 +69,17 @@ TEST(StitchRegistration, CoarseShiftGivesTheMoveOfTheNewFrame) {
   }
 }
 
+TEST(StitchRegistration, CoarseShiftOnOddTransformSizes) {
+  // 50 x 30 images are padded to 75 x 45: odd sizes in both directions.
+  const cv::Mat scene = vtest::stitchPhoto("aloeL.jpg");
+  ASSERT_FALSE(scene.empty());
+  const cv::Mat ref = vtest::grayFloat(vtest::viewAt(scene, 400, 300, 50, 30));
+  const cv::Mat moved = vtest::grayFloat(vtest::viewAt(scene, 406, 297, 50, 30));
+  const cv::Point2d c = vantix::coarseShift(moved, ref);
+  EXPECT_NEAR(c.x, 6, 0.5);
+  EXPECT_NEAR(c.y, -3, 0.5);
+}
+
 TEST(StitchRegistration, MeasuresKnownShiftsOnAPhotoToAFractionOfAPixel) {
   const cv::Mat scene = vtest::stitchPhoto("aloeL.jpg");
   ASSERT_FALSE(scene.empty());
