@@ -265,7 +265,10 @@ VANTIX_API void vantix_init(VantixAllocator allocator);
  * sharpest of the up to six oldest waiting frames, drops those before it,
  * registers it against the reference frame and places it on the canvas.
  * The canvas is kept bottom-up, 3 bytes a pixel for format 0 and 4 bytes a
- * pixel for the other formats.
+ * pixel for the other formats.  A placed frame replaces what it covers,
+ * fading into the earlier content over a band of a twentieth of the frame
+ * along its border; parts that cover nothing are copied unchanged.  Frames
+ * within a tenth of a frame of the last drawn one are not drawn again.
  */
 
 /**
@@ -275,10 +278,18 @@ VANTIX_API void vantix_init(VantixAllocator allocator);
  *     (valid during the call only; the canvas thread may draw into them);
  *   frameWidth, frameHeight, frameType: the processed frame (type is the
  *     OpenCV type code of the 8-bit working frame, 16);
- *   x, y: the frame's position on the canvas (for modes 2..4 the position
- *     it would have had);
+ *   x, y: the frame's top-left corner on the canvas of this call (for
+ *     modes 2..4 the position it would have had by its measured move).
+ *     When the canvas grows to the left or upwards its content moves right
+ *     or down by four frame widths or heights: positions of earlier calls
+ *     move with it (a call whose canvasWidth/canvasHeight grew and whose
+ *     reset is set reports in the new canvas);
  *   mode: 1 placed, 2 kept as reference only, 3 tracking lost / relocating,
- *     4 not placed this time;
+ *     4 not placed this time (no confident match, or a frame blurrier than
+ *     the reference where they overlap);
+ *     Frames placed are drawn by the canvas's own thread shortly after
+ *     this call: pixels read here may still change (copy them with
+ *     vantix_stitch_readdata for a consistent view);
  *   changed: nonzero when the canvas changed since the last call;
  *   reset: nonzero when the canvas was reallocated (its size or address may
  *     have changed) since the last call, and for the first frame;
@@ -354,8 +365,9 @@ VANTIX_API void vantix_stitch_delete(VantixStitch *session);
 VANTIX_API void vantix_stitch_start(VantixStitch *session);
 
 /**
- * Stops the worker (waits for the frame in progress).  Queued frames, the
- * reference and the canvas are kept: a later start continues the panorama.
+ * Stops the worker (waits for the frame in progress; frames already placed
+ * are drawn before the panorama is copied).  Queued frames, the reference
+ * and the canvas are kept: a later start continues the panorama.
  * With wantImage nonzero, returns the panorama as a VantixImageHeader
  * followed by bottom-up 24-bit rows, allocated with the host's allocator
  * (the host frees it): the covered rectangle when `cropped` is nonzero,

@@ -61,7 +61,8 @@ std::set<std::string> exportedSymbols() {
 
 // The families built so far; the whole interface is 37 functions.
 const char* const kImplementedFamilies[] = {"vantix_init", "vantix_resize", "vantix_demosaic",
-                                            "vantix_edge_", "vantix_edf_", "vantix_spot_"};
+                                            "vantix_edge_", "vantix_edf_", "vantix_spot_",
+                                            "vantix_stitch_"};
 
 TEST(Abi, TheHeaderDeclaresThirtySevenFunctions) {
   EXPECT_EQ(declaredFunctions().size(), 37u);

@@ -1,8 +1,142 @@
-// Demo step placeholder until the stitch demo is written.
+// Demo step: the simulated camera pans over a photograph in a serpentine;
+// the library pulls each frame from it (vantix_stitch_pull) into a live
+// stitch session, and the panorama is saved.  The camera knows where each
+// frame really was, so the step also prints how far the placements are off.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "../simcam/simcam_loader.h"
 #include "demo.h"
+#include "errors.h"
+#include "image_io.h"
+#include "result_names.h"
+#include "stitch_session.h"
 
 namespace vtool {
 
-void demoStitch(DemoContext&) { say("not available yet"); }
+namespace {
+
+// The simulated camera SDK, built next to the tool: <build>/tools/simcam.
+std::string simcamPath() {
+  char exe[PATH_MAX] = {};
+  const ssize_t length = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (length <= 0) throw ToolError("cannot find the tool's own path");
+  const std::filesystem::path self(std::string(exe, static_cast<size_t>(length)));
+  return (self.parent_path() / ".." / "simcam" / "libvantix_simcam.so").lexically_normal().string();
+}
+
+const SimcamApi& loadSimcam() {
+  static SimcamApi api{};
+  static bool loaded = false;
+  if (!loaded) {
+    const std::string path = simcamPath();
+    // Kept loaded for the life of the process: the library's binding to the
+    // camera SDK, once made, is never released.
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) throw ToolError("cannot load the simulated camera " + path);
+    if (!simcam_load_api(handle, &api)) throw ToolError("incomplete simulated camera " + path);
+    loaded = true;
+  }
+  return api;
+}
+
+struct Camera {
+  const SimcamApi& api;
+  SimcamCamera* handle;
+  Camera(const SimcamApi& a, cv::Size size)
+      : api(a), handle(a.open(static_cast<uint32_t>(size.width), static_cast<uint32_t>(size.height))) {
+    if (handle == nullptr) throw ToolError("the simulated camera refused " + sizeText(size));
+  }
+  ~Camera() { api.close(handle); }
+  Camera(const Camera&) = delete;
+  Camera& operator=(const Camera&) = delete;
+};
+
+}  // namespace
+
+void demoStitch(DemoContext& context) {
+  const SimcamApi& sim = loadSimcam();
+  std::string label;
+  const cv::Mat photo = context.sample("aloeL.jpg", label);
+  // Frames a quarter of the photo a side; four rows of a serpentine with a
+  // third of a frame of vertical overlap.
+  const cv::Size frame(photo.cols / 4 & ~1, photo.rows / 4 & ~1);
+  const int margin = 16;
+  const double left = margin, right = photo.cols - frame.width - margin;
+  const double top = margin, bottom = photo.rows - frame.height - margin;
+  constexpr int kRows = 4;
+  std::vector<SimcamPoint> path;
+  for (int row = 0; row < kRows; ++row) {
+    const double y = top + (bottom - top) * row / (kRows - 1);
+    const bool leftwards = row % 2 == 0;
+    path.push_back({leftwards ? right : left, y});
+    path.push_back({leftwards ? left : right, y});
+  }
+  // About 30 pixels a frame along the rows.
+  const auto framesPerSegment =
+      static_cast<uint32_t>(std::max(4.0, std::round((right - left) / (frame.width / 10.0))));
+  const uint32_t frames = static_cast<uint32_t>(path.size() - 1) * framesPerSegment + 1;
+
+  Camera camera(sim, frame);
+  if (sim.setPan(camera.handle, photo.data, static_cast<uint32_t>(photo.cols),
+                 static_cast<uint32_t>(photo.rows), static_cast<uint32_t>(photo.step), path.data(),
+                 static_cast<uint32_t>(path.size()), framesPerSegment) != SIMCAM_S_OK) {
+    throw ToolError("the simulated camera refused the pan");
+  }
+  say("%s: the camera pans over it in %d rows, %u frames of %s, pulled by the library",
+      label.c_str(), kRows, frames, sizeText(frame).c_str());
+
+  StitchSession session(frame, 2, 2, 0);
+  session.start();
+  std::vector<uint8_t> buffer(sim.frameBytes(camera.handle, 24, 0));
+  std::vector<cv::Point2d> truth;
+  for (uint32_t i = 0; i < frames; ++i) {
+    const uint32_t index = sim.frameIndex(camera.handle);
+    FrameInfoV2 info{};
+    const VantixResult result =
+        vantix_stitch_pull(session.handle(), camera.handle, 1, buffer.data(), 24, 0, &info);
+    if (VANTIX_FAILED(result)) throw ToolError("vantix_stitch_pull: " + resultName(result));
+    SimcamPoint where{};
+    sim.panPosition(camera.handle, index, &where);
+    truth.emplace_back(where.x, where.y);
+    // One frame at a time, so that every frame is stitched (a host pulling
+    // at the camera's rate would let the session skip some).
+    if (!session.waitForReports(i + 1, std::chrono::seconds(30))) {
+      throw ToolError("no report from the stitch session for frame " + std::to_string(i));
+    }
+    for (uint32_t code : session.takeEvents()) {
+      if (code != VANTIX_STITCH_EVENT_CANVAS_GROWING) {
+        say("frame %u: %s", i, stitchEventName(code).c_str());
+      }
+    }
+  }
+  const cv::Mat panorama = session.stop(true);
+  const std::vector<StitchReport> reports = session.reports();
+
+  // Placement error against the camera's truth, with the panorama anchored
+  // on the first frame.
+  const std::vector<cv::Point> placed = finalCanvasPositions(reports);
+  double sum = 0, worst = 0;
+  int count = 0;
+  for (size_t i = 0; i < reports.size() && i < truth.size(); ++i) {
+    if (reports[i].mode != 1) continue;
+    const cv::Point2d expected = truth[i] - truth[0] + cv::Point2d(placed[0]);
+    const double error = cv::norm(cv::Point2d(placed[i]) - expected);
+    sum += error;
+    worst = std::max(worst, error);
+    ++count;
+  }
+  say("%d of %u frames placed; placement error mean %.2f px, max %.2f px", count, frames,
+      count > 0 ? sum / count : 0.0, worst);
+  if (panorama.empty()) throw ToolError("the stitch session returned no panorama");
+  context.save("stitch-panorama.png", panorama);
+}
 
 }  // namespace vtool
