@@ -35,6 +35,13 @@ CEdfSession::~CEdfSession() {
 }
 
 void CEdfSession::start() {
+  // A second start without a stop first ends the worker already there, so
+  // that a joinable thread object is never destroyed (which would end the
+  // host's process).
+  if (worker_) {
+    running_ = false;
+    while (worker_->joinable()) worker_->join();
+  }
   running_ = true;
   worker_ = std::make_unique<std::thread>(&CEdfSession::workerLoop, this);
 }

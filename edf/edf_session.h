@@ -36,8 +36,7 @@ class CEdfSession {
   CEdfSession(const CEdfSession&) = delete;
   CEdfSession& operator=(const CEdfSession&) = delete;
 
-  // Starts a worker.  A host calls stop() between two starts: a worker that
-  // is still joinable ends the process, as std::thread's destructor does.
+  // Starts a worker (ending one that is already there first).
   void start();
   // Stops the worker and waits for it; queue, fused image and stack stay.
   void stop();

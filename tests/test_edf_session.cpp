@@ -313,6 +313,7 @@ TEST(EdfSession, EveryLifecycleOrderEndsCleanly) {
       {kStart, kPush, kWait, kStop},
       {kStart, kStop, kStop, kStart, kPush, kStop, kStart},
       {kPush, kStart, kPush, kStop, kPush, kStart, kPush, kWait},
+      {kStart, kPush, kStart, kPush, kWait, kStart},  // starts without a stop between
   };
   for (size_t n = 0; n < orders.size(); ++n) {
     SCOPED_TRACE(n);
