@@ -24,9 +24,9 @@ void demoSpot(DemoContext& context) {
   spot.angle = 0;
   spot.peak = 0.85;
   spot.orbitRadius = 60;
-  spot.orbitPeriod = 24;
+  spot.orbitPeriod = 64;
   spot.breathAmplitude = 0.25;
-  spot.breathPeriod = 10;
+  spot.breathPeriod = 32;
   // No background: the second moments weigh every pixel of the aperture by
   // its distance squared, so a camera's dark level has to be subtracted
   // before measuring (a lit background makes the aperture grow to the frame).
@@ -44,7 +44,7 @@ void demoSpot(DemoContext& context) {
   cv::Mat frame;
   std::vector<cv::Point2d> track;
   SpotResult last{};
-  constexpr int kFrames = 16;
+  constexpr int kFrames = 32;
   double worstCentre = 0;
   for (int i = 0; i < kFrames; ++i) {
     const uint32_t index = camera.api().frameIndex(camera.handle());
