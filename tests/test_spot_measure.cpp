@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -296,15 +295,8 @@ TEST(FrameInput, GreyOfTheFourDepths) {
   EXPECT_EQ(g.at<uint16_t>(0, 1), 65535);
   EXPECT_EQ(g.at<uint16_t>(0, 2), 1);  // 1.001 truncated
 
-  // Anything else is refused, even a depth that a camera delivers.
-  for (const uint32_t bits : {0u, 1u, 12u, 32u, 64u}) {
-    try {
-      vantix::spotGreyFrame(bgr48, 1, 1, bits, 0, grey);
-      ADD_FAILURE() << bits;
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "Unsupported image depth");
-    }
-  }
+  // Other depths are refused with "Unsupported image depth" (tested through
+  // the pull, where the exception reaches the host).
 }
 
 TEST(FrameInput, EveryDepthAndPitchMeasuresTheSameBeam) {
