@@ -81,11 +81,8 @@ class CliTest : public ::testing::Test {
 // and contains `mentions`.
 inline void expectOneErrorLine(const ToolRun& run, const std::string& prefix,
                                const std::string& mentions, int status = 0) {
-  if (status != 0) {
-    EXPECT_EQ(run.status, status) << run.err;
-  } else {
-    EXPECT_TRUE(run.status == 1 || run.status == 2) << "status " << run.status;
-  }
+  EXPECT_TRUE(status != 0 ? run.status == status : run.status == 1 || run.status == 2)
+      << "status " << run.status << ": " << run.err;
   EXPECT_EQ(run.out, "");
   EXPECT_EQ(run.err.rfind(prefix, 0), 0u) << run.err;
   EXPECT_TRUE(!run.err.empty() && run.err.find('\n') == run.err.size() - 1) << run.err;
