@@ -39,6 +39,8 @@ TEST(ImageHeader, LayoutOfEveryBitCount) {
     EXPECT_EQ(vantix::defaultStride(header(10, bits)), 0xFFFFFFFFu) << bits;
     EXPECT_EQ(vantix::matTypeForBitCount(bits), -1) << bits;
   }
+  // Unsigned 32-bit arithmetic: a negative width wraps instead of failing.
+  EXPECT_EQ(vantix::defaultStride(header(-3, 24)), 536870904u);
   for (uint32_t bits = 0; bits < 200; ++bits) {
     const bool deep = bits == 30 || bits == 33 || bits == 36 || bits == 42 || bits == 48;
     EXPECT_EQ(vantix::isDeepColour(bits), deep) << bits;
