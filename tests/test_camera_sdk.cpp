@@ -114,20 +114,31 @@ VantixResult pullNamed(void* camera, std::vector<uint8_t>& buffer, uint32_t bits
                        uint32_t* height, int32_t push = 1) {
   return vantix::pullNamed(kSession, camera, push, buffer.data(), bits, width, height, recordPush);
 }
+// Every pull routine once (the three record versions, the named pull, the
+// spot pull), with their results.
+std::vector<VantixResult> pullEach(void* camera, std::vector<uint8_t>& buffer,
+                                   std::vector<uint8_t>& info, int32_t bits, uint32_t* width,
+                                   uint32_t* depth) {
+  std::vector<VantixResult> results;
+  for (FrameInfoVersion v : kVersions) {
+    results.push_back(pull(v, camera, buffer, bits, 0, info.data()));
+  }
+  uint32_t height = 0;
+  results.push_back(pullNamed(camera, buffer, static_cast<uint32_t>(bits), width, &height));
+  results.push_back(vantix::pullSpot(kSession, depth, camera, 1, buffer.data(), 8, 0,
+                                     reinterpret_cast<FrameInfoV2*>(info.data()), nullptr,
+                                     recordSpot));
+  return results;
+}
 
 TEST(CameraSdkBinding, NoSdkFailsUntilOneIsLoaded) {
   EXPECT_TRUE(vtest::runInChildProcess([] {
     void* camera = reinterpret_cast<void*>(0xca);
     std::vector<uint8_t> buffer(64, kFill), info = infoBuffer();
-    uint32_t width = 7, height = 7, depth = 0;
+    uint32_t width = 7, depth = 0;
     for (int round = 0; round < 2; ++round) {
-      for (FrameInfoVersion v : kVersions) {
-        EXPECT_EQ(pull(v, camera, buffer, 24, 0, info.data()), VANTIX_E_NOTIMPL);
-      }
-      EXPECT_EQ(pullNamed(camera, buffer, 24, &width, &height), VANTIX_E_NOTIMPL);
-      EXPECT_EQ(vantix::pullSpot(kSession, &depth, camera, 1, buffer.data(), 8, 0,
-                                 reinterpret_cast<FrameInfoV2*>(info.data()), nullptr, recordSpot),
-                VANTIX_E_NOTIMPL);
+      EXPECT_EQ(pullEach(camera, buffer, info, 24, &width, &depth),
+                std::vector<VantixResult>(5, VANTIX_E_NOTIMPL));
     }
     EXPECT_TRUE(allFill(buffer) && allFill(info) && gPushes.empty() && gSpotCalls.empty());
     EXPECT_EQ(width, 7u);
@@ -253,16 +264,11 @@ TEST(CameraSdkPull, SdkResultsPassThroughAndFailuresWriteNothing) {
     const SimcamApi sim = loadSimcam();
     SimcamCamera* cam = sim.open(10, 6);
     std::vector<uint8_t> buffer(sim.frameBytes(cam, 32, 0), kFill), info = infoBuffer();
-    const auto notReady = static_cast<int32_t>(0x80070015u);
-    sim.setResult(cam, notReady);
-    for (FrameInfoVersion v : kVersions) {
-      EXPECT_EQ(pull(v, cam, buffer, 32, 0, info.data()), static_cast<VantixResult>(notReady));
-    }
-    uint32_t width = 77, height = 77, depth = 0;
-    EXPECT_EQ(pullNamed(cam, buffer, 32, &width, &height), static_cast<VantixResult>(notReady));
-    EXPECT_EQ(vantix::pullSpot(kSession, &depth, cam, 1, buffer.data(), 8, 0,
-                               reinterpret_cast<FrameInfoV2*>(info.data()), nullptr, recordSpot),
-              static_cast<VantixResult>(notReady));
+    const VantixResult notReady = 0x80070015u;
+    sim.setResult(cam, static_cast<int32_t>(notReady));
+    uint32_t width = 77, depth = 0;
+    EXPECT_EQ(pullEach(cam, buffer, info, 32, &width, &depth),
+              std::vector<VantixResult>(5, notReady));
     const SimcamStats s = statsOf(sim);
     EXPECT_EQ(s.pullV2Calls + s.pullV3Calls + s.pullV4Calls + s.namedPullCalls, 5u);
     EXPECT_EQ(s.rawFormatCalls, 0u);
@@ -272,15 +278,15 @@ TEST(CameraSdkPull, SdkResultsPassThroughAndFailuresWriteNothing) {
 
     // A positive result is a success: the frame is delivered and pushed.
     sim.setResult(cam, 1);
-    for (FrameInfoVersion v : kVersions) EXPECT_EQ(pull(v, cam, buffer, 32, 0, info.data()), 1u);
-    EXPECT_EQ(pullNamed(cam, buffer, 32, &width, &height), 1u);
+    EXPECT_EQ(pullEach(cam, buffer, info, 32, &width, &depth), std::vector<VantixResult>(5, 1u));
     EXPECT_EQ(gPushes.size(), 4u);
-    EXPECT_EQ(sim.frameIndex(cam), 4u);
+    EXPECT_EQ(gSpotCalls.size(), 1u);
+    EXPECT_EQ(sim.frameIndex(cam), 5u);
     sim.close(cam);
   }));
 }
 
-TEST(CameraSdkPull, RecordCopiedWholeAndPushArguments) {
+TEST(CameraSdkPull, RecordCopiedWholeAndPushArgumentsOfEveryPull) {
   EXPECT_TRUE(vtest::runInChildProcess([] {
     const SimcamApi sim = loadSimcam();
     SimcamCamera* cam = sim.open(30, 7);  // 30 * 3 bytes is not a multiple of 4
@@ -313,38 +319,26 @@ TEST(CameraSdkPull, RecordCopiedWholeAndPushArguments) {
                   (std::vector<PushCall>{{kSession, buffer.data(), 30, 7, c.pushed, c.pitch}}));
       }
     }
-    // Push flag 0: the frame and record are delivered, the session is left alone.
-    gPushes.clear();
-    std::vector<uint8_t> buffer(sim.frameBytes(cam, 24, 0), kFill), info = infoBuffer();
-    EXPECT_EQ(pull(FrameInfoVersion::V3, cam, buffer, 24, 0, info.data(), 0), VANTIX_S_OK);
-    EXPECT_TRUE(gPushes.empty());
-    EXPECT_FALSE(allFill(buffer) || allFill(info));
-    EXPECT_EQ(pull(FrameInfoVersion::V4, cam, buffer, 24, 0, nullptr), VANTIX_S_OK);  // no record
-    sim.close(cam);
-  }));
-}
-
-TEST(CameraSdkPull, NamedPullPushesEightBitsAtDefaultPitch) {
-  EXPECT_TRUE(vtest::runInChildProcess([] {
-    const SimcamApi sim = loadSimcam();
-    SimcamCamera* cam = sim.open(30, 7);
+    // The named pull pushes 8 bits at row pitch 0 though the rows are padded.
+    uint32_t width = 0, height = 0;
     for (int32_t bits : {24, 32, 16}) {
       std::vector<uint8_t> buffer(sim.frameBytes(cam, bits, 0), kFill), expected = buffer;
       sim.render(cam, sim.frameIndex(cam), expected.data(), bits, 0);
-      uint32_t width = 0, height = 0;
       gPushes.clear();
       EXPECT_EQ(pullNamed(cam, buffer, static_cast<uint32_t>(bits), &width, &height), VANTIX_S_OK);
       EXPECT_EQ(buffer, expected);
       EXPECT_EQ(statsOf(sim).lastBits, bits);
-      // Row pitch 0 though the frame's rows are padded.
       EXPECT_EQ(gPushes, (std::vector<PushCall>{{kSession, buffer.data(), 30, 7, 8, 0}}));
     }
+    EXPECT_EQ(std::tie(width, height), std::make_tuple(30u, 7u));
+    // Push flag 0: the frame and record are delivered, the session is left alone.
     gPushes.clear();
-    std::vector<uint8_t> buffer(sim.frameBytes(cam, 8, 0), kFill);
-    uint32_t width = 0, height = 0;
+    std::vector<uint8_t> buffer(sim.frameBytes(cam, 24, 0), kFill), info = infoBuffer();
+    EXPECT_EQ(pull(FrameInfoVersion::V3, cam, buffer, 24, 0, info.data(), 0), VANTIX_S_OK);
     EXPECT_EQ(pullNamed(cam, buffer, 8, &width, &height, 0), VANTIX_S_OK);
     EXPECT_TRUE(gPushes.empty());
-    EXPECT_EQ(std::tie(width, height), std::make_tuple(30u, 7u));
+    EXPECT_FALSE(allFill(buffer) || allFill(info));
+    EXPECT_EQ(pull(FrameInfoVersion::V4, cam, buffer, 24, 0, nullptr), VANTIX_S_OK);  // no record
     sim.close(cam);
   }));
 }

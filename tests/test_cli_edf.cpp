@@ -2,68 +2,20 @@
 // temporary folder.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "support/cli_tool.h"
 #include "support/edf_stack.h"
 #include "support/test_support.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-class CliEdf : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/vantix_cli_edf_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
-  std::string write(const std::string& name, const cv::Mat& image) const {
-    EXPECT_TRUE(cv::imwrite(path(name), image)) << name;
-    return path(name);
-  }
-  static std::string slurp(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  ToolRun run(const std::vector<std::string>& args) const {
-    std::string command = std::string("'") + VANTIX_TOOL_PATH + "'";
-    for (const std::string& arg : args) command += " '" + arg + "'";
-    command += " >'" + path("stdout.txt") + "' 2>'" + path("stderr.txt") + "'";
-    const int status = std::system(command.c_str());
-    ToolRun result;
-    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-    result.out = slurp(path("stdout.txt"));
-    result.err = slurp(path("stderr.txt"));
-    return result;
-  }
-
-  fs::path dir_;
-};
+using vtest::ToolRun;
+using CliEdf = vtest::CliTest;
 
 // Two slices of a photograph, each sharp in one half: every kind gives back
 // the detail of both halves, with a progress line a frame.
@@ -79,7 +31,7 @@ TEST_F(CliEdf, FusesTwoHalfSharpSlices) {
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_NE(result.out.find("frame 1 of 2"), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("frame 2 of 2"), std::string::npos) << result.out;
-    const cv::Mat fused = cv::imread(path("out.png"), cv::IMREAD_UNCHANGED);
+    const cv::Mat fused = read("out.png");
     ASSERT_EQ(fused.type(), CV_8UC3);
     for (const cv::Rect& half : {left, right}) {
       EXPECT_GE(vtest::meanDetail(fused, half) / vtest::meanDetail(sharp, half), 0.9);
@@ -94,11 +46,11 @@ TEST_F(CliEdf, FormatsDecideTheOutputDepth) {
   const std::string in = write("in.png", image);
   ToolRun result = run({"edf", in, "--out", path("same.png")});
   ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(cv::norm(cv::imread(path("same.png"), cv::IMREAD_UNCHANGED), image, cv::NORM_INF), 0.0);
+  EXPECT_EQ(cv::norm(read("same.png"), image, cv::NORM_INF), 0.0);
 
   result = run({"edf", "--format", "3", in, in, "-o", path("wide.png")});
   ASSERT_EQ(result.status, 0) << result.err;
-  const cv::Mat wide = cv::imread(path("wide.png"), cv::IMREAD_UNCHANGED);
+  const cv::Mat wide = read("wide.png");
   ASSERT_EQ(wide.depth(), CV_16U);
   ASSERT_EQ(wide.channels(), 4);
   std::vector<cv::Mat> planes;
@@ -129,13 +81,9 @@ TEST_F(CliEdf, BadCommandLinesAndFrames) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args.back());
-    const ToolRun result = run(c.args);
-    EXPECT_EQ(result.status, c.status) << result.err;
-    EXPECT_EQ(result.err.rfind("vantix: edf: ", 0), 0u) << result.err;
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-    EXPECT_NE(result.err.find(c.mentions), std::string::npos) << result.err;
+    vtest::expectOneErrorLine(run(c.args), "vantix: edf: ", c.mentions, c.status);
   }
-  EXPECT_FALSE(fs::exists(path("x.png")));
+  EXPECT_FALSE(std::filesystem::exists(path("x.png")));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <vantix.h>
 
 #include "imgutil/demosaic.h"
+#include "support/bayer.h"
 #include "support/test_support.h"
 
 namespace {
@@ -13,22 +14,10 @@ namespace {
 constexpr uint32_t kPatterns[] = {VANTIX_BAYER_RGGB, VANTIX_BAYER_BGGR, VANTIX_BAYER_GRBG,
                                   VANTIX_BAYER_GBRG};
 
-// Samples a B G R image (8- or 16-bit) the way a sensor with `pattern` does:
-// the FourCC's letters give the colours of the 2x2 cell in memory order.
+// The sensor's frame: the FourCC's letters give the colours of the 2x2 cell
+// in memory order.
 cv::Mat mosaic(const cv::Mat& bgr, uint32_t pattern) {
-  cv::Mat raw(bgr.size(), CV_MAKETYPE(bgr.depth(), 1));
-  for (int y = 0; y < bgr.rows; ++y) {
-    for (int x = 0; x < bgr.cols; ++x) {
-      const char letter = static_cast<char>((pattern >> (8 * ((y % 2) * 2 + x % 2))) & 0xFF);
-      const int channel = letter == 'B' ? 0 : letter == 'G' ? 1 : 2;
-      if (bgr.depth() == CV_8U) {
-        raw.at<uint8_t>(y, x) = bgr.at<cv::Vec3b>(y, x)[channel];
-      } else {
-        raw.at<uint16_t>(y, x) = bgr.at<cv::Vec3w>(y, x)[channel];
-      }
-    }
-  }
-  return raw;
+  return vtest::mosaic(bgr, std::string(reinterpret_cast<const char*>(&pattern), 4));
 }
 
 struct Output {
@@ -121,53 +110,45 @@ TEST(Demosaic, RecoversKnownColoursForEveryPatternOrderAndMethod) {
   }
 }
 
-TEST(Demosaic, OutputRowsArePaddedOnlyForThreeChannels) {
-  EXPECT_EQ(vantix::demosaicOutputStride(101, 0, false), 304u);
-  EXPECT_EQ(vantix::demosaicOutputStride(101, 2, true), 608u);
-  EXPECT_EQ(vantix::demosaicOutputStride(101, 1, false), 404u);
-  EXPECT_EQ(vantix::demosaicOutputStride(101, 3, true), 808u);
-
-  // The padding bytes of a 101-pixel row stay untouched, and a 4-channel
-  // output fills exactly width * 4 bytes a row.
-  const cv::Mat raw = vtest::randomImage(20, 101, CV_8UC1, 5);
-  VantixResult result = 0;
-  const Output padded = run(raw, 8, VANTIX_BAYER_BGGR, 0, 0, &result);
-  for (int y = 0; y < 20; ++y) {
-    EXPECT_EQ(padded.bytes[y * 304 + 303], 0xCD) << y;
-  }
-  const Output packed = run(raw, 8, VANTIX_BAYER_BGGR, 1, 0, &result);
-  EXPECT_EQ(packed.bytes[20 * 404], 0xCD);  // first byte past the image
-  EXPECT_EQ(packed.bytes[20 * 404 - 1], 255);  // alpha of the last pixel
-}
-
-// The edge-aware method must give the same image whatever the row padding.
-TEST(Demosaic, EdgeAwareOutputIsCorrectInPaddedRows) {
-  for (int bits : {8, 12}) {
-    const int depth = bits == 8 ? CV_8U : CV_16U;
-    for (int width : {101, 102, 103, 64}) {
-      cv::Mat truth = vtest::smoothScene(40, width, CV_MAKETYPE(depth, 3));
-      if (bits == 12) truth.convertTo(truth, CV_16U, 4095.0 / 65535.0);
-      const cv::Mat raw = mosaic(truth, VANTIX_BAYER_RGGB);
-      VantixResult result = 0;
-      const Output out = run(raw, bits, VANTIX_BAYER_RGGB, 0, 2, &result);
-      ASSERT_EQ(result, VANTIX_E_FAIL);
-      const cv::Mat image(40, width, CV_MAKETYPE(depth, 3), const_cast<uint8_t*>(out.bytes.data()),
-                          out.stride);
-      // Against the truth, away from the borders and the drawn shapes' edges:
-      // the median error is small.
-      cv::Mat diff;
-      cv::absdiff(image(cv::Rect(4, 4, width - 8, 32)), truth(cv::Rect(4, 4, width - 8, 32)), diff);
-      cv::Mat flat;
-      diff.reshape(1, 1).convertTo(flat, CV_32F);
-      std::nth_element(flat.begin<float>(), flat.begin<float>() + flat.cols / 2, flat.end<float>());
-      EXPECT_LE(flat.at<float>(0, flat.cols / 2), bits == 8 ? 3 : 48) << "width " << width;
-      // Padding untouched.
-      const size_t rowBytes = static_cast<size_t>(width) * 3 * (bits == 8 ? 1 : 2);
-      for (int y = 0; y < 40; ++y) {
-        for (size_t x = rowBytes; x < out.stride; ++x) ASSERT_EQ(out.bytes[y * out.stride + x], 0xCD);
+// Bilinear and edge-aware output is right whatever the row padding, and the
+// padding bytes stay untouched; 4-channel rows are packed.
+TEST(Demosaic, OutputIsCorrectInPaddedRows) {
+  for (uint32_t algorithm : {0u, 2u}) {
+    for (int bits : {8, 12}) {
+      const int depth = bits == 8 ? CV_8U : CV_16U;
+      for (int width : {101, 102, 103, 64}) {
+        cv::Mat truth = vtest::smoothScene(40, width, CV_MAKETYPE(depth, 3));
+        if (bits == 12) truth.convertTo(truth, CV_16U, 4095.0 / 65535.0);
+        const cv::Mat raw = mosaic(truth, VANTIX_BAYER_RGGB);
+        VantixResult result = 0;
+        const Output out = run(raw, bits, VANTIX_BAYER_RGGB, 0, algorithm, &result);
+        ASSERT_EQ(result, VANTIX_E_FAIL);
+        const cv::Mat image(40, width, CV_MAKETYPE(depth, 3),
+                            const_cast<uint8_t*>(out.bytes.data()), out.stride);
+        // Against the truth, away from the borders and the drawn shapes'
+        // edges: the median error is small.
+        cv::Mat diff, flat;
+        cv::absdiff(image(cv::Rect(4, 4, width - 8, 32)), truth(cv::Rect(4, 4, width - 8, 32)),
+                    diff);
+        diff.reshape(1, 1).convertTo(flat, CV_32F);
+        std::nth_element(flat.begin<float>(), flat.begin<float>() + flat.cols / 2,
+                         flat.end<float>());
+        EXPECT_LE(flat.at<float>(0, flat.cols / 2), bits == 8 ? 3 : 48)
+            << "algorithm " << algorithm << " bits " << bits << " width " << width;
+        const size_t rowBytes = static_cast<size_t>(width) * 3 * (bits == 8 ? 1 : 2);
+        for (int y = 0; y < 40; ++y) {
+          for (size_t x = rowBytes; x < out.stride; ++x) {
+            ASSERT_EQ(out.bytes[y * out.stride + x], 0xCD);
+          }
+        }
       }
     }
   }
+  VantixResult result = 0;
+  const Output packed =
+      run(vtest::randomImage(20, 101, CV_8UC1, 5), 8, VANTIX_BAYER_BGGR, 1, 0, &result);
+  EXPECT_EQ(packed.bytes[20 * 404], 0xCD);     // first byte past the image
+  EXPECT_EQ(packed.bytes[20 * 404 - 1], 255);  // alpha of the last pixel
 }
 
 TEST(Demosaic, DeepSamplesKeepTheirRange) {

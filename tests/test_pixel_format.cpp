@@ -11,11 +11,11 @@ using vantix::toOutputFormat;
 using vantix::toWorkingImage;
 
 TEST(PixelFormat, DefaultStrides) {
-  EXPECT_EQ(vantix::formatDefaultStride(0, 101), 304u);
-  EXPECT_EQ(vantix::formatDefaultStride(1, 101), 608u);  // 606 padded
-  EXPECT_EQ(vantix::formatDefaultStride(2, 101), 404u);
-  EXPECT_EQ(vantix::formatDefaultStride(3, 101), 808u);
-  EXPECT_EQ(vantix::formatDefaultStride(7, 101), 304u);  // unknown: as format 0
+  // Three-channel rows pad to 4 bytes (606 to 608); unknown formats are format 0.
+  const std::pair<uint32_t, uint32_t> strides[] = {
+      {0, 304}, {1, 608}, {2, 404}, {3, 808}, {7, 304}};
+  for (const auto& [format, stride] : strides)
+    EXPECT_EQ(vantix::formatDefaultStride(format, 101), stride);
 }
 
 TEST(PixelFormat, FormatZeroSharesTheHostPixelsAndUnknownFormatsBehaveAlike) {
@@ -77,8 +77,8 @@ TEST(PixelFormat, RoundTripOfEveryFormatKeepsAnEightBitImage) {
   for (uint32_t format = 0; format < 4; ++format) {
     cv::Mat out = toOutputFormat(format, working).clone();
     ASSERT_EQ(out.type(), vantix::formatMatType(format));
-    const cv::Mat back =
-        toWorkingImage(format, out.data, out.cols, out.rows, static_cast<uint32_t>(out.step[0]), true);
+    const cv::Mat back = toWorkingImage(format, out.data, out.cols, out.rows,
+                                        static_cast<uint32_t>(out.step[0]), true);
     EXPECT_EQ(cv::norm(back, working, cv::NORM_INF), 0.0) << "format " << format;
   }
 }

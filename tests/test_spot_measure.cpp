@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,6 +17,8 @@
 namespace {
 
 using spottest::Beam;
+using spottest::isZero;
+using spottest::sameRecord;
 using spottest::beamImage;
 using spottest::momentsOf;
 using spottest::relativeError;
@@ -48,11 +49,6 @@ std::vector<SpotResult> measureMany(CSpotSession& session, const cv::Mat& image)
   session.onFrame(image.data, image.cols, image.rows, bitsOf(image),
                   static_cast<uint32_t>(image.step), 1, out.data());
   return out;
-}
-
-bool isZero(const SpotResult& r) {
-  const SpotResult zero{};
-  return std::memcmp(&r, &zero, sizeof r) == 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -135,7 +131,7 @@ TEST(SingleSpot, BlackFrameKeepsTheRecordZeroesResultsAndRestartsTheAperture) {
 
   const cv::Mat black = cv::Mat::zeros(160, 200, CV_16UC1);
   const SpotResult after = measureFrames(session, black, 1, before);
-  EXPECT_EQ(std::memcmp(&after, &before, sizeof after), 0);
+  EXPECT_TRUE(sameRecord(after, before));
   EXPECT_TRUE(isZero(session.results()[0]));
   EXPECT_EQ(session.autoAperture().a, -1.0);
 
@@ -217,7 +213,7 @@ TEST(SingleSpot, RejectedApertureKeepsTheAutomaticOneAndResetRestoresIt) {
   EXPECT_TRUE(session.usesAutoAperture());
   EXPECT_EQ(session.angle(), 90.0);
   const SpotResult again = measureFrames(session, image, 3);
-  EXPECT_EQ(std::memcmp(&again, &automatic, sizeof again), 0);
+  EXPECT_TRUE(sameRecord(again, automatic));
 }
 
 TEST(SingleSpot, BeamInAnOffsetRoiIsMeasuredOnEveryFrame) {
@@ -252,18 +248,15 @@ TEST(SingleSpot, BeamInAnOffsetRoiIsMeasuredOnEveryFrame) {
 // Principal axes (ellipse mode)
 // ---------------------------------------------------------------------------
 
-TEST(EllipseMode, RoundSpotHasEqualDiametersAndAngleZero) {
-  // Symmetric about the centre pixel of a square frame: the moments are
-  // exactly equal and the cross moment exactly zero.
-  CSpotSession session(1, 0);
-  EXPECT_EQ(session.setEllipseMode(1), 0);
-  const SpotResult r = measureFrames(session, beamImage(101, 101, {50.0, 50.0, 6.0, 6.0, 0.0}), 3);
+TEST(EllipseMode, OrientationAndPrincipalDiametersOfTurnedBeams) {
+  // A round spot symmetric about the centre pixel of a square frame: the
+  // moments are exactly equal and the cross moment exactly zero.
+  CSpotSession round(1, 0);
+  EXPECT_EQ(round.setEllipseMode(1), 0);
+  const SpotResult r = measureFrames(round, beamImage(101, 101, {50.0, 50.0, 6.0, 6.0, 0.0}), 3);
   EXPECT_EQ(r.majorDiameter, r.minorDiameter);
   EXPECT_EQ(r.angle, 0.0);
-  EXPECT_EQ(session.setEllipseMode(0), 1);
-}
-
-TEST(EllipseMode, OrientationAndPrincipalDiametersOfTurnedBeams) {
+  EXPECT_EQ(round.setEllipseMode(0), 1);
   // The angle is counted counter-clockwise on screen (rows run down), so a
   // beam turned from +x toward +y by t reads -t.
   for (const double turn : {-60.0, -20.0, 25.0, 80.0}) {
@@ -302,15 +295,8 @@ TEST(FrameInput, GreyOfTheFourDepths) {
   EXPECT_EQ(g.at<uint16_t>(0, 1), 65535);
   EXPECT_EQ(g.at<uint16_t>(0, 2), 1);  // 1.001 truncated
 
-  // Anything else is refused, even a depth that a camera delivers.
-  for (const uint32_t bits : {0u, 1u, 12u, 32u, 64u}) {
-    try {
-      vantix::spotGreyFrame(bgr48, 1, 1, bits, 0, grey);
-      ADD_FAILURE() << bits;
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "Unsupported image depth");
-    }
-  }
+  // Other depths are refused with "Unsupported image depth" (tested through
+  // the pull, where the exception reaches the host).
 }
 
 TEST(FrameInput, EveryDepthAndPitchMeasuresTheSameBeam) {
@@ -525,24 +511,24 @@ TEST(MultiSpot, BoxesAreCutHalfWayBetweenNeighbours) {
 TEST(PseudoColour, EightAndSixteenBitFramesAreRewrittenAsPackedBgr) {
   CSpotSession session(1, 0);
   EXPECT_EQ(session.setPseudoColour(1), 0);
-  const vantix::SpotPalette& p = session.palette();
   const int width = 5, height = 9;  // 8-bit rows padded from 5 to 8 bytes
-
+  // Each pixel of `packed` is the palette entry of `index(x, y)`.
+  const auto expectPalette = [&](const std::vector<uint8_t>& packed, auto index) {
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width; ++x) {
+        const vantix::PaletteEntry& e = session.palette()[index(x, y)];
+        const uint8_t* px = &packed[(y * width + x) * 3];
+        ASSERT_EQ(cv::Vec3b(px[0], px[1], px[2]), cv::Vec3b(e.blue, e.green, e.red)) << x << "," << y;
+      }
+    }
+  };
   const cv::Mat grey8 = vtest::randomImage(height, width, CV_8UC1, 11);
   const uint32_t pitch8 = vantix::spotDefaultPitch(width, 8);
   std::vector<uint8_t> buffer(width * 3 * height);
   for (int y = 0; y < height; ++y) std::memcpy(&buffer[y * pitch8], grey8.ptr(y), width);
   SpotResult out{};
   session.onFrame(buffer.data(), width, height, 8, 0, 1, &out);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const vantix::PaletteEntry& e = p[grey8.at<uint8_t>(y, x)];
-      const uint8_t* px = &buffer[(y * width + x) * 3];
-      ASSERT_EQ(px[0], e.blue);
-      ASSERT_EQ(px[1], e.green);
-      ASSERT_EQ(px[2], e.red);
-    }
-  }
+  expectPalette(buffer, [&](int x, int y) { return grey8.at<uint8_t>(y, x); });
 
   // 16 bits from a 12-bit camera: the top eight of the twelve bits select.
   *session.rawBitDepthSlot() = 12;
@@ -550,14 +536,8 @@ TEST(PseudoColour, EightAndSixteenBitFramesAreRewrittenAsPackedBgr) {
   std::vector<uint8_t> words(width * 3 * height);
   for (int y = 0; y < height; ++y) std::memcpy(&words[y * 12], grey16.ptr(y), width * 2);
   session.onFrame(words.data(), width, height, 16, 12, 0, &out);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const vantix::PaletteEntry& e = p[(grey16.at<uint16_t>(y, x) >> 4) & 255];
-      const uint8_t* px = &words[(y * width + x) * 3];
-      ASSERT_EQ(px[0], e.blue);
-      ASSERT_EQ(px[2], e.red);
-    }
-  }
+  expectPalette(words, [&](int x, int y) { return (grey16.at<uint16_t>(y, x) >> 4) & 255; });
+
   // Deeper frames are left alone.
   std::vector<uint8_t> colour(width * height * 3, 77);
   const std::vector<uint8_t> before = colour;

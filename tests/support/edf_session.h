@@ -5,7 +5,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -15,6 +14,17 @@
 namespace vtest {
 
 class EdfHost {
+  template <typename F>
+  auto locked(F f) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return f();
+  }
+  template <typename F>
+  bool waitFor(F done) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), done);
+  }
+
  public:
   // The callbacks to hand to vantix_edf_new; the context is `this`.
   static void onFrame(void* context, uint32_t event, const uint8_t* data, uint32_t stride,
@@ -24,9 +34,8 @@ class EdfHost {
     host->events_.push_back(event);
     host->lastType_ = type;
     host->lastStride_ = stride;
-    const int cvType = static_cast<int>(type);
-    host->last_ = cv::Mat(static_cast<int>(height), static_cast<int>(width), cvType,
-                          const_cast<uint8_t*>(data), stride)
+    host->last_ = cv::Mat(static_cast<int>(height), static_cast<int>(width),
+                          static_cast<int>(type), const_cast<uint8_t*>(data), stride)
                       .clone();
     ++host->frames_;
     host->changed_.notify_all();
@@ -34,68 +43,40 @@ class EdfHost {
   }
   static void onError(void* context, uint32_t code) {
     auto* host = static_cast<EdfHost*>(context);
-    std::lock_guard<std::mutex> lock(host->mutex_);
-    host->errors_.push_back(code);
-    host->changed_.notify_all();
+    host->locked([&] {
+      host->errors_.push_back(code);
+      host->changed_.notify_all();
+    });
   }
 
   // Makes the next onFrame calls wait until release().
   void hold() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    holding_ = true;
+    locked([&] { holding_ = true; });
   }
   void release() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    holding_ = false;
+    locked([&] { holding_ = false; });
     changed_.notify_all();
   }
 
-  // Waits (up to 20 s) until `count` frames or `errorCount` errors arrived.
-  bool waitFrames(int count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return frames_ >= count; });
-  }
-  bool waitErrors(size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20),
-                             [&] { return errors_.size() >= count; });
-  }
+  // Wait (up to 20 s) until `count` frames or errors arrived.
+  bool waitFrames(int count) { return waitFor([&] { return frames_ >= count; }); }
+  bool waitErrors(size_t count) { return waitFor([&] { return errors_.size() >= count; }); }
 
-  int frames() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return frames_;
-  }
-  std::vector<uint32_t> errors() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return errors_;
-  }
-  cv::Mat last() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return last_.clone();
-  }
-  uint32_t lastType() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lastType_;
-  }
-  uint32_t lastStride() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lastStride_;
-  }
-  std::vector<uint32_t> events() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
+  int frames() { return locked([&] { return frames_; }); }
+  std::vector<uint32_t> errors() { return locked([&] { return errors_; }); }
+  std::vector<uint32_t> events() { return locked([&] { return events_; }); }
+  cv::Mat last() { return locked([&] { return last_.clone(); }); }
+  uint32_t lastType() { return locked([&] { return lastType_; }); }
+  uint32_t lastStride() { return locked([&] { return lastStride_; }); }
 
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
   bool holding_ = false;
   int frames_ = 0;
-  std::vector<uint32_t> events_;
-  std::vector<uint32_t> errors_;
+  std::vector<uint32_t> events_, errors_;
   cv::Mat last_;
-  uint32_t lastType_ = 0;
-  uint32_t lastStride_ = 0;
+  uint32_t lastType_ = 0, lastStride_ = 0;
 };
 
 // Pushes a CV_8UC3 / CV_16UC3 / CV_8UC4 / CV_16UC4 image with its own step.

@@ -33,17 +33,6 @@ inline cv::Mat edfSamplePhoto(const std::string& file, cv::Size size = cv::Size(
   return image;
 }
 
-// Depth 0..1 rising linearly from the left edge to the right edge.
-inline cv::Mat tiltedDepth(cv::Size size) {
-  cv::Mat depth(size, CV_32F);
-  for (int y = 0; y < size.height; ++y) {
-    for (int x = 0; x < size.width; ++x) {
-      depth.at<float>(y, x) = size.width > 1 ? static_cast<float>(x) / (size.width - 1) : 0.0f;
-    }
-  }
-  return depth;
-}
-
 // Depth in `steps` vertical bands of equal width, 0 on the left to 1 on the right.
 inline cv::Mat steppedDepth(cv::Size size, int steps) {
   cv::Mat depth(size, CV_32F);
@@ -53,6 +42,9 @@ inline cv::Mat steppedDepth(cv::Size size, int steps) {
   }
   return depth;
 }
+
+// Depth 0..1 rising linearly from the left edge to the right edge.
+inline cv::Mat tiltedDepth(cv::Size size) { return steppedDepth(size, size.width); }
 
 // The slice focused at depth `focus`: each pixel is the photograph blurred by
 // a Gaussian of sigma maxSigma * |depth - focus| (interpolated between

@@ -5,9 +5,11 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include <opencv2/core.hpp>
+#include <vantix.h>
 
 namespace spottest {
 
@@ -19,25 +21,23 @@ struct Beam {
   double peak = 4000; // 12-bit peak in 16-bit words
 };
 
-// Adds `beam` (rounded to whole counts) into a CV_16UC1 or CV_8UC1 image.
+// Adds `beam` (rounded to whole counts, saturating) into a CV_16UC1 or
+// CV_8UC1 image.
 inline void drawBeam(cv::Mat& image, const Beam& beam) {
   const double t = beam.angleDeg * CV_PI / 180.0;
   const double c = std::cos(t), s = std::sin(t);
+  cv::Mat sum;
+  image.convertTo(sum, CV_64F);
   for (int y = 0; y < image.rows; ++y) {
     for (int x = 0; x < image.cols; ++x) {
       const double dx = x - beam.cx, dy = y - beam.cy;
       const double u = c * dx + s * dy, v = -s * dx + c * dy;
-      const double value = beam.peak * std::exp(-0.5 * (u * u / (beam.sigma1 * beam.sigma1) +
-                                                        v * v / (beam.sigma2 * beam.sigma2)));
-      if (image.depth() == CV_16U) {
-        const double sum = image.at<uint16_t>(y, x) + std::round(value);
-        image.at<uint16_t>(y, x) = static_cast<uint16_t>(std::min(sum, 65535.0));
-      } else {
-        const double sum = image.at<uint8_t>(y, x) + std::round(value);
-        image.at<uint8_t>(y, x) = static_cast<uint8_t>(std::min(sum, 255.0));
-      }
+      sum.at<double>(y, x) += std::round(
+          beam.peak * std::exp(-0.5 * (u * u / (beam.sigma1 * beam.sigma1) +
+                                       v * v / (beam.sigma2 * beam.sigma2))));
     }
   }
+  sum.convertTo(image, image.type());
 }
 
 inline cv::Mat beamImage(int width, int height, const Beam& beam, int type = CV_16UC1) {
@@ -53,14 +53,9 @@ struct Moments {
   double dX() const { return 4.0 * std::sqrt(static_cast<double>(xx)); }
   double dY() const { return 4.0 * std::sqrt(static_cast<double>(yy)); }
   // Principal-axes 4-sigma diameters.
-  double dMajor() const {
-    const long double r = std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy);
-    return static_cast<double>(2 * std::sqrt(2 * (xx + yy + r)));
-  }
-  double dMinor() const {
-    const long double r = std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy);
-    return static_cast<double>(2 * std::sqrt(2 * (xx + yy - r)));
-  }
+  double dMajor() const { return static_cast<double>(2 * std::sqrt(2 * (xx + yy + spread()))); }
+  double dMinor() const { return static_cast<double>(2 * std::sqrt(2 * (xx + yy - spread()))); }
+  long double spread() const { return std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy); }
 };
 
 inline Moments momentsOf(const cv::Mat& image, cv::Rect rect = cv::Rect()) {
@@ -97,5 +92,11 @@ inline Moments momentsOf(const cv::Mat& image, cv::Rect rect = cv::Rect()) {
 inline double relativeError(double measured, double truth) {
   return std::fabs(measured - truth) / std::fabs(truth);
 }
+
+// Records equal byte for byte; a zero record.
+inline bool sameRecord(const SpotResult& a, const SpotResult& b) {
+  return std::memcmp(&a, &b, sizeof a) == 0;
+}
+inline bool isZero(const SpotResult& r) { return sameRecord(r, SpotResult{}); }
 
 }  // namespace spottest
