@@ -2,11 +2,7 @@
 // at known offsets.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -16,47 +12,23 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "support/cli_tool.h"
+
 namespace {
 
 namespace fs = std::filesystem;
+using vtest::ToolRun;
 
 constexpr char kPhoto[] = "/usr/share/doc/opencv-doc/examples/data/aloeL.jpg";
 
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::string quote(const std::string& arg) {
-  std::string quoted = "'";
-  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
-class CliStitch : public ::testing::Test {
+class CliStitch : public vtest::CliTest {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/vantix_cli_stitch_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
+    vtest::CliTest::SetUp();
     photo_ = cv::imread(kPhoto, cv::IMREAD_COLOR);
     ASSERT_FALSE(photo_.empty()) << "cannot read " << kPhoto
                                  << " (install Debian's opencv-doc package)";
   }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
-
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
 
   // Frames of 320 x 240 cut from the photo with their top-left corners at
   // `origin` + i * `step`; returns their paths.
@@ -70,20 +42,12 @@ class CliStitch : public ::testing::Test {
     return paths;
   }
 
-  ToolRun run(const std::vector<std::string>& args) const {
-    std::string command = quote(VANTIX_TOOL_PATH) + " stitch";
-    for (const std::string& arg : args) command += " " + quote(arg);
-    command += " >" + quote(path("stdout.txt")) + " 2>" + quote(path("stderr.txt"));
-    const int status = std::system(command.c_str());
-    ToolRun result;
-    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) result.status = 128 + WTERMSIG(status);
-    result.out = slurp(path("stdout.txt"));
-    result.err = slurp(path("stderr.txt"));
-    return result;
+  // "vantix stitch ARGS...".
+  ToolRun run(std::vector<std::string> args) const {
+    args.insert(args.begin(), "stitch");
+    return vtest::CliTest::run(args);
   }
 
-  fs::path dir_;
   cv::Mat photo_;
 };
 
