@@ -74,10 +74,7 @@ struct Host {
     h->cv.notify_all();
   }
 
-  size_t frameCount() {
-    std::lock_guard<std::mutex> lock(m);
-    return frames.size();
-  }
+  size_t frameCount() { return snapshot(frames).size(); }
   bool waitFrames(size_t n, std::chrono::milliseconds limit = 20s) {
     std::unique_lock<std::mutex> lock(m);
     return cv.wait_for(lock, limit, [&] { return frames.size() >= n; });
@@ -101,22 +98,22 @@ struct Host {
     gateClosed = false;
     cv.notify_all();
   }
-  std::vector<uint32_t> eventList() {
+  std::vector<uint32_t> eventList() { return snapshot(events); }
+  std::vector<FrameCall> frameList() { return snapshot(frames); }
+  template <typename T>
+  T snapshot(const T& field) {
     std::lock_guard<std::mutex> lock(m);
-    return events;
-  }
-  std::vector<FrameCall> frameList() {
-    std::lock_guard<std::mutex> lock(m);
-    return frames;
+    return field;
   }
 };
 
+cv::Mat grey(int level) { return cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(level)); }
+
 class StitchSession : public ::testing::Test {
- protected:
+ public:
   void SetUp() override { vantix_init(&hostAlloc); }
-  VantixStitch* make(Host& host, uint32_t w, uint32_t h, uint32_t background = 0,
-                     uint32_t format = 0) {
-    host.session = vantix_stitch_newV3(format, 0, w, h, background, 2, 2, &Host::onFrame,
+  static VantixStitch* make(Host& host, uint32_t w, uint32_t h, uint32_t background = 0) {
+    host.session = vantix_stitch_newV3(0, 0, w, h, background, 2, 2, &Host::onFrame,
                                        &Host::onEvent, &host);
     return host.session;
   }
@@ -150,20 +147,16 @@ TEST_F(StitchSession, CreationNeedsTheAllocatorAndNullSessionsFollowTheRules) {
   EXPECT_EQ(x + y + w + h, 28u);
   vantix_stitch_delete(nullptr);
 
+  // The scale and strictness levels reach the worker; the first version
+  // uses the default scale.
   VantixStitch* low = vantix_stitch_newV3(0, 0, 640, 480, 0, 0, 4, &Host::onFrame, nullptr, &host);
   ASSERT_NE(low, nullptr);
   EXPECT_EQ(proc(low)->scalePercent(), 10);
-  EXPECT_FLOAT_EQ(proc(low)->minSharpness(), 0.1f);
   EXPECT_FLOAT_EQ(proc(low)->minMatch(), 0.95f);
-  EXPECT_EQ(proc(low)->geometry().sizeStep, 120);
-  EXPECT_EQ(proc(low)->geometry().templateSide, 300);
   vantix_stitch_delete(low);
   VantixStitch* hd = vantix_stitch_new(0, 1920, 1080, 2, &Host::onFrame, nullptr, &host);
   ASSERT_NE(hd, nullptr);
   EXPECT_EQ(proc(hd)->scalePercent(), 20);
-  EXPECT_EQ(proc(hd)->geometry().sizeStep, 190);
-  EXPECT_EQ(proc(hd)->geometry().templateSide, 300);
-  EXPECT_EQ(proc(hd)->geometry().searchSide, 570);
   vantix_stitch_delete(hd);
 }
 
@@ -178,17 +171,10 @@ TEST_F(StitchSession, SmallFrameWorkedExample) {
   EXPECT_EQ(proc(s)->queuedFrames(), 0u);
   vantix_stitch_start(s);
   pushAndWait(host, s, frame);
-  const FrameCall first = host.frameList().at(0);
-  EXPECT_EQ(first.x, 200);
-  EXPECT_EQ(first.y, 100);
-  EXPECT_EQ(first.mode, 1u);
-  EXPECT_EQ(first.canvasWidth, 400u);
-  EXPECT_EQ(first.canvasHeight, 200u);
-  EXPECT_EQ(first.stride, 1200u);
-  EXPECT_EQ(first.frameWidth, 100u);
-  EXPECT_EQ(first.frameHeight, 50u);
-  EXPECT_EQ(first.type, static_cast<uint32_t>(CV_8UC3));
-  EXPECT_EQ(first.reset, 1u);
+  const FrameCall f = host.frameList().at(0);
+  EXPECT_EQ(std::vector<int64_t>({f.x, f.y, f.mode, f.canvasWidth, f.canvasHeight, f.stride,
+                                  f.frameWidth, f.frameHeight, f.type, f.reset}),
+            std::vector<int64_t>({200, 100, 1, 400, 200, 1200, 100, 50, CV_8UC3, 1}));
   uint32_t x, y, w, h;
   vantix_stitch_cropparams(s, &x, &y, &w, &h);
   EXPECT_EQ(cv::Rect(x, y, w, h), cv::Rect(200, 100, 100, 50));
@@ -196,12 +182,9 @@ TEST_F(StitchSession, SmallFrameWorkedExample) {
   EXPECT_EQ(vantix_stitch_stop(s, 0, 0), nullptr);
   VantixImageHeader* whole = vantix_stitch_stop(s, 1, 0);
   ASSERT_NE(whole, nullptr);
-  EXPECT_EQ(whole->biSize, 40u);
-  EXPECT_EQ(whole->biWidth, 400);
-  EXPECT_EQ(whole->biHeight, 200);
-  EXPECT_EQ(whole->biPlanes, 1);
-  EXPECT_EQ(whole->biBitCount, 24);
-  EXPECT_EQ(whole->biSizeImage, 1200u * 200u);
+  EXPECT_EQ(std::vector<int64_t>({whole->biSize, whole->biWidth, whole->biHeight, whole->biPlanes,
+                                  whole->biBitCount, whole->biSizeImage}),
+            std::vector<int64_t>({40, 400, 200, 1, 24, 1200 * 200}));
   const cv::Mat wholeImage(200, 400, CV_8UC3, reinterpret_cast<uint8_t*>(whole) + 40, 1200);
   // The first frame is drawn as it is at (200, 100), on the checkerboard.
   EXPECT_EQ(cv::norm(wholeImage(cv::Rect(200, 100, 100, 50)), frame, cv::NORM_INF), 0.0);
@@ -222,19 +205,25 @@ TEST_F(StitchSession, SmallFrameWorkedExample) {
   vantix_stitch_delete(s);
 }
 
-TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
-  Host host;
-  VantixStitch* s = make(host, 64, 48, 1);
-  ASSERT_NE(s, nullptr);
-  // The score of a frame is its grey level / 100, so each frame says which
-  // it is.
-  proc(s)->setScoreFunction([](const cv::Mat& small) { return cv::mean(small)[0] / 100.0; });
+// A running session whose score is the frame's grey level / 100 (so each
+// frame says which it is), its worker held in the callback of a first frame.
+VantixStitch* startHeld(Host& host) {
+  VantixStitch* s = StitchSession::make(host, 64, 48, 1);
+  if (s == nullptr) return nullptr;
+  StitchSession::proc(s)->setScoreFunction(
+      [](const cv::Mat& small) { return cv::mean(small)[0] / 100.0; });
   vantix_stitch_start(s);
   host.closeGate();
-  push(s, cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(90)));
-  ASSERT_TRUE(host.waitBlocked());
+  StitchSession::push(s, grey(90));
+  return host.waitBlocked() ? s : nullptr;
+}
+
+TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
+  Host host;
+  VantixStitch* s = startHeld(host);
+  ASSERT_NE(s, nullptr);
   for (int i = 0; i < 25; ++i) {
-    push(s, cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(10 + i)));
+    push(s, grey(10 + i));
     EXPECT_LE(proc(s)->queuedFrames(), 21u);
   }
   EXPECT_EQ(proc(s)->queuedFrames(), 21u);
@@ -246,15 +235,9 @@ TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
   // Scores 0.5, 0.7, 0.7: the second is processed, the first two removed,
   // the third stays queued.
   Host host2;
-  VantixStitch* t = make(host2, 64, 48, 1);
-  proc(t)->setScoreFunction([](const cv::Mat& small) { return cv::mean(small)[0] / 100.0; });
-  vantix_stitch_start(t);
-  host2.closeGate();
-  push(t, cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(90)));
-  ASSERT_TRUE(host2.waitBlocked());
-  push(t, cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(50)));
-  push(t, cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(70)));
-  push(t, cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(70)));
+  VantixStitch* t = startHeld(host2);
+  ASSERT_NE(t, nullptr);
+  for (int level : {50, 70, 70}) push(t, grey(level));
   host2.letOneThrough();
   ASSERT_TRUE(host2.waitFrames(2));
   ASSERT_TRUE(host2.waitBlocked());
