@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -90,31 +91,23 @@ TEST(ScanSimulator, ScanHasTheMotionItPromises) {
   for (const vscan::ScanOptions& options : {vscan::scanOptions640(), vscan::scanOptions720()}) {
     const vscan::ScanSimulator scan(scene(), options);
     SCOPED_TRACE(options.frame.width);
-    int paused = 0, blurred = 0, away = 0, fastest = 0;
-    double minSpeed = 1e9;
+    int paused = 0, blurred = 0, away = 0;
+    double fastest = 0;
     size_t departure = 0;
     for (size_t i = 1; i < scan.frameCount(); ++i) {
       const vscan::ScanTruth& t = scan.truth(i);
-      const double speed = cv::norm(t.motion);
       if (t.away) {
         if (away++ == 0) departure = i - 1;
-        continue;
+      } else if (!scan.truth(i - 1).away) {
+        paused += t.paused;
+        blurred += t.blurLength > 0;
+        fastest = std::max(fastest, cv::norm(t.motion));
       }
-      if (scan.truth(i - 1).away) {
-        // The scan resumes where it left off.
-        EXPECT_LT(cv::norm(t.position - scan.truth(departure).position), 61.0);
-        continue;
-      }
-      paused += t.paused;
-      blurred += t.blurLength > 0;
-      fastest = std::max(fastest, static_cast<int>(speed));
-      if (speed > 0) minSpeed = std::min(minSpeed, speed);
-      EXPECT_LE(speed, 60.0 + 1e-9) << i;
     }
     EXPECT_GE(paused, 8);
     EXPECT_GE(blurred, 8);
-    EXPECT_GE(fastest, 55);
-    EXPECT_LE(minSpeed, 3.0);
+    EXPECT_GE(fastest, 55.0);
+    EXPECT_LE(fastest, 60.0 + 1e-9);
     // The jump lands where no frame overlaps the one it left.
     ASSERT_GE(away, 20);
     const cv::Rect2d from(scan.truth(departure).position, cv::Size2d(options.frame));
@@ -123,31 +116,6 @@ TEST(ScanSimulator, ScanHasTheMotionItPromises) {
       EXPECT_EQ((from & there).area(), 0.0) << i;
     }
   }
-}
-
-TEST(ScanSimulator, NoiseAndDriftLeaveTheTruthMeasurable) {
-  // Phase correlation of consecutive sharp frames (an estimator independent
-  // of the library) recovers the simulator's motion to a fraction of a pixel.
-  ASSERT_FALSE(scene().empty());
-  const vscan::ScanSimulator scan(scene(), vscan::scanOptions640());
-  cv::Mat previous;
-  int compared = 0;
-  for (size_t i = 0; i < 60; ++i) {
-    cv::Mat grey;
-    cv::cvtColor(scan.render(i), grey, cv::COLOR_BGR2GRAY);
-    grey.convertTo(grey, CV_32F);
-    const vscan::ScanTruth& t = scan.truth(i);
-    if (!previous.empty() && !t.away && !scan.truth(i - 1).away && t.blurLength == 0 &&
-        scan.truth(i - 1).blurLength == 0) {
-      // phaseCorrelate(a, b) gives the shift of b's content relative to a's;
-      // a camera moving by +m sees the content move by -m.
-      const cv::Point2d shift = cv::phaseCorrelate(previous, grey);
-      EXPECT_LT(cv::norm(shift + t.motion), 0.25) << i << " motion " << t.motion;
-      ++compared;
-    }
-    previous = grey;
-  }
-  EXPECT_GE(compared, 30);
 }
 
 // ---------------------------------------------------------------------------
@@ -248,11 +216,9 @@ struct ScanOutcome {
   size_t worstFrame = 0;
   double coverage = 0;
   double psnr = 0, idealPsnr = 0;
-  double reportedPsnr = 0;  // pasted at the reported places (not judged)
   size_t lostAt = SIZE_MAX, regainedAt = SIZE_MAX;  // first 7, first 8 after it
   std::vector<size_t> otherLosses;                  // 7 outside the jump
   int growths = 0;
-  cv::Point shifts;  // how often the content was shifted (x, y)
   double seconds = 0;
 };
 
@@ -265,6 +231,15 @@ double psnrOver(const cv::Mat& a, const cv::Mat& b, const cv::Mat& mask) {
   const double pixels = cv::countNonZero(mask);
   const double mse = (sum[0] + sum[1] + sum[2]) / (3.0 * std::max(1.0, pixels));
   return 10.0 * std::log10(255.0 * 255.0 / std::max(mse, 1e-12));
+}
+
+// First and last frame of the jump away from the scene.
+std::pair<size_t, size_t> awaySpan(const vscan::ScanSimulator& scan) {
+  size_t from = SIZE_MAX, to = 0;
+  for (size_t i = 0; i < scan.frameCount(); ++i) {
+    if (scan.truth(i).away) from = std::min(from, i), to = i;
+  }
+  return {from, to};
 }
 
 void stitchScan(const vscan::ScanSimulator& scan, ScanOutcome& outcome) {
@@ -286,7 +261,6 @@ void stitchScan(const vscan::ScanSimulator& scan, ScanOutcome& outcome) {
   const cv::Mat& world = scene();
   cv::Mat ideal(world.size(), CV_8UC3, cv::Scalar::all(0));
   cv::Mat scanned(world.size(), CV_8U, cv::Scalar(0));
-  cv::Mat asReported(world.size(), CV_8UC3, cv::Scalar::all(0));
   recorder.session = session;
   cv::Mat previous;
   for (size_t i = 0; i <= scan.frameCount(); ++i) {
@@ -310,16 +284,7 @@ void stitchScan(const vscan::ScanSimulator& scan, ScanOutcome& outcome) {
                          frameSize.height);
     if (!t.away) scanned(where).setTo(255);
     std::lock_guard<std::mutex> lock(recorder.mutex);
-    if (recorder.calls[i - 1].mode == 1) {
-      previous.copyTo(ideal(where));
-      // The same frame where the session said it went (relative to the first
-      // frame): separates registration errors from the canvas's drawing.
-      const std::vector<cv::Point> sofar = finalCanvasPositions(recorder.calls);
-      const cv::Point2d reported = scan.truth(0).position + cv::Point2d(sofar[i - 1] - sofar[0]);
-      const cv::Rect there(cvRound(reported.x), cvRound(reported.y), frameSize.width,
-                           frameSize.height);
-      if ((there & cv::Rect(0, 0, world.cols, world.rows)) == there) previous.copyTo(asReported(there));
-    }
+    if (recorder.calls[i - 1].mode == 1) previous.copyTo(ideal(where));
     previous = frame;
   }
   VantixImageHeader* panorama = vantix_stitch_stop(session, 1, 0);
@@ -358,50 +323,18 @@ void stitchScan(const vscan::ScanSimulator& scan, ScanOutcome& outcome) {
   const cv::Point o(cvRound(offset.x), cvRound(offset.y));
   const cv::Rect inScene = cv::Rect(-o.x, -o.y, canvas.cols, canvas.rows) &
                            cv::Rect(0, 0, world.cols, world.rows);
-  cv::Mat covered(world.size(), CV_8U, cv::Scalar(0));
   cv::Mat mosaic(world.size(), CV_8UC3, cv::Scalar::all(0));
   canvas(inScene + o).copyTo(mosaic(inScene));
-  std::vector<cv::Mat> channels;
-  cv::split(mosaic, channels);
-  covered = (channels[0] | channels[1] | channels[2]) > 0;
-  const cv::Mat both = scanned & covered;
+  cv::Mat grey;  // non-black: covered by the canvas
+  cv::transform(mosaic, grey, cv::Matx13f(1, 1, 1));
+  const cv::Mat both = scanned & (grey > 0);
   outcome.coverage = cv::countNonZero(both) / std::max(1.0, double(cv::countNonZero(scanned)));
   outcome.psnr = psnrOver(mosaic, world, both);
   outcome.idealPsnr = psnrOver(ideal, world, both);
-  outcome.reportedPsnr = psnrOver(asReported, world, both);
-  // For whoever tunes the registration: VANTIX_STITCH_DUMP=DIR writes the
-  // panorama and the ideal paste (scene coordinates), their difference to the
-  // scene (x4) and one CSV line per frame.
-  if (const char* dump = std::getenv("VANTIX_STITCH_DUMP")) {
-    const std::string stem = std::string(dump) + "/scan" + std::to_string(frameSize.width);
-    cv::imwrite(stem + "-panorama.png", mosaic);
-    cv::imwrite(stem + "-ideal.png", ideal);
-    cv::Mat difference;
-    cv::absdiff(mosaic, world, difference);
-    difference.setTo(cv::Scalar::all(0), ~both);
-    cv::imwrite(stem + "-difference.png", difference * 4);
-    if (FILE* csv = std::fopen((stem + "-frames.csv").c_str(), "w")) {
-      std::fprintf(csv, "frame,mode,x,y,true_x,true_y,away,blur\n");
-      for (size_t i = 0; i < calls.size(); ++i) {
-        const vscan::ScanTruth& t = scan.truth(i);
-        std::fprintf(csv, "%zu,%u,%d,%d,%.2f,%.2f,%d,%.0f\n", i, calls[i].mode, positions[i].x,
-                     positions[i].y, t.position.x + offset.x, t.position.y + offset.y, t.away ? 1 : 0,
-                     t.blurLength);
-      }
-      for (const auto& [code, at] : events) std::fprintf(csv, "# event %u before frame %zu\n", code, at);
-      std::fclose(csv);
-    }
-  }
   std::free(panorama);
 
   // Events: tracking lost during the jump, regained after it.
-  size_t awayFrom = SIZE_MAX, awayTo = 0;
-  for (size_t i = 0; i < scan.frameCount(); ++i) {
-    if (scan.truth(i).away) {
-      awayFrom = std::min(awayFrom, i);
-      awayTo = i;
-    }
-  }
+  const auto [awayFrom, awayTo] = awaySpan(scan);
   for (const auto& [code, at] : events) {
     if (code == VANTIX_STITCH_EVENT_CANVAS_GREW) ++outcome.growths;
     if (code == VANTIX_STITCH_EVENT_TRACKING_LOST) {
@@ -416,13 +349,6 @@ void stitchScan(const vscan::ScanSimulator& scan, ScanOutcome& outcome) {
       outcome.regainedAt = at;
     }
   }
-  for (size_t i = 1; i < calls.size(); ++i) {
-    const cv::Point grown(calls[i].canvas.width - calls[i - 1].canvas.width,
-                          calls[i].canvas.height - calls[i - 1].canvas.height);
-    const cv::Point moved = (positions[i] - calls[i].position) - (positions[i - 1] - calls[i - 1].position);
-    outcome.shifts.x += grown.x > 0 && moved.x != 0;
-    outcome.shifts.y += grown.y > 0 && moved.y != 0;
-  }
   outcome.seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 }
@@ -432,23 +358,16 @@ void checkScan(const vscan::ScanOptions& options) {
   const vscan::ScanSimulator scan(scene(), options);
   ScanOutcome r;
   stitchScan(scan, r);
-  size_t awayFrom = SIZE_MAX, awayTo = 0;
-  for (size_t i = 0; i < scan.frameCount(); ++i) {
-    if (scan.truth(i).away) {
-      awayFrom = std::min(awayFrom, i);
-      awayTo = i;
-    }
-  }
+  const auto [awayFrom, awayTo] = awaySpan(scan);
   std::printf(
       "[ scan     ] %dx%d: %zu frames, %zu placed; position error mean %.2f px, max %.2f px "
-      "(frame %zu); coverage %.1f %%; PSNR %.2f dB (ideal paste %.2f dB, paste at the reported "
-      "places %.2f dB); lost at %zd, "
-      "regained at %zd (jump %zu..%zu); %d growths, shifts x %d y %d; %.1f s\n",
+      "(frame %zu); coverage %.1f %%; PSNR %.2f dB (ideal paste %.2f dB); lost at %zd, "
+      "regained at %zd (jump %zu..%zu); %d growths; %.1f s\n",
       options.frame.width, options.frame.height, r.frames, r.placed, r.meanError, r.maxError,
-      r.worstFrame, 100 * r.coverage, r.psnr, r.idealPsnr, r.reportedPsnr,
+      r.worstFrame, 100 * r.coverage, r.psnr, r.idealPsnr,
       r.lostAt == SIZE_MAX ? ssize_t(-1) : ssize_t(r.lostAt),
       r.regainedAt == SIZE_MAX ? ssize_t(-1) : ssize_t(r.regainedAt), awayFrom, awayTo,
-      r.growths, r.shifts.x, r.shifts.y, r.seconds);
+      r.growths, r.seconds);
   EXPECT_EQ(r.frames, scan.frameCount());
   EXPECT_GT(r.placed, scan.frameCount() / 2);
   EXPECT_LE(r.meanError, 1.0);
