@@ -83,19 +83,12 @@ struct Host {
     std::unique_lock<std::mutex> lock(m);
     return cv.wait_for(lock, 20s, [&] { return blocked; });
   }
-  void closeGate() {
+  // Closes or opens the gate; `pass` more callbacks may go through a closed one.
+  void gate(bool closed, int pass = 0) {
     std::lock_guard<std::mutex> lock(m);
-    gateClosed = true;
-  }
-  void letOneThrough() {
-    std::lock_guard<std::mutex> lock(m);
+    gateClosed = closed;
+    passes += pass;
     blocked = false;
-    ++passes;
-    cv.notify_all();
-  }
-  void openGate() {
-    std::lock_guard<std::mutex> lock(m);
-    gateClosed = false;
     cv.notify_all();
   }
   std::vector<uint32_t> eventList() { return snapshot(events); }
@@ -213,7 +206,7 @@ VantixStitch* startHeld(Host& host) {
   StitchSession::proc(s)->setScoreFunction(
       [](const cv::Mat& small) { return cv::mean(small)[0] / 100.0; });
   vantix_stitch_start(s);
-  host.closeGate();
+  host.gate(true);
   StitchSession::push(s, grey(90));
   return host.waitBlocked() ? s : nullptr;
 }
@@ -229,7 +222,7 @@ TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
   EXPECT_EQ(proc(s)->queuedFrames(), 21u);
   // Drain: frames 4..24 remain (grey 14..34); the worker takes the best of
   // the six oldest each pass.
-  host.openGate();
+  host.gate(false);
   vantix_stitch_stop(s, 0, 0);
 
   // Scores 0.5, 0.7, 0.7: the second is processed, the first two removed,
@@ -238,14 +231,14 @@ TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
   VantixStitch* t = startHeld(host2);
   ASSERT_NE(t, nullptr);
   for (int level : {50, 70, 70}) push(t, grey(level));
-  host2.letOneThrough();
+  host2.gate(true, 1);
   ASSERT_TRUE(host2.waitFrames(2));
   ASSERT_TRUE(host2.waitBlocked());
   // Had the equal third frame won, nothing would be left.
   EXPECT_EQ(proc(t)->queuedFrames(), 1u);
   const auto frames = host2.frameList();
   EXPECT_NEAR(frames[1].score, 0.7, 0.001);
-  host2.openGate();
+  host2.gate(false);
   ASSERT_TRUE(host2.waitFrames(3));
   vantix_stitch_stop(t, 0, 0);
   const auto all = host2.frameList();
