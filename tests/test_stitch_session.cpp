@@ -430,31 +430,4 @@ TEST_F(StitchSession, ABlurredFrameIsReportedWhereItLiesButNotDrawn) {
   vantix_stitch_delete(s);
 }
 
-TEST_F(StitchSession, TrackingIsLostOnUnrelatedFramesAndRegainedOnReturn) {
-  const cv::Mat scene = vtest::texturedScene(1110, 1282, 4);
-  Host host;
-  VantixStitch* s = make(host, 320, 240, 1);
-  vantix_stitch_start(s);
-  for (int i = 0; i < 3; ++i)
-    pushAndWait(host, s, scene(cv::Rect(500 + 10 * i, 500, 320, 240)).clone());
-  // The view leaves the scene: nine frames of nothing that matches are
-  // rejected, the tenth declares the track lost.
-  for (int i = 0; i < 9; ++i) pushAndWait(host, s, vtest::randomImage(240, 320, CV_8UC3, 50 + i));
-  EXPECT_EQ(host.eventList(), std::vector<uint32_t>{});
-  pushAndWait(host, s, vtest::randomImage(240, 320, CV_8UC3, 70));
-  EXPECT_EQ(host.eventList(), std::vector<uint32_t>{7u});
-  EXPECT_EQ(proc(s)->state(), 2u);
-  // Back over the scene: regained.
-  pushAndWait(host, s, scene(cv::Rect(522, 503, 320, 240)).clone());
-  vantix_stitch_stop(s, 0, 0);
-  EXPECT_EQ(host.eventList(), (std::vector<uint32_t>{7u, 8u}));
-  EXPECT_EQ(proc(s)->state(), 1u);
-  const auto frames = host.frameList();
-  EXPECT_EQ(frames.back().mode, 1u);
-  EXPECT_NEAR(frames.back().x, 640 + 22, 1);
-  EXPECT_NEAR(frames.back().y, 480 + 3, 1);
-  for (size_t i = 3; i + 1 < frames.size(); ++i) EXPECT_NE(frames[i].mode, 1u) << i;
-  vantix_stitch_delete(s);
-}
-
 }  // namespace
