@@ -301,20 +301,11 @@ TEST_F(StitchSession, StartStopDeleteInEveryOrder) {
   }
 }
 
-TEST_F(StitchSession, CallbacksRunWithoutASessionLockHeld) {
-  Host host;
-  host.readInsideCallback = true;
-  VantixStitch* s = make(host, 64, 48);
-  vantix_stitch_start(s);
-  for (int i = 0; i < 4; ++i)
-    pushAndWait(host, s, vtest::randomImage(48, 64, CV_8UC3, 100 + i));
-  vantix_stitch_stop(s, 0, 0);
-  EXPECT_EQ(host.callbackReads.load(), 4);
-  vantix_stitch_delete(s);
-}
-
+// The callbacks also read the session, which would never return if the
+// worker called back with a session lock held.
 TEST_F(StitchSession, AFailingFrameStopsTheWorkerAndTheSessionResumes) {
   Host host;
+  host.readInsideCallback = true;
   VantixStitch* s = make(host, 64, 48);
   vantix_stitch_start(s);
   pushAndWait(host, s, vtest::randomImage(48, 64, CV_8UC3, 1));
@@ -327,6 +318,7 @@ TEST_F(StitchSession, AFailingFrameStopsTheWorkerAndTheSessionResumes) {
   vantix_stitch_start(s);
   pushAndWait(host, s, vtest::randomImage(48, 64, CV_8UC3, 1));
   vantix_stitch_stop(s, 0, 0);
+  EXPECT_EQ(host.callbackReads.load(), 2);
   vantix_stitch_delete(s);
 }
 
