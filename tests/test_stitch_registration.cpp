@@ -122,19 +122,6 @@ TEST(StitchRegistration, MeasuresKnownShifts) {
   }
 }
 
-TEST(StitchRegistration, UnrelatedFramesAreNotConfident) {
-  const cv::Mat scene = vtest::stitchPhoto("aloeL.jpg");
-  ASSERT_FALSE(scene.empty());
-  Registrar r(320, 240);
-  const cv::Mat ref = vtest::viewAt(scene, 0, 0, 320, 240);
-  const cv::Mat elsewhere = vtest::viewAt(scene, 900, 800, 320, 240);
-  const Measurement m = r.measure(elsewhere, ref);
-  TrackingState s = running();
-  bool lost = false;
-  EXPECT_NE(vantix::decideRegistration(s, m, 0.5, 0.06f, 0.9f, cv::Size(320, 240), lost), 1);
-  EXPECT_FALSE(s.tracking);
-}
-
 TEST(StitchRegistration, SubPixelPeaksOfAMatchSurface) {
   // A smooth peak centred between pixels.
   cv::Mat surface(21, 21, CV_32F);
