@@ -207,6 +207,17 @@ void spanSums(const T* row, int first, int last, int x0, double& r0, double& r1,
   r2 = a2 + b2;
 }
 
+// Adds one row's sums (of I, dx I and dx^2 I) to the central sums, the row
+// lying dy below the reference.
+void addRow(CentralSums& t, double dy, double r0, double r1, double r2) {
+  t.t0 += r0;
+  t.tx += r1;
+  t.txx += r2;
+  t.ty += dy * r0;
+  t.tyy += dy * dy * r0;
+  t.txy += dy * r1;
+}
+
 // Sums over the pixels inside an ellipse, about the reference (x0, y0) in
 // view coordinates.
 template <typename T, bool kPositiveOnly>
@@ -218,13 +229,7 @@ CentralSums ellipseSums(const cv::Mat& view, const Ellipse& e, int offsetX, int 
     if (!ellipseRowSpan(e, y, view.cols, offsetX, offsetY, first, last)) continue;
     double r0 = 0, r1 = 0, r2 = 0;
     spanSums<T, kPositiveOnly>(view.ptr<T>(y), first, last, x0, r0, r1, r2);
-    const double dy = static_cast<double>(y - y0);
-    t.t0 += r0;
-    t.tx += r1;
-    t.txx += r2;
-    t.ty += dy * r0;
-    t.tyy += dy * dy * r0;
-    t.txy += dy * r1;
+    addRow(t, static_cast<double>(y - y0), r0, r1, r2);
   }
   return t;
 }
@@ -258,13 +263,7 @@ CentralSums boxSums(const cv::Mat& view, const std::vector<SpotRun>& runs,
       cursor = run.last + 1;
     }
     addSpan(cursor, end - 1);
-    const double dy = static_cast<double>(y - y0);
-    t.t0 += r0;
-    t.tx += r1;
-    t.txx += r2;
-    t.ty += dy * r0;
-    t.tyy += dy * dy * r0;
-    t.txy += dy * r1;
+    addRow(t, static_cast<double>(y - y0), r0, r1, r2);
   }
   return t;
 }
