@@ -154,10 +154,11 @@ class StitchSession(Session):
 
     def stop(self, cropped=True):
         """Stops the worker (frames already placed are drawn first) and
-        returns the panorama as a (height, width, 3) uint8 B G R array, rows
-        in canvas order (the pushed frames' row order): the covered rectangle
-        when `cropped`, else the whole canvas; None when nothing is covered.
-        A later start() continues the panorama."""
+        returns the panorama as a (height, width, 3) uint8 B G R array (the
+        canvas is 8-bit whatever the frame format), rows in canvas order (the
+        pushed frames' row order): the covered rectangle when `cropped`, else
+        the whole canvas; None when nothing is covered.  A later start()
+        continues the panorama."""
         self._refuse_in_callback("stop")
         handle = self._enter()
         try:
@@ -168,6 +169,16 @@ class StitchSession(Session):
             self._leave()
         if not image:
             return None
+        if self.format != 0:
+            # The library copies the panorama at 3 bytes a pixel whatever the
+            # canvas's pixel size, so with the 4-byte canvas of formats 1..3
+            # its image is not usable.  The stop above has waited until
+            # every placed frame was drawn; the same rectangle is read at
+            # its own size (a plain copy) through readdata instead.
+            _native.free(image)
+            rect = self.crop_rect() if cropped else (0, 0) + tuple(self.canvas_size())
+            view = self.readdata(rect[2], rect[3], roi=rect, timeout=5.0)
+            return None if view is None else np.ascontiguousarray(view[:, :, :3])
         try:
             header = image.contents
             width, height = header.biWidth, header.biHeight
