@@ -109,7 +109,8 @@ class SpotSession(Session):
         with ``_as_parameter_``); size: its frame size (width, height),
         default ``camera.size``; bits: 8, 16 (grey), 24 or 48 (B G R).
         Returns a list of spot_count SpotMeasurement (ordered by centre x
-        with several spots), or None when `measure` is false.  Raises
+        with several spots, missing spots all zero at the end), or None when
+        `measure` is false.  A frame without signal gives all-zero records.  Raises
         VantixError with the SDK's code when the pull fails.
         """
         if measure and bits not in MEASURED_BITS:
@@ -120,6 +121,10 @@ class SpotSession(Session):
         cam = camera_handle(camera)
         buffer, pitch = frame_buffer(width, height, bits, row_pitch)
         info = _native.FrameInfoV2()
+        # The library leaves a record untouched for a frame without signal;
+        # starting from zeros makes such a frame read as total 0, like the
+        # empty records of the several-spot measurement.
+        ctypes.memset(self._records, 0, ctypes.sizeof(self._records))
         handle = self._enter()
         try:
             code = lib.vantix_spot_pull(handle, cam, 1 if measure else 0, pointer(buffer),
