@@ -166,7 +166,7 @@ def test_sessions_closed_or_collected_while_running():
     for how in ("close", "release", "cycle"):
         holder = {}
         session = vantix.StitchSession(
-            W, H, callback=(lambda item: holder["s"].running) if how == "cycle" else None)
+            W, H, callback=(lambda item, h=holder: h["s"].running) if how == "cycle" else None)
         holder["s"] = session  # with the callback: a cycle only the collector frees
         session.start()
         for frame in frames:

@@ -139,62 +139,6 @@ class Session:
             raise RuntimeError(f"{what} cannot be called from a session callback "
                                "(it would wait for the thread running the callback)")
 
-    # -- events -------------------------------------------------------------
-
-    def events(self, timeout=1.0):
-        """Yields callback results in arrival order until none arrives for
-        `timeout` seconds (0: only those already waiting).  Empty when the
-        session was created with a callback.  Re-raises a callback error."""
-        while True:
-            self._raise_pending()
-            try:
-                item = self._bridge.queue.get(timeout=timeout) if timeout > 0 \
-                    else self._bridge.queue.get_nowait()
-            except queue.Empty:
-                return
-            yield item
-
-    def wait_for(self, kind, count, timeout=10.0):
-        """Waits until `count` callback results of class `kind` have arrived
-        in total since creation; returns whether they did."""
-        deadline = time.monotonic() + timeout
-        while self._bridge.count(kind) < count:
-            self._raise_pending()
-            if time.monotonic() > deadline:
-                return False
-            time.sleep(0.005)
-        return True
-
-    # -- running ------------------------------------------------------------
-
-    @property
-    def running(self):
-        """True between start() and stop()."""
-        return self._running
-
-    def start(self):
-        """Starts the worker thread; returns self."""
-        self._refuse_in_callback("start")
-        with self._run_lock:
-            handle = self._enter()
-            try:
-                if not self._running:
-                    getattr(lib, self._start_fn)(handle)
-                    self._running = True
-            finally:
-                self._leave()
-        return self
-
-    def _native_stop(self, handle):
-        getattr(lib, self._stop)(handle)
-
-    def _stop_worker(self, handle):
-        with self._run_lock:
-            was_running, self._running = self._running, False
-            if was_running:
-                self._native_stop(handle)
-            return was_running
-
     # -- closing ------------------------------------------------------------
 
     def close(self):
@@ -256,3 +200,63 @@ class Session:
         except Exception:  # noqa: BLE001 - nothing to report to in a finaliser
             pass
 
+
+class ThreadedSession(Session):
+    """A session with a worker thread (stitch, EDF): start/stop and the
+    results of its callbacks."""
+
+    # -- events -------------------------------------------------------------
+
+    def events(self, timeout=1.0):
+        """Yields callback results in arrival order until none arrives for
+        `timeout` seconds (0: only those already waiting).  Empty when the
+        session was created with a callback.  Re-raises a callback error."""
+        while True:
+            self._raise_pending()
+            try:
+                item = self._bridge.queue.get(timeout=timeout) if timeout > 0 \
+                    else self._bridge.queue.get_nowait()
+            except queue.Empty:
+                return
+            yield item
+
+    def wait_for(self, kind, count, timeout=10.0):
+        """Waits until `count` callback results of class `kind` have arrived
+        in total since creation; returns whether they did."""
+        deadline = time.monotonic() + timeout
+        while self._bridge.count(kind) < count:
+            self._raise_pending()
+            if time.monotonic() > deadline:
+                return False
+            time.sleep(0.005)
+        return True
+
+    # -- running ------------------------------------------------------------
+
+    @property
+    def running(self):
+        """True between start() and stop()."""
+        return self._running
+
+    def start(self):
+        """Starts the worker thread; returns self."""
+        self._refuse_in_callback("start")
+        with self._run_lock:
+            handle = self._enter()
+            try:
+                if not self._running:
+                    getattr(lib, self._start_fn)(handle)
+                    self._running = True
+            finally:
+                self._leave()
+        return self
+
+    def _native_stop(self, handle):
+        getattr(lib, self._stop)(handle)
+
+    def _stop_worker(self, handle):
+        with self._run_lock:
+            was_running, self._running = self._running, False
+            if was_running:
+                self._native_stop(handle)
+            return was_running

@@ -9,7 +9,7 @@ from . import _native
 from ._arrays import FORMATS, check_frame, format_code, from_address, pointer, rows_view
 from ._native import lib
 from ._pull import FORMAT_BITS, pull as _pull
-from ._session import Session
+from ._session import ThreadedSession
 
 KINDS = {"pyramid_max": 0, "pyramid_blend": 1, "stack": 2}
 ERROR_NAMES = {1: "VANTIX_EDF_ERROR_FAILED", 2: "VANTIX_EDF_ERROR_OUT_OF_MEMORY"}
@@ -26,7 +26,7 @@ processing failed, 2 out of memory; the session stays halted until stop()
 and start()."""
 
 
-class EdfSession(Session):
+class EdfSession(ThreadedSession):
     """An extended-depth-of-field session fusing a focus stack.
 
     Push frames of one scene at different focus (all of the first frame's

@@ -11,7 +11,7 @@ from . import _native
 from ._arrays import check_frame, format_code, from_address, from_rows, pointer, rows_view
 from ._native import lib
 from ._pull import FORMAT_BITS, pull as _pull
-from ._session import Session
+from ._session import ThreadedSession
 
 PLACED, KEPT, LOST, NOT_PLACED = 1, 2, 3, 4
 MODE_NAMES = {PLACED: "placed", KEPT: "kept", LOST: "lost", NOT_PLACED: "not placed"}
@@ -51,7 +51,7 @@ StitchEvent.__doc__ = "A stitch event (onEvent): code, its header name, worker t
 _BACKGROUNDS = {"checkerboard": 0, "white": 1, "black": 2}
 
 
-class StitchSession(Session):
+class StitchSession(ThreadedSession):
     """A live-stitching session building a panorama from moving frames.
 
     Frames (numpy arrays in the session's pixel format) are pushed, or
