@@ -105,7 +105,12 @@ def test_a_camera_failure_raises_its_code_and_nothing_is_pushed(simcam):
         camera.set_result(3)  # a positive code is a success
         assert session.pull(camera).result == 3
         assert session.wait_for(vantix.StitchFrame, 1, timeout=20)
-        assert camera.frame_index() == 1
+        # Grey frames may be pulled, but not pushed into a B G R session.
+        np.testing.assert_array_equal(session.pull(camera, bits=8, push=False).image,
+                                      camera.render(1, 8))
+        with pytest.raises(ValueError):
+            session.pull(camera, bits=8)
+        assert camera.frame_index() == 2
 
 
 def test_callbacks_run_on_the_worker_thread_and_their_errors_reach_the_caller():

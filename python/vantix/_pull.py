@@ -43,10 +43,18 @@ def frame_size(camera, size):
     return width, height
 
 
-def pull(family, handle, camera, size, bits, push, version, row_pitch=0):
-    """Pulls one frame through vantix_<family>_pull[V3|V4|nam]."""
+def pull(family, handle, camera, size, bits, push, version, fmt, row_pitch=0):
+    """Pulls one frame through vantix_<family>_pull[V3|V4|nam] into a
+    session of pixel format `fmt`."""
     if bits not in PULL_LAYOUTS:
         raise ValueError(f"bits must be one of {sorted(PULL_LAYOUTS)}, got {bits!r}")
+    if push and bits != FORMAT_BITS[fmt]:
+        # The session reads the pushed buffer in its own format: another
+        # layout would be read wrongly, or beyond the buffer's end.
+        raise ValueError(f"a session of format {fmt} takes pulls of {FORMAT_BITS[fmt]} bits")
+    if push and version == "named" and fmt in (1, 3):
+        raise ValueError("the named pull pushes at an 8-bit row stride; use version 2, 3 "
+                         "or 4 with 16-bit formats")
     width, height = frame_size(camera, size)
     cam = camera_handle(camera)
     buffer, pitch = frame_buffer(width, height, bits, row_pitch)

@@ -96,7 +96,7 @@ class EdfSession(ThreadedSession):
         bits = FORMAT_BITS[self.format] if bits is None else bits
         handle = self._enter()
         try:
-            pulled = _pull("edf", handle, camera, size, bits, push, version)
+            pulled = _pull("edf", handle, camera, size, bits, push, version, self.format)
         finally:
             self._leave()
         if push and self.size is None:

@@ -148,7 +148,7 @@ class StitchSession(ThreadedSession):
         bits = FORMAT_BITS[self.format] if bits is None else bits
         handle = self._enter()
         try:
-            return _pull("stitch", handle, camera, size, bits, push, version)
+            return _pull("stitch", handle, camera, size, bits, push, version, self.format)
         finally:
             self._leave()
 
