@@ -20,9 +20,11 @@ import weakref
 
 from ._native import lib
 
-# Set on a thread while it runs one of our callbacks: a session finalised
-# there (by the cyclic garbage collector) must not be stopped there, because
-# its stop would wait for the very thread it runs on.
+# The bridge whose callback the current thread is running, if any.  A
+# session must not be stopped from its own callback: the stop would wait for
+# the very thread it runs on.  A callback can still drop the last reference
+# to its session, which is then finalised right there; such a session is
+# closed from a thread of its own.
 _in_callback = threading.local()
 
 _live = weakref.WeakSet()
@@ -66,7 +68,7 @@ class Bridge:
     def run(self, make_item):
         """Body of every C-side callback: make the item (copying what is
         valid only during the call), then hand it over.  Never raises."""
-        _in_callback.active = True
+        _in_callback.bridge = self
         try:
             item = make_item()
             with self.lock:
@@ -80,7 +82,7 @@ class Bridge:
                 if self.error is None:
                     self.error = error
         finally:
-            _in_callback.active = False
+            _in_callback.bridge = None
 
     def count(self, kind):
         with self.lock:
@@ -135,8 +137,8 @@ class Session:
             raise CallbackError(f"a callback raised {error!r}") from error
 
     def _refuse_in_callback(self, what):
-        if getattr(_in_callback, "active", False):
-            raise RuntimeError(f"{what} cannot be called from a session callback "
+        if getattr(_in_callback, "bridge", None) is self._bridge:
+            raise RuntimeError(f"{what} cannot be called from the session's own callback "
                                "(it would wait for the thread running the callback)")
 
     # -- closing ------------------------------------------------------------
@@ -185,8 +187,9 @@ class Session:
     def __del__(self):
         if getattr(self, "_handle", None) is None or self._closed:
             return
-        if getattr(_in_callback, "active", False):
-            # Finalised on a worker thread: close from a thread of its own.
+        if getattr(_in_callback, "bridge", None) is not None:
+            # Finalised inside a callback, on a worker thread: close from a
+            # thread of its own once the callback has returned.
             threading.Thread(target=self._close_quietly, daemon=True).start()
             return
         self._close_quietly()
