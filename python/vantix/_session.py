@@ -118,10 +118,16 @@ class Session:
 
     # -- use of the handle by ordinary calls --------------------------------
 
-    def _enter(self):
+    def _enter(self, push=False):
+        """The handle, counted as in use until _leave().  For a push from
+        the session's own callback while it is being closed: None (the
+        frame is dropped, as the library drops frames of a stopping
+        session)."""
         self._raise_pending()
         with self._cond:
             if self._closed:
+                if push and getattr(_in_callback, "bridge", None) is self._bridge:
+                    return None
                 raise ValueError("the session is closed")
             self._busy += 1
         return self._handle

@@ -81,7 +81,9 @@ class EdfSession(ThreadedSession):
         the session's format, of the first frame's size.  Dropped while the
         session is not running (or halted after an error)."""
         frame, pitch = rows_view(check_frame(frame, self.format, self.size))
-        handle = self._enter()
+        handle = self._enter(push=True)
+        if handle is None:
+            return
         try:
             self.size = self.size or (frame.shape[1], frame.shape[0])
             code = lib.vantix_edf_pushback(handle, pointer(frame), frame.shape[1],

@@ -127,7 +127,9 @@ class StitchSession(ThreadedSession):
     def push(self, frame):
         """Queues a copy of `frame` (dropped while the session is not running)."""
         frame, pitch = rows_view(check_frame(frame, self.format, self.size))
-        handle = self._enter()
+        handle = self._enter(push=True)
+        if handle is None:
+            return
         try:
             code = lib.vantix_stitch_pushback(handle, pointer(frame), frame.shape[1],
                                               frame.shape[0], 0, pitch)
