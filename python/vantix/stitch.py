@@ -87,6 +87,8 @@ class StitchSession(ThreadedSession):
         if not (1 <= self.size[0] <= 16384 and 1 <= self.size[1] <= 16384):
             raise ValueError(f"frame size {self.size} outside 1..16384")
         if isinstance(background, str):
+            if background not in _BACKGROUNDS:
+                raise ValueError(f"background is one of {sorted(_BACKGROUNDS)}")
             background = _BACKGROUNDS[background]
         self._copy_canvas = bool(copy_canvas)
         self._canvas_channels = 3 if self.format == 0 else 4
