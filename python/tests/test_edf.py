@@ -1,0 +1,104 @@
+"""EdfSession end to end: stacks whose sharp parts are known."""
+
+import threading
+
+import numpy as np
+import pytest
+
+import vantix
+from scenes import gaussian_blur, textured_scene
+
+SHARP = textured_scene(120, 160, seed=5)
+BLURRED = np.clip(gaussian_blur(SHARP, 3), 0, 255).astype(np.uint8)
+
+
+def _halves():
+    """Two slices: the left half sharp in the first, the right in the second."""
+    left, right = SHARP.copy(), SHARP.copy()
+    left[:, 80:] = BLURRED[:, 80:]
+    right[:, :80] = BLURRED[:, :80]
+    return left, right
+
+
+def _error(image, truth=SHARP):
+    """Mean absolute error left and right of the seam (margins left out)."""
+    d = np.abs(image.astype(float) - truth)[8:-8, 8:-8]
+    return d[:, :64].mean(), d[:, 88:].mean()
+
+
+@pytest.mark.parametrize("kind", ["pyramid_max", "pyramid_blend", "stack"])
+def test_two_slices_keep_the_detail_of_both_halves(kind):
+    slices = _halves()
+    blurred_error = _error(slices[0])[1]  # what a blurred half costs
+    with vantix.EdfSession(kind) as session:
+        assert session.readdata() is None  # nothing fused yet
+        session.start()
+        for i, frame in enumerate(slices):
+            session.push(frame)
+            assert session.wait_for(vantix.EdfFrame, i + 1, timeout=20)
+        fused = session.readdata()
+        reports = list(session.events(timeout=0))
+    assert [type(r) for r in reports] == [vantix.EdfFrame, vantix.EdfFrame]
+    np.testing.assert_array_equal(reports[-1].image, fused)  # the callback's copy
+    assert max(_error(fused)) < blurred_error / 2
+
+
+def test_sixteen_bit_frames_come_back_in_the_session_format():
+    slices = [s.astype(np.uint16) * 257 for s in _halves()]
+    with vantix.EdfSession("stack", format="BGR16") as session:
+        session.start()
+        for i, frame in enumerate(slices):
+            session.push(frame)
+            assert session.wait_for(vantix.EdfFrame, i + 1, timeout=20)
+        fused = session.readdata()
+    assert fused.dtype == np.uint16 and fused.shape == SHARP.shape
+    assert max(_error(fused / 257.0)) < 1
+
+
+def test_a_focus_sweep_pulled_from_the_camera_is_sharper_than_every_slice(simcam):
+    count = 5
+    with simcam.open(160, 120) as camera, vantix.EdfSession("stack") as session:
+        camera.set_focus_sweep(SHARP, count, 8.0)
+        session.start()
+        slices = []
+        for i in range(count):
+            slices.append(session.pull(camera, version=(2, 3, 4, "named", 2)[i]).image)
+            assert session.wait_for(vantix.EdfFrame, i + 1, timeout=20)
+        fused = session.readdata()
+    best_slice = min(np.mean(_error(s)) for s in slices)
+    assert np.mean(_error(fused)) < best_slice / 3
+
+
+def test_a_callback_pushing_every_next_frame_and_a_close_meanwhile():
+    slices = _halves()
+    threads = []
+    holder = {}
+
+    def next_frame(item):
+        threads.append(threading.get_ident())
+        holder["session"].push(slices[len(threads) % 2])  # never stops feeding
+
+    session = vantix.EdfSession("stack", callback=next_frame)
+    holder["session"] = session
+    session.start()
+    session.push(slices[0])
+    assert session.wait_for(vantix.EdfFrame, 4, timeout=30)
+    assert max(_error(session.readdata())) < 1
+    session.close()  # the callback's pushes into the closing session are dropped
+    holder.clear()
+    assert threading.get_ident() not in threads and len(set(threads)) == 1
+
+
+def test_a_session_without_fuser_reports_the_failure_and_resumes_after_restart():
+    with vantix.EdfSession(kind=7) as session:
+        session.start()
+        session.push(SHARP)
+        assert session.wait_for(vantix.EdfError, 1, timeout=20)
+        events = list(session.events(timeout=0))
+        assert [(e.code, e.name) for e in events] == [(1, "VANTIX_EDF_ERROR_FAILED")]
+        session.push(SHARP)  # dropped while halted
+        session.stop()
+        session.start()
+        session.push(SHARP)
+        assert session.wait_for(vantix.EdfError, 2, timeout=20)
+        assert [e.code for e in session.events(timeout=0)] == [1]

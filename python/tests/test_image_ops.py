@@ -1,0 +1,111 @@
+"""resize and demosaic against results computed here with numpy."""
+
+import numpy as np
+import pytest
+
+import vantix
+
+RNG = np.random.default_rng(7)
+
+
+def _random(shape, dtype, top):
+    return RNG.integers(0, top + 1, size=shape).astype(dtype)
+
+
+@pytest.mark.parametrize("shape,dtype,bits,top", [
+    ((9, 13), np.uint8, None, 255),
+    ((9, 13, 3), np.uint8, None, 255),
+    ((9, 13, 4), np.uint8, None, 255),
+    ((9, 13), np.uint16, 12, 4095),
+    ((9, 13, 3), np.uint16, 16, 65535),
+    ((9, 13, 3), np.uint16, 10, 1023),
+])
+def test_nearest_doubling_repeats_every_pixel(shape, dtype, bits, top):
+    image = _random(shape, dtype, top)
+    out = vantix.resize(image, (26, 18), interpolation="nearest", bits=bits)
+    assert out.dtype == dtype
+    np.testing.assert_array_equal(out, image.repeat(2, axis=0).repeat(2, axis=1))
+
+
+def test_area_halving_averages_blocks_and_strided_input_is_read_right():
+    base = _random((40, 64, 3), np.uint8, 255)
+    image = base[::2, 1::2]  # rows and pixels both strided: copied first
+    assert not image.flags.c_contiguous
+    out = vantix.resize(image, (16, 10), interpolation="area")
+    blocks = image.astype(np.float64).reshape(10, 2, 16, 2, 3).mean(axis=(1, 3))
+    assert np.abs(out - blocks).max() <= 0.5 + 1e-9
+    # A row-padded view (pitch larger than a row) is passed without a copy.
+    padded = base[:20, :32]
+    np.testing.assert_array_equal(vantix.resize(padded, (64, 40), "nearest"),
+                                  padded.repeat(2, 0).repeat(2, 1))
+
+
+def test_layouts_the_library_does_not_take_are_refused():
+    for bad in (np.zeros((4, 4, 4), np.uint16), np.zeros((4, 4), np.float32),
+                np.zeros((4, 4, 2), np.uint8)):
+        with pytest.raises(ValueError):
+            vantix.resize(bad, (8, 8))
+
+
+# Colour sites of each pattern in a 2 x 2 cell: (row, column) of R and B.
+_SITES = {"RGGB": ((0, 0), (1, 1)), "BGGR": ((1, 1), (0, 0)),
+          "GRBG": ((0, 1), (1, 0)), "GBRG": ((1, 0), (0, 1))}
+
+
+def _patches(dtype, top):
+    """Flat colour patches of 12 x 12 pixels (B G R) and their colours."""
+    colours = _random((4, 5, 3), dtype, top)
+    return colours.repeat(12, axis=0).repeat(12, axis=1), colours
+
+
+def _mosaic(bgr, pattern):
+    (ry, rx), (by, bx) = _SITES[pattern]
+    raw = bgr[:, :, 1].copy()
+    raw[ry::2, rx::2] = bgr[ry::2, rx::2, 2]
+    raw[by::2, bx::2] = bgr[by::2, bx::2, 0]
+    return raw
+
+
+def _interiors(image):
+    """Pixels at least 3 away from every patch border."""
+    h, w = image.shape[:2]
+    keep = ((np.arange(h) % 12 >= 3) & (np.arange(h) % 12 < 9))[:, None] & \
+           ((np.arange(w) % 12 >= 3) & (np.arange(w) % 12 < 9))[None, :]
+    return image[keep]
+
+
+@pytest.mark.parametrize("dtype,bits,top", [(np.uint8, None, 255), (np.uint16, 12, 4095)])
+@pytest.mark.parametrize("pattern", ["RGGB", "BGGR"])
+def test_demosaic_restores_flat_colours(dtype, bits, top, pattern):
+    bgr, _ = _patches(dtype, top)
+    raw = _mosaic(bgr, pattern)
+    for algorithm in ("bilinear", "edge_aware"):
+        out = vantix.demosaic(raw, pattern=pattern, bits=bits, algorithm=algorithm)
+        assert out.shape == bgr.shape and out.dtype == dtype
+        np.testing.assert_array_equal(_interiors(out), _interiors(bgr))
+    rgba = vantix.demosaic(raw, pattern=pattern, bits=bits, order="RGBA")
+    np.testing.assert_array_equal(_interiors(rgba[:, :, 2::-1]), _interiors(bgr))
+
+
+def test_demosaic_vng_and_the_swapped_g_first_patterns():
+    bgr, _ = _patches(np.uint8, 255)
+    out = vantix.demosaic(_mosaic(bgr, "RGGB"), "RGGB", algorithm="vng", order="RGB")
+    assert np.abs(_interiors(out[:, :, ::-1]).astype(int) - _interiors(bgr)).max() <= 1
+    # G-first frames come out with red and blue exchanged; the other
+    # G-first pattern gives true colours.
+    for pattern, other in (("GRBG", "GBRG"), ("GBRG", "GRBG")):
+        raw = _mosaic(bgr, pattern)
+        np.testing.assert_array_equal(_interiors(vantix.demosaic(raw, other)), _interiors(bgr))
+        swapped = vantix.demosaic(raw, pattern)
+        np.testing.assert_array_equal(_interiors(swapped[:, :, ::-1]), _interiors(bgr))
+
+
+def test_demosaic_refusals():
+    raw = np.zeros((8, 8), np.uint8)
+    with pytest.raises(vantix.NotImplementedByLibraryError):
+        vantix.demosaic(raw, algorithm="edge_aware", order="BGRA")
+    with pytest.raises(vantix.InvalidArgumentError):
+        vantix.demosaic(np.zeros((8, 8), np.uint16), bits=17)
+    for bad in (np.zeros((1, 8), np.uint8), np.zeros((8, 8, 3), np.uint8)):
+        with pytest.raises(ValueError):
+            vantix.demosaic(bad)

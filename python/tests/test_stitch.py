@@ -1,0 +1,200 @@
+"""StitchSession end to end: known shifts, the panorama against the scene,
+pulls from the simulated camera, and the worker-thread callbacks."""
+
+import gc
+import os
+import threading
+import weakref
+
+import numpy as np
+import pytest
+
+import vantix
+from scenes import textured_scene
+
+W, H = 160, 120
+SCENE = textured_scene(400, 760, seed=3)
+
+
+def _pan_frames(count, dx=30, x0=20, y0=100):
+    """Frames of SCENE moving right by dx (and up and down by 5): known
+    positions relative to the first frame."""
+    shifts = [(dx * i, 5 * (i % 3)) for i in range(count)]
+    frames = [SCENE[y0 + sy:y0 + sy + H, x0 + sx:x0 + sx + W] for sx, sy in shifts]
+    return frames, shifts
+
+
+def _push_all(session, frames):
+    for i, frame in enumerate(frames):
+        session.push(frame)
+        assert session.wait_for(vantix.StitchFrame, i + 1, timeout=20)
+
+
+def test_pushed_pan_is_placed_at_the_known_shifts_and_matches_the_scene():
+    frames, shifts = _pan_frames(12)
+    with vantix.StitchSession(W, H) as session:
+        session.start()
+        _push_all(session, frames)
+        panorama = session.stop()
+        crop = session.crop_rect()
+        reports = [e for e in session.events(timeout=0) if isinstance(e, vantix.StitchFrame)]
+    assert [r.mode for r in reports] == [vantix.stitch.PLACED] * len(frames)
+    first = reports[0]
+    assert (first.x, first.y) == (2 * W, 2 * H)  # the first frame's canvas position
+    for report, (sx, sy) in zip(reports, shifts):
+        assert abs(report.x - first.x - sx) <= 1 and abs(report.y - first.y - sy) <= 1
+    # The covered rectangle is the union of the frames, and its pixels are
+    # the scene's (rows in the pushed frames' order).
+    assert crop[2:] == (W + shifts[-1][0], H + 10)
+    assert panorama.shape == (H + 10, W + shifts[-1][0], 3)
+    scene_part = SCENE[100:100 + H + 10, 20:20 + W + shifts[-1][0]].astype(int)
+    assert np.abs(panorama.astype(int) - scene_part).mean() < 3
+    assert np.median(np.abs(panorama.astype(int) - scene_part)) <= 1
+
+
+def test_sixteen_bit_frames_and_the_scaled_canvas_view():
+    frames, shifts = _pan_frames(4)
+    with vantix.StitchSession(W, H, format="BGRA16", background="black",
+                              scale_level=3, strict_level=1) as session:
+        session.start()
+        for i, frame in enumerate(frames):
+            bgra = np.dstack([frame, np.full((H, W), 255, np.uint8)]).astype(np.uint16) * 257
+            session.push(bgra)
+            assert session.wait_for(vantix.StitchFrame, i + 1, timeout=20)
+        panorama = session.stop()
+        x, y, w, h = session.crop_rect()
+        view = session.readdata(w // 2, h // 2, roi=(x, y, w, h))
+    scene_part = SCENE[100:100 + h, 20:20 + w].astype(float)
+    assert (w, h) == (W + shifts[-1][0], H + 10) and panorama.shape == (h, w, 3)
+    assert np.median(np.abs(panorama - scene_part)) <= 1
+    # The half-size view of the covered rectangle is the half-size scene.
+    halved = scene_part[:h // 2 * 2, :w // 2 * 2].reshape(h // 2, 2, w // 2, 2, 3)
+    assert view.shape == (h // 2, w // 2, 4)
+    assert np.median(np.abs(view[:, :, :3] - halved.mean(axis=(1, 3)))) <= 3
+
+
+def test_pulled_pan_from_the_camera_matches_the_scene(simcam):
+    with simcam.open(W, H) as camera, vantix.StitchSession(W, H) as session:
+        path = [(40, 120), (400, 150)]
+        camera.set_pan(SCENE, path, frames_per_segment=10)
+        session.start()
+        for i in range(11):
+            version = (2, 3, 4, "named")[i % 4]
+            pulled = session.pull(camera, version=version)
+            np.testing.assert_array_equal(pulled.image, camera.render(i))
+            assert pulled.result == 0
+            assert pulled.info is None if version == "named" else \
+                len(pulled.info) == {2: 24, 3: 40, 4: 104}[version]
+            assert session.wait_for(vantix.StitchFrame, i + 1, timeout=20)
+        panorama = session.stop()
+        x0, y0 = camera.pan_position(0)
+        x1, y1 = camera.pan_position(10)
+    assert abs(panorama.shape[1] - (W + x1 - x0)) <= 2
+    assert abs(panorama.shape[0] - (H + y1 - y0)) <= 2
+    region = SCENE[int(y0):int(y0) + panorama.shape[0], int(x0):int(x0) + panorama.shape[1]]
+    assert np.median(np.abs(panorama.astype(int) - region)) <= 2
+
+
+def test_a_camera_failure_raises_its_code_and_nothing_is_pushed(simcam):
+    with simcam.open(W, H) as camera, vantix.StitchSession(W, H) as session:
+        session.start()
+        camera.set_result(0x80001234)
+        with pytest.raises(vantix.VantixError) as caught:
+            session.pull(camera)
+        assert caught.value.code == 0x80001234 and caught.value.name == "0x80001234"
+        camera.set_result(3)  # a positive code is a success
+        assert session.pull(camera).result == 3
+        assert session.wait_for(vantix.StitchFrame, 1, timeout=20)
+        # Grey frames may be pulled, but not pushed into a B G R session.
+        np.testing.assert_array_equal(session.pull(camera, bits=8, push=False).image,
+                                      camera.render(1, 8))
+        with pytest.raises(ValueError):
+            session.pull(camera, bits=8)
+        assert camera.frame_index() == 2
+
+
+def test_callbacks_run_on_the_worker_thread_and_their_errors_reach_the_caller():
+    frames, _ = _pan_frames(3)
+    seen = []
+
+    def record(item):
+        seen.append((type(item), threading.get_ident()))
+        if len(seen) == 2:
+            raise KeyError("from the callback")
+
+    session = vantix.StitchSession(W, H, callback=record, copy_canvas=True)
+    session.start()
+    session.push(frames[0])
+    assert session.wait_for(vantix.StitchFrame, 1, timeout=20)
+    session.push(frames[1])
+    assert session.wait_for(vantix.StitchFrame, 2, timeout=20)
+    with pytest.raises(vantix.CallbackError) as caught:
+        session.push(frames[2])
+    assert isinstance(caught.value.__cause__, KeyError)
+    session.close()
+    assert list(session.events(timeout=0)) == []  # everything went to the callback
+    assert {ident for _, ident in seen} and threading.get_ident() not in \
+        {ident for _, ident in seen}
+    with pytest.raises(ValueError):
+        session.push(frames[0])
+
+
+def test_stop_from_another_thread_while_pushing_and_a_busy_callback():
+    frames, _ = _pan_frames(12)
+    spins = []
+
+    def busy(item):  # holds the interpreter lock for a while on every report
+        spins.append(sum(range(20000)))
+
+    session = vantix.StitchSession(W, H, callback=busy)
+    session.start()
+    result = {}
+    stopper = threading.Thread(target=lambda: result.setdefault("pano", session.stop()))
+    for i, frame in enumerate(frames):
+        session.push(frame)  # frames pushed after the stop are dropped
+        if i == 4:
+            stopper.start()
+    stopper.join(timeout=60)
+    assert not stopper.is_alive() and not session.running
+    assert result["pano"] is None or result["pano"].shape[2] == 3
+    session.close()
+    session.close()  # idempotent
+
+
+def _native_threads():
+    return len(os.listdir("/proc/self/task"))
+
+
+def test_sessions_closed_or_collected_while_running():
+    frames, _ = _pan_frames(6)
+    before = _native_threads()
+    for how in ("close", "release", "cycle"):
+        holder = {}
+        session = vantix.StitchSession(
+            W, H, callback=(lambda item, h=holder: h["s"].running) if how == "cycle" else None)
+        holder["s"] = session  # with the callback: a cycle only the collector frees
+        session.start()
+        for frame in frames:
+            session.push(frame)
+        if how == "close":
+            session.close()
+        gone = weakref.ref(session)
+        del session, holder
+        gc.collect()
+        assert gone() is None, how
+        # The worker and the canvas's drawing thread have ended.
+        assert _native_threads() == before, how
+
+
+def test_a_callback_may_not_stop_its_own_session():
+    frames, _ = _pan_frames(1)
+    holder = {}
+    session = vantix.StitchSession(W, H, callback=lambda item: holder["s"].stop())
+    holder["s"] = session
+    session.start()
+    session.push(frames[0])
+    session.wait_for(vantix.StitchFrame, 1, timeout=20)
+    with pytest.raises(vantix.CallbackError) as caught:
+        session.close()
+    assert isinstance(caught.value.__cause__, RuntimeError)
+    holder.clear()
