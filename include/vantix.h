@@ -373,6 +373,9 @@ VANTIX_API void vantix_stitch_start(VantixStitch *session);
  * (the host frees it): the covered rectangle when `cropped` is nonzero,
  * else the whole canvas.  Returns null when wantImage is 0, the rectangle is
  * empty or the allocator fails.
+ * The canvas bytes are copied as 3 bytes a pixel whatever the format: for
+ * formats 1..3 (a canvas of 4 bytes a pixel) the rows come out scrambled;
+ * such hosts read the panorama with vantix_stitch_readdata instead.
  */
 VANTIX_API VantixImageHeader *vantix_stitch_stop(VantixStitch *session,
                                                  uint32_t wantImage,
