@@ -10,12 +10,13 @@ DEMO_OUT ?= demo-output
 PACKAGES := g++ make cmake ninja-build pkg-config binutils \
             libopencv-core-dev libopencv-imgproc-dev libopencv-features2d-dev \
             libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev \
-            opencv-doc
-# opencv-doc's example photos are test data and demo input.
+            opencv-doc python3 python3-numpy python3-pytest
+# opencv-doc's example photos are test data and demo input; python3-numpy and
+# python3-pytest run the Python binding's tests.
 DEMO_PACKAGES :=
 
 CONFIGURE = cmake -S . -G Ninja -Wno-dev
-.PHONY: all deps deps-demo build demo test test-plain test-asan test-tsan bench clean
+.PHONY: all deps deps-demo build demo test test-plain test-asan test-tsan test-python bench clean
 
 all: build
 
@@ -52,7 +53,7 @@ build: deps
 demo: deps-demo build
 	./build/tools/vantix/vantix demo --out $(DEMO_OUT)
 
-test: test-plain test-asan test-tsan
+test: test-plain test-asan test-tsan test-python
 	@echo "== all test runs passed"
 
 test-plain: build
@@ -71,6 +72,9 @@ test-tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
 	  ctest --output-on-failure -L threads -j $(JOBS)
+
+test-python: build
+	sh python/run_tests.sh build
 
 bench: build
 	for b in build/bench/bench_*; do $$b; done
