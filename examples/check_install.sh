@@ -97,6 +97,33 @@ check "no static library, test, benchmark or simulator variant installed" test "
 check "installed tool runs: vantix --help" \
   bash -c "'$prefix/bin/vantix' --help | grep -q 'usage: vantix'"
 
+# find_package: major version 1 accepted, 2 refused; the imported target
+# brings only the library and the include directory.
+probe=$scratch/version-probe
+mkdir -p "$probe"
+cat >"$probe/CMakeLists.txt" <<'PROBE'
+cmake_minimum_required(VERSION 3.16)
+project(probe NONE)
+find_package(vantix ${WANT} QUIET)
+if(TARGET vantix::vantix)
+  get_target_property(links vantix::vantix INTERFACE_LINK_LIBRARIES)
+  message(STATUS "probe: found ${vantix_VERSION} links '${links}'")
+else()
+  message(STATUS "probe: not found")
+endif()
+PROBE
+matches() { [[ $1 == $2 ]]; } # matches TEXT GLOB
+probe_with() { # probe_with VERSION: prints the probe's verdict
+  rm -rf "$probe/build"
+  cmake -S "$probe" -B "$probe/build" -DWANT="$1" -DCMAKE_PREFIX_PATH="$prefix" |
+    sed -n 's/^-- probe: //p'
+}
+found1=$(probe_with 1)
+found2=$(probe_with 2)
+check "find_package(vantix 1) gives vantix::vantix with no link dependencies ($found1)" \
+  matches "$found1" "found 1.* links 'links-NOTFOUND'"
+check "find_package(vantix 2) refused ($found2)" test "$found2" = "not found"
+
 # --- the examples, built two ways ------------------------------------------
 cmake_out=$scratch/examples-cmake
 make_out=$scratch/examples-make

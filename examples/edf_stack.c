@@ -85,13 +85,18 @@ int main(int argc, char **argv) {
     if (d < best_slice) best_slice = d;
     /* 320 * 3 bytes a row is already a multiple of 4: default pitch (0). */
     VantixResult hr = vantix_edf_pushback(session, slice, W, H, 24, 0);
-    if (VANTIX_FAILED(hr)) { fprintf(stderr, "pushback: 0x%08X\n", (unsigned)hr); return 1; }
+    if (VANTIX_FAILED(hr)) {
+      fprintf(stderr, "pushback: 0x%08X\n", (unsigned)hr);
+      vantix_edf_delete(session); /* stops the worker first */
+      return 1;
+    }
     /* Next slice only after this one is fused: the queue drops frames otherwise. */
     struct timespec pause = {0, 1000000};
     for (int i = 0; i < 10000 && atomic_load(&fused) < (unsigned)k + 1 && !atomic_load(&errors); ++i)
       nanosleep(&pause, NULL);
     if (atomic_load(&fused) < (unsigned)k + 1) {
       fprintf(stderr, "slice %d was not fused (error %u)\n", k, atomic_load(&errors));
+      vantix_edf_delete(session);
       return 1;
     }
   }
