@@ -70,3 +70,26 @@ install(CODE "
 install(FILES ${PROJECT_BINARY_DIR}/vantix.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT devel)
+
+# The Python binding (pure Python, no build step) goes where Debian's python3
+# looks for packages under the prefix (lib/python3.X/dist-packages), with a
+# small module recording where the library itself was installed, so that
+# `import vantix` works without VANTIX_LIBRARY or an ldconfig run.
+find_package(Python3 COMPONENTS Interpreter QUIET)
+if(Python3_FOUND)
+  set(VANTIX_INSTALL_PYTHONDIR
+      "lib/python${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR}/dist-packages"
+      CACHE STRING "Where the Python package is installed, relative to the prefix")
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/vantix
+    DESTINATION ${VANTIX_INSTALL_PYTHONDIR}
+    COMPONENT python
+    PATTERN "__pycache__" EXCLUDE)
+  install(CODE "
+    set(vantix_libdir \"${CMAKE_INSTALL_LIBDIR}\")
+    if(NOT IS_ABSOLUTE \"\${vantix_libdir}\")
+      set(vantix_libdir \"\${CMAKE_INSTALL_PREFIX}/\${vantix_libdir}\")
+    endif()
+    file(WRITE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${VANTIX_INSTALL_PYTHONDIR}/vantix/_installed.py\"
+      \"# Written by cmake --install: where libvantix was installed.\\nLIBRARY = \\\"\${vantix_libdir}/libvantix.so.1\\\"\\n\")"
+    COMPONENT python)
+endif()

@@ -97,6 +97,18 @@ check "no static library, test, benchmark or simulator variant installed" test "
 check "installed tool runs: vantix --help" \
   bash -c "'$prefix/bin/vantix' --help | grep -q 'usage: vantix'"
 
+# The installed Python package finds the installed library by itself.
+pydir=$(find "$prefix" -path '*/dist-packages/vantix' -type d | head -1)
+check "Python package installed (${pydir:-none})" test -n "$pydir"
+if [[ -n $pydir && -x /usr/bin/python3 ]] && /usr/bin/python3 -c 'import numpy' 2>/dev/null; then
+  check "installed Python package resizes with the installed library" \
+    env -u VANTIX_LIBRARY PYTHONPATH="$(dirname "$pydir")" /usr/bin/python3 -c "
+import numpy as np, vantix
+assert vantix.library_path.startswith('$prefix'), vantix.library_path
+out = vantix.resize(np.full((4, 6, 3), 7, np.uint8), (12, 8), interpolation='nearest')
+assert out.shape == (8, 12, 3) and (out == 7).all()"
+fi
+
 # find_package: major version 1 accepted, 2 refused; the imported target
 # brings only the library and the include directory.
 probe=$scratch/version-probe

@@ -12,7 +12,8 @@ Images are numpy arrays in the library's channel order (B G R, B G R A).
         panorama = stitch.stop()
 
 The library is looked up through the environment variable VANTIX_LIBRARY
-(the path of libvantix.so.1), then ``ctypes.util.find_library("vantix")``,
+(the path of libvantix.so.1), then the library installed with the package
+(``cmake --install`` records its path), then ``ctypes.util.find_library("vantix")``,
 then "libvantix.so.1" through the dynamic loader.  Importing registers the C
 library's malloc as the host allocator (vantix_init), which stitch and edge
 sessions need; the panoramas the library allocates are freed by the binding.

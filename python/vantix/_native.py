@@ -157,6 +157,12 @@ def _candidates():
     env = os.environ.get("VANTIX_LIBRARY")
     if env:
         found.append(("VANTIX_LIBRARY", env))
+    # An installed package knows where its library was installed.
+    try:
+        from . import _installed
+        found.append(("the installed package", _installed.LIBRARY))
+    except ImportError:
+        pass
     name = ctypes.util.find_library("vantix")
     if name:
         found.append(("ctypes.util.find_library('vantix')", name))
