@@ -50,6 +50,32 @@ double sharpness(const cv::Mat& bgr) {
   return deviation[0] * deviation[0];
 }
 
+// The 160x120 block (on a grid of half steps) where `slice` is furthest
+// from `photo`: where the sharpest single frame is most out of focus.
+cv::Rect worstBlock(const cv::Mat& slice, const cv::Mat& photo) {
+  const cv::Size block(160, 120);
+  cv::Rect worst(0, 0, block.width, block.height);
+  double largest = -1;
+  for (int y = 0; y + block.height <= photo.rows; y += block.height / 2) {
+    for (int x = 0; x + block.width <= photo.cols; x += block.width / 2) {
+      const cv::Rect area(x, y, block.width, block.height);
+      const double difference = cv::norm(slice(area), photo(area), cv::NORM_L1);
+      if (difference > largest) {
+        largest = difference;
+        worst = area;
+      }
+    }
+  }
+  return worst;
+}
+
+// A crop enlarged `zoom` times with whole pixels kept visible.
+cv::Mat enlarged(const cv::Mat& image, const cv::Rect& area, int zoom) {
+  cv::Mat out;
+  cv::resize(image(area), out, {}, zoom, zoom, cv::INTER_NEAREST);
+  return out;
+}
+
 }  // namespace
 
 void demoEdf(DemoContext& context) {
@@ -157,6 +183,13 @@ void demoEdf(DemoContext& context) {
                                      "%.1f dB", slicePsnr)},
                    {bestFused, format("edf-kind%u.png: fused, %.1f dB", bestKind,
                                       bestFusedPsnr)}});
+  const cv::Rect detail = worstBlock(sharpest, photo);
+  section.paragraph(format("Detail (%d x %d pixels at %d, %d, enlarged 3 times) where the "
+                           "sharpest single frame is furthest from the sharp photo:",
+                           detail.width, detail.height, detail.x, detail.y));
+  section.figures({{enlarged(sharpest, detail, 3), "sharpest single frame"},
+                   {enlarged(bestFused, detail, 3), format("fused (kind %u)", bestKind)},
+                   {enlarged(photo, detail, 3), "the sharp photo"}});
   section.table({"kind", "fuser", "time a frame", "PSNR", "against the sharpest frame",
                  "sharpness"},
                 kindRows);

@@ -16,6 +16,59 @@
 
 namespace vtool {
 
+namespace {
+
+constexpr int kZoom = 3;
+
+// The frame around the spot enlarged kZoom times (12 bits shown as 8), with
+// the measurement drawn at the enlarged scale: the measured 4-sigma ellipse
+// (centre, dX, dY, angle), the aperture and the centre.
+cv::Mat beamCloseUp(const cv::Mat& frame, const SpotResult& spot) {
+  const cv::Size crop(200, 150);
+  const cv::Rect area =
+      cv::Rect(static_cast<int>(std::lround(spot.centerX)) - crop.width / 2,
+               static_cast<int>(std::lround(spot.centerY)) - crop.height / 2, crop.width,
+               crop.height) &
+      cv::Rect(0, 0, frame.cols, frame.rows);
+  cv::Mat picture;
+  frame(area).convertTo(picture, CV_8U, 255.0 / 4095.0);
+  cv::resize(picture, picture, {}, kZoom, kZoom, cv::INTER_CUBIC);
+  cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
+  // Drawn with 4 bits of sub-pixel precision so that the ellipse sits where
+  // the measurement says.  Pixel centres of the frame map to kZoom * (x +
+  // 0.5) - 0.5 in the enlargement.
+  constexpr int kShift = 4;
+  const auto fixedX = [&](double x) {
+    return static_cast<int>(std::lround((kZoom * (x - area.x + 0.5) - 0.5) * (1 << kShift)));
+  };
+  const auto fixedY = [&](double y) {
+    return static_cast<int>(std::lround((kZoom * (y - area.y + 0.5) - 0.5) * (1 << kShift)));
+  };
+  const auto fixedLength = [](double length) {
+    return static_cast<int>(std::lround(kZoom * length * (1 << kShift)));
+  };
+  // Angle 90 marks a measurement along x and y; otherwise the major axis
+  // lies at -angle degrees (image y pointing down).
+  const double rotation = spot.angle == 90 ? 0.0 : -spot.angle;
+  cv::ellipse(picture, cv::Point(fixedX(spot.apertureX), fixedY(spot.apertureY)),
+              cv::Size(fixedLength(spot.apertureA), fixedLength(spot.apertureB)), 0, 0, 360,
+              cv::Scalar(0, 140, 255), 1, cv::LINE_AA, kShift);
+  const cv::Point centre(fixedX(spot.centerX), fixedY(spot.centerY));
+  cv::ellipse(picture, centre,
+              cv::Size(fixedLength(spot.majorDiameter / 2), fixedLength(spot.minorDiameter / 2)),
+              rotation, 0, 360, cv::Scalar(0, 255, 0), 2, cv::LINE_AA, kShift);
+  const cv::Point pixel(centre.x >> kShift, centre.y >> kShift);
+  cv::drawMarker(picture, pixel, cv::Scalar(0, 0, 255), cv::MARKER_CROSS, 16, 1);
+  cv::putText(picture,
+              format("centre (%.2f, %.2f)  dX %.2f  dY %.2f  angle %.0f", spot.centerX,
+                     spot.centerY, spot.majorDiameter, spot.minorDiameter, spot.angle),
+              {8, picture.rows - 10}, cv::FONT_HERSHEY_SIMPLEX, 0.5, cv::Scalar(0, 255, 0), 1,
+              cv::LINE_AA);
+  return picture;
+}
+
+}  // namespace
+
 void demoSpot(DemoContext& context) {
   const cv::Size size(640, 480);
   SimCamera camera(simcamLibraryPath(""), size);
@@ -89,36 +142,28 @@ void demoSpot(DemoContext& context) {
       last.majorDiameter, last.minorDiameter);
   context.timing("pull and measure, a frame", pullSeconds * 1000 / kFrames);
 
-  // The last frame, 12 bits shown as 8, with the measurement drawn over it.
-  // The session measures along x and y (the angle field is 90 for that), so
-  // the 4-sigma ellipse is drawn axis-aligned: dX wide and dY high.
+  // The whole last frame, 12 bits shown as 8, with the track of the centre
+  // and the measured ellipse; the close-up shows the ellipse in detail.
   cv::Mat picture;
   frame.convertTo(picture, CV_8U, 255.0 / 4095.0);
   cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
   for (size_t i = 1; i < track.size(); ++i) {
     cv::line(picture, track[i - 1], track[i], cv::Scalar(0, 200, 255), 1, cv::LINE_AA);
   }
-  // Drawn with 4 bits of sub-pixel precision: the ellipse sits where the
-  // measurement says, not at the nearest whole pixel.
-  constexpr int kShift = 4;
-  const auto fixed = [](double v) { return static_cast<int>(std::lround(v * (1 << kShift))); };
-  const cv::Point centre(fixed(last.centerX), fixed(last.centerY));
-  const double rotation = last.angle == 90 ? 0.0 : -last.angle;
-  cv::ellipse(picture, centre,
-              cv::Size(fixed(last.majorDiameter / 2), fixed(last.minorDiameter / 2)), rotation, 0,
-              360, cv::Scalar(0, 255, 0), 1, cv::LINE_AA, kShift);
-  cv::ellipse(picture, cv::Point(fixed(last.apertureX), fixed(last.apertureY)),
-              cv::Size(fixed(last.apertureA), fixed(last.apertureB)), 0, 0, 360,
-              cv::Scalar(255, 128, 0), 1, cv::LINE_AA, kShift);
   const cv::Point pixel(static_cast<int>(std::lround(last.centerX)),
                         static_cast<int>(std::lround(last.centerY)));
+  cv::ellipse(picture, pixel,
+              cv::Size(static_cast<int>(std::lround(last.majorDiameter / 2)),
+                       static_cast<int>(std::lround(last.minorDiameter / 2))),
+              last.angle == 90 ? 0.0 : -last.angle, 0, 360, cv::Scalar(0, 255, 0), 1, cv::LINE_AA);
   cv::drawMarker(picture, pixel, cv::Scalar(0, 0, 255), cv::MARKER_CROSS, 12, 1);
-  const std::string values = format("centre (%.2f, %.2f)  dX %.2f  dY %.2f  angle %.0f",
+  context.save("spot-track.png", picture);
+
+  const cv::Mat beam = beamCloseUp(frame, last);
+  context.save("spot-beam.png", beam);
+  const std::string values = format("centre (%.2f, %.2f), dX %.2f px, dY %.2f px, angle %.0f",
                                     last.centerX, last.centerY, last.majorDiameter,
                                     last.minorDiameter, last.angle);
-  cv::putText(picture, values, {10, picture.rows - 12}, cv::FONT_HERSHEY_SIMPLEX, 0.5,
-              cv::Scalar(0, 255, 0), 1, cv::LINE_AA);
-  context.save("spot-track.png", picture);
 
   HtmlReport::Section& section = context.section();
   section.paragraph(format("A Gaussian laser spot circles (radius %.0f px) and breathes (size "
@@ -131,11 +176,15 @@ void demoSpot(DemoContext& context) {
   section.highlight(format("Largest centre error after the first frame %.2f px; largest "
                            "diameter error %.2f px.",
                            worstCentre, worstDiameter));
-  section.figure({picture, "spot-track.png, the last frame: " + values +
-                               " (angle 90 = measured along x and y).  Green: the 4-sigma "
-                               "ellipse; orange: the aperture for the next frame; yellow: the "
-                               "track of the centre; red cross: the centre.",
-                  picture.cols});
+  section.figures({{beam, "spot-beam.png, the last frame enlarged " + std::to_string(kZoom) +
+                              " times: " + values +
+                              " (angle 90: measured along x and y).  Green: the measured 4-sigma "
+                              "ellipse; orange: the aperture for the next frame; red cross: the "
+                              "centre.",
+                    beam.cols},
+                   {picture, "spot-track.png, the whole last frame with the track of the "
+                             "measured centre over the 32 frames (yellow)",
+                    picture.cols}});
   LinePlot plot;
   plot.title = "Beam diameters over the frames";
   plot.xLabel = "frame";
