@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -44,13 +45,15 @@ details { margin: 0.6em 0; }
 svg.plot { background: #fff; border: 1px solid #ccc; max-width: 100%; height: auto; }
 )";
 
-// Numbers are right-aligned in tables: a cell is a number when it starts
-// with a digit, a sign or a point followed by a digit.
+// Numbers are right-aligned in tables: a cell is a number when it is one,
+// optionally followed by a unit after a space ("12.5 ms", "+7.3 dB"), but not
+// "8-bit bilinear".
 bool looksNumeric(const std::string& cell) {
-  size_t i = 0;
-  if (i < cell.size() && (cell[i] == '-' || cell[i] == '+')) ++i;
-  if (i < cell.size() && cell[i] == '.') ++i;
-  return i < cell.size() && std::isdigit(static_cast<unsigned char>(cell[i]));
+  const char* begin = cell.c_str();
+  char* end = nullptr;
+  std::strtod(begin, &end);
+  if (end == begin || std::isspace(static_cast<unsigned char>(*begin))) return false;
+  return *end == '\0' || (*end == ' ' && std::isalpha(static_cast<unsigned char>(end[1])));
 }
 
 std::string tableHtml(const std::vector<std::string>& header,
