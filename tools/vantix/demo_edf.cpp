@@ -5,7 +5,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,6 +16,7 @@
 #include "errors.h"
 #include "image_io.h"
 #include "result_names.h"
+#include "spot_camera.h"
 
 namespace vtool {
 
@@ -26,16 +26,14 @@ constexpr int kSweepFrames = 8;
 constexpr double kMaxBlurSigma = 4.0;
 const cv::Size kFrameSize(640, 480);
 
-// The simulated camera SDK built beside the tool.
+// The simulated camera SDK: where the spot step finds it too ($VANTIX_SIMCAM,
+// the build tree's layout, else the loader's search path).
 SimcamApi loadSimulatedCamera() {
-  std::error_code error;
-  const std::filesystem::path tool = std::filesystem::read_symlink("/proc/self/exe", error);
-  const std::filesystem::path library =
-      tool.parent_path().parent_path() / "simcam" / "libvantix_simcam.so";
+  const std::string library = simcamLibraryPath("");
   void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
   SimcamApi api;
   if (handle == nullptr || !simcam_load_api(handle, &api)) {
-    throw ToolError("the simulated camera " + library.string() + " is not available");
+    throw ToolError("the simulated camera " + library + " is not available (set VANTIX_SIMCAM)");
   }
   return api;
 }

@@ -3,12 +3,9 @@
 // stitch session, and the panorama is saved.  The camera knows where each
 // frame really was, so the step also prints how far the placements are off.
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cmath>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,26 +14,20 @@
 #include "errors.h"
 #include "image_io.h"
 #include "result_names.h"
+#include "spot_camera.h"
 #include "stitch_session.h"
 
 namespace vtool {
 
 namespace {
 
-// The simulated camera SDK, built next to the tool: <build>/tools/simcam.
-std::string simcamPath() {
-  char exe[PATH_MAX] = {};
-  const ssize_t length = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  if (length <= 0) throw ToolError("cannot find the tool's own path");
-  const std::filesystem::path self(std::string(exe, static_cast<size_t>(length)));
-  return (self.parent_path() / ".." / "simcam" / "libvantix_simcam.so").lexically_normal().string();
-}
-
 const SimcamApi& loadSimcam() {
   static SimcamApi api{};
   static bool loaded = false;
   if (!loaded) {
-    const std::string path = simcamPath();
+    // Found as the spot step finds it: $VANTIX_SIMCAM, the build tree, the
+    // loader's search path.
+    const std::string path = simcamLibraryPath("");
     // Kept loaded for the life of the process: the library's binding to the
     // camera SDK, once made, is never released.
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
