@@ -179,7 +179,7 @@ class DemoReport : public ::testing::Test {
     const fs::path dom = *dir_ / (name + ".dom");
     const std::string command =
         "env -u LD_PRELOAD -u ASAN_OPTIONS -u UBSAN_OPTIONS -u LSAN_OPTIONS -u TSAN_OPTIONS "
-        "timeout 90 " + std::string(kChromium) +
+        "HOME=" + quote(dir_->string()) + " timeout 90 " + std::string(kChromium) +
         " --headless --no-sandbox --disable-gpu --disable-dev-shm-usage --no-first-run"
         " --user-data-dir=" + quote((*dir_ / "chromium-profile").string()) +
         " --virtual-time-budget=5000 --dump-dom " + quote("file://" + file.string()) + " >" +
