@@ -62,24 +62,43 @@ void demoEdge(DemoContext& context) {
   EdgeSession session(frame.format, frame.size, kSearchSize);
   cv::Mat picture = photo.clone();
   int snapped = 0;
+  double farthest = 0, moved = 0;
+  std::vector<std::vector<std::string>> rows;
   const int half = static_cast<int>(kSearchSize * 3 / 2);
   for (const cv::Point& click : clicks) {
     cv::Point point = click;
-    const bool moved = session.snap(frame, point);
+    const bool found = session.snap(frame, point);
     cv::rectangle(picture, click - cv::Point(half, half), click + cv::Point(half, half),
                   cv::Scalar(200, 200, 200), 1);
-    if (moved) {
+    if (found) {
       ++snapped;
-      say("(%d,%d) -> (%d,%d)", click.x, click.y, point.x, point.y);
+      const double distance = cv::norm(point - click);
+      moved += distance;
+      farthest = std::max(farthest, distance);
+      rows.push_back({format("(%d, %d)", click.x, click.y), format("(%d, %d)", point.x, point.y),
+                      format("%.1f px", distance)});
       cv::line(picture, click, point, cv::Scalar(0, 255, 255), 1, cv::LINE_AA);
       cv::circle(picture, point, 3, cv::Scalar(0, 220, 0), cv::FILLED, cv::LINE_AA);
     } else {
-      say("(%d,%d): no edge within %u px", click.x, click.y, kSearchSize);
+      rows.push_back({format("(%d, %d)", click.x, click.y), "no edge", ""});
     }
     cv::circle(picture, click, 4, cv::Scalar(0, 0, 255), 1, cv::LINE_AA);
   }
-  say("%d of %d clicks snapped", snapped, static_cast<int>(clicks.size()));
+  say("%d of %d clicks snapped, moved %.1f px on average, at most %.1f px", snapped,
+      static_cast<int>(clicks.size()), snapped > 0 ? moved / snapped : 0.0, farthest);
   context.save("edge-snap.png", picture);
+
+  HtmlReport::Section& section = context.section();
+  section.paragraph(format("%s (%s): simulated clicks a few pixels away from strong edges, each "
+                           "snapped onto the nearest edge by an edge session (search size %u).",
+                           label.c_str(), sizeText(photo.size()).c_str(), kSearchSize));
+  section.highlight(format("%d of %d clicks snapped; moved %.1f px on average, at most %.1f px.",
+                           snapped, static_cast<int>(clicks.size()),
+                           snapped > 0 ? moved / snapped : 0.0, farthest));
+  section.figure({picture, "edge-snap.png: red circle = click, green dot = snapped point, "
+                           "yellow line = the move, grey square = search area"});
+  section.foldedTable(format("All %d clicks", static_cast<int>(clicks.size())),
+                      {"click", "snapped to", "distance"}, rows);
 }
 
 }  // namespace vtool

@@ -3,12 +3,9 @@
 // stitch session, and the panorama is saved.  The camera knows where each
 // frame really was, so the step also prints how far the placements are off.
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cmath>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,26 +14,20 @@
 #include "errors.h"
 #include "image_io.h"
 #include "result_names.h"
+#include "spot_camera.h"
 #include "stitch_session.h"
 
 namespace vtool {
 
 namespace {
 
-// The simulated camera SDK, built next to the tool: <build>/tools/simcam.
-std::string simcamPath() {
-  char exe[PATH_MAX] = {};
-  const ssize_t length = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  if (length <= 0) throw ToolError("cannot find the tool's own path");
-  const std::filesystem::path self(std::string(exe, static_cast<size_t>(length)));
-  return (self.parent_path() / ".." / "simcam" / "libvantix_simcam.so").lexically_normal().string();
-}
-
 const SimcamApi& loadSimcam() {
   static SimcamApi api{};
   static bool loaded = false;
   if (!loaded) {
-    const std::string path = simcamPath();
+    // Found as the spot step finds it: $VANTIX_SIMCAM, the build tree, the
+    // loader's search path.
+    const std::string path = simcamLibraryPath("");
     // Kept loaded for the life of the process: the library's binding to the
     // camera SDK, once made, is never released.
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -97,6 +88,8 @@ void demoStitch(DemoContext& context) {
   session.start();
   std::vector<uint8_t> buffer(sim.frameBytes(camera.handle, 24, 0));
   std::vector<cv::Point2d> truth;
+  std::vector<std::string> events;
+  Progress progress("frames stitched", static_cast<int>(frames));
   for (uint32_t i = 0; i < frames; ++i) {
     const uint32_t index = sim.frameIndex(camera.handle);
     FrameInfoV2 info{};
@@ -114,9 +107,12 @@ void demoStitch(DemoContext& context) {
     for (uint32_t code : session.takeEvents()) {
       if (code != VANTIX_STITCH_EVENT_CANVAS_GROWING) {
         say("frame %u: %s", i, stitchEventName(code).c_str());
+        events.push_back(format("frame %u: %s", i, stitchEventName(code).c_str()));
       }
     }
+    progress.update(static_cast<int>(i + 1));
   }
+  progress.finish();
   const cv::Mat panorama = session.stop(true);
   const std::vector<StitchReport> reports = session.reports();
 
@@ -125,6 +121,7 @@ void demoStitch(DemoContext& context) {
   const std::vector<cv::Point> placed = finalCanvasPositions(reports);
   double sum = 0, worst = 0;
   int count = 0;
+  PlotSeries errors{"placement error", {}, {}, "", false};
   for (size_t i = 0; i < reports.size() && i < truth.size(); ++i) {
     if (reports[i].mode != 1) continue;
     const cv::Point2d expected = truth[i] - truth[0] + cv::Point2d(placed[0]);
@@ -132,11 +129,49 @@ void demoStitch(DemoContext& context) {
     sum += error;
     worst = std::max(worst, error);
     ++count;
+    errors.x.push_back(static_cast<double>(i));
+    errors.y.push_back(error);
   }
   say("%d of %u frames placed; placement error mean %.2f px, max %.2f px", count, frames,
       count > 0 ? sum / count : 0.0, worst);
   if (panorama.empty()) throw ToolError("the stitch session returned no panorama");
   context.save("stitch-panorama.png", panorama);
+
+  // Time a frame: the gaps between consecutive reports (each frame was
+  // pulled only after the previous one was reported).
+  double gaps = 0, slowest = 0;
+  for (size_t i = 1; i < reports.size(); ++i) {
+    const double gap = reports[i].seconds - reports[i - 1].seconds;
+    gaps += gap;
+    slowest = std::max(slowest, gap);
+  }
+  const double perFrame = reports.size() > 1 ? gaps * 1000 / static_cast<double>(reports.size() - 1) : 0;
+  context.timing("pull and stitch, a frame (mean)", perFrame);
+  context.timing("pull and stitch, slowest frame", slowest * 1000);
+
+  HtmlReport::Section& section = context.section();
+  section.paragraph(format("The simulated camera pans over %s in a serpentine of %d rows; the "
+                           "library pulls each of its %u frames of %s (vantix_stitch_pull) into "
+                           "a live stitch session, which registers it against the last reference "
+                           "frame and draws it onto the growing canvas.  The camera knows where "
+                           "each frame really was, so the placements can be checked.",
+                           label.c_str(), kRows, frames, sizeText(frame).c_str()));
+  section.highlight(format("%d of %u frames placed; placement error against the true camera "
+                           "positions: mean %.2f px, max %.2f px.  %.1f ms a frame.",
+                           count, frames, count > 0 ? sum / count : 0.0, worst, perFrame));
+  section.figure({panorama, format("stitch-panorama.png: %s panorama from %u frames (%d placed)",
+                                   sizeText(panorama.size()).c_str(), frames, count)});
+  LinePlot plot;
+  plot.title = "Placement error of each placed frame";
+  plot.xLabel = "frame";
+  plot.yLabel = "error (px)";
+  plot.series.push_back(errors);
+  section.plot(plot);
+  if (!events.empty()) {
+    std::vector<std::vector<std::string>> rows;
+    for (const std::string& event : events) rows.push_back({event});
+    section.table({"events of the session"}, rows);
+  }
 }
 
 }  // namespace vtool
