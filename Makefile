@@ -10,13 +10,14 @@ DEMO_OUT ?= demo-output
 PACKAGES := g++ make cmake ninja-build pkg-config binutils \
             libopencv-core-dev libopencv-imgproc-dev libopencv-features2d-dev \
             libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev \
-            opencv-doc python3 python3-numpy python3-pytest
+            opencv-doc python3 python3-numpy python3-pytest chromium
 # opencv-doc's example photos are test data and demo input; python3-numpy and
-# python3-pytest run the Python binding's tests.
+# python3-pytest run the Python binding's tests; chromium renders the demo's
+# HTML report in a test.
 DEMO_PACKAGES :=
 
 CONFIGURE = cmake -S . -G Ninja -Wno-dev
-.PHONY: all deps deps-demo build demo test test-plain test-asan test-tsan test-python bench clean
+.PHONY: all deps deps-demo build demo test test-plain test-asan test-tsan test-python test-install bench clean
 
 all: build
 
@@ -53,7 +54,7 @@ build: deps
 demo: deps-demo build
 	./build/tools/vantix/vantix demo --out $(DEMO_OUT)
 
-test: test-plain test-asan test-tsan test-python
+test: test-plain test-asan test-tsan test-python test-install
 	@echo "== all test runs passed"
 
 test-plain: build
@@ -76,8 +77,13 @@ test-tsan: deps
 test-python: build
 	sh python/run_tests.sh build
 
+# Installs the plain tree into build-install/prefix and builds the examples
+# against it with CMake and with pkg-config.
+test-install: build
+	bash examples/check_install.sh . build-install build
+
 bench: build
 	for b in build/bench/bench_*; do $$b; done
 
 clean:
-	rm -rf build build-asan build-tsan $(DEMO_OUT)
+	rm -rf build build-asan build-tsan build-install build-fuzz $(DEMO_OUT)
