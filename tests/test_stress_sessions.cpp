@@ -272,9 +272,31 @@ TEST_F(StressSessions, FourPushersAndAStarterStopper) {
   vantix_edf_delete(edf);
 }
 
-// A thousand start/stop cycles per session type, some with frames pushed in
-// between; every worker ends (no thread is left behind) and no callback
-// comes outside a run.
+// Start/stop cycles of one session: every 50th run fuses or places a frame
+// before its stop, every 10th pushes one and stops at once (the frame is
+// processed or stays queued for the next run).
+template <typename Host, typename Start, typename Push, typename Stop>
+void startStopCycles(Host& host, Start start, Push push, Stop stop,
+                     const std::vector<cv::Mat>& frames, int cycles, int& waited) {
+  for (int i = 0; i < cycles; ++i) {
+    host.window = true;
+    start();
+    if (i % 50 == 0) {
+      const int before = host.frames.load();
+      ASSERT_EQ(push(frames[i / 50 % frames.size()]), VANTIX_S_OK);
+      ASSERT_TRUE(host.waitFrames(before + 1)) << "cycle " << i;
+      ++waited;
+    } else if (i % 10 == 3) {
+      ASSERT_EQ(push(frames[i % frames.size()]), VANTIX_S_OK);
+    }
+    stop();
+    host.window = false;
+  }
+}
+
+// A thousand start/stop cycles of an EDF and a stitch session (run side by
+// side); every worker ends (no thread is left behind) and no callback comes
+// outside a run.
 TEST_F(StressSessions, ThousandStartStopCycles) {
   Watchdog watchdog(240s, "start/stop cycles");
   constexpr int kW = 160, kH = 120, kCycles = 1000;
@@ -283,53 +305,30 @@ TEST_F(StressSessions, ThousandStartStopCycles) {
 
   EdfHost edfHost;
   VantixEdf* edf = vantix_edf_new(2, &EdfHost::onFrame, &EdfHost::onError, &edfHost);
-  int waited = 0;
-  for (int i = 0; i < kCycles; ++i) {
-    edfHost.window = true;
-    vantix_edf_start(edf);
-    if (i % 50 == 0) {
-      // Pushed and fused before the stop.
-      const int before = edfHost.frames.load();
-      ASSERT_EQ(pushEdf(edf, frames[i / 50 % frames.size()]), VANTIX_S_OK);
-      ASSERT_TRUE(edfHost.waitFrames(before + 1)) << "cycle " << i;
-      ++waited;
-    } else if (i % 10 == 3) {
-      // Pushed and stopped at once: fused or kept queued for the next run.
-      ASSERT_EQ(pushEdf(edf, frames[i % frames.size()]), VANTIX_S_OK);
-    }
-    vantix_edf_stop(edf);
-    edfHost.window = false;
-  }
-  EXPECT_EQ(threadCount(), baseline);
-  EXPECT_GE(edfHost.frames.load(), waited);
-  EXPECT_EQ(edfHost.outside.load(), 0);
-  EXPECT_EQ(edfHost.failures.load(), 0);
-  vantix_edf_delete(edf);
-
   StitchHost stitchHost;
   VantixStitch* stitch = vantix_stitch_newV3(0, 0, kW, kH, 1, 1, 2, &StitchHost::onFrame,
                                              &StitchHost::onEvent, &stitchHost);
   ASSERT_NE(stitch, nullptr);
-  const int withCanvas = threadCount();  // the canvas's drawing thread
-  waited = 0;
-  for (int i = 0; i < kCycles; ++i) {
-    stitchHost.window = true;
-    vantix_stitch_start(stitch);
-    if (i % 50 == 0) {
-      const int before = stitchHost.frames.load();
-      ASSERT_EQ(pushStitch(stitch, frames[i / 50 % frames.size()]), VANTIX_S_OK);
-      ASSERT_TRUE(stitchHost.waitFrames(before + 1)) << "cycle " << i;
-      ++waited;
-    } else if (i % 10 == 3) {
-      ASSERT_EQ(pushStitch(stitch, frames[i % frames.size()]), VANTIX_S_OK);
-    }
-    vantix_stitch_stop(stitch, 0, 0);
-    stitchHost.window = false;
-  }
-  EXPECT_EQ(threadCount(), withCanvas);
-  EXPECT_GE(stitchHost.frames.load(), waited);
+  int edfWaited = 0, stitchWaited = 0;
+  std::thread edfCycles([&] {
+    startStopCycles(
+        edfHost, [&] { vantix_edf_start(edf); }, [&](const cv::Mat& f) { return pushEdf(edf, f); },
+        [&] { vantix_edf_stop(edf); }, frames, kCycles, edfWaited);
+  });
+  startStopCycles(
+      stitchHost, [&] { vantix_stitch_start(stitch); },
+      [&](const cv::Mat& f) { return pushStitch(stitch, f); },
+      [&] { vantix_stitch_stop(stitch, 0, 0); }, frames, kCycles, stitchWaited);
+  edfCycles.join();
+  EXPECT_EQ(edfWaited, kCycles / 50);
+  EXPECT_EQ(stitchWaited, kCycles / 50);
+  // Only the stitch canvas's drawing thread is left.
+  EXPECT_EQ(threadCount(), baseline + 1);
+  EXPECT_EQ(edfHost.outside.load(), 0);
   EXPECT_EQ(stitchHost.outside.load(), 0);
+  EXPECT_EQ(edfHost.failures.load(), 0);
   EXPECT_EQ(stitchHost.failures.load(), 0);
+  vantix_edf_delete(edf);
   vantix_stitch_delete(stitch);
   EXPECT_EQ(threadCount(), baseline);
 }
