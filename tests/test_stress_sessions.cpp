@@ -169,7 +169,8 @@ std::vector<cv::Mat> panFrames(int count, int width, int height, cv::Point start
 }
 
 // Four host threads push into one stitch and one EDF session while a fifth
-// starts and stops both; at the end the host stops, reads and deletes.
+// starts and stops both and a sixth reads them; at the end the host stops,
+// reads and deletes.
 TEST_F(StressSessions, FourPushersAndAStarterStopper) {
   Watchdog watchdog(240s, "four pushers and a starter/stopper");
   constexpr int kW = 160, kH = 120;
@@ -196,6 +197,21 @@ TEST_F(StressSessions, FourPushersAndAStarterStopper) {
       }
     });
   }
+  // A sixth thread reads both sessions all along (readdata takes the locks
+  // the workers publish under; a stop may take the panorama meanwhile).
+  std::atomic<int> badReads{0}, reads{0};
+  std::thread reader([&] {
+    std::vector<uint8_t> fusedCopy(kW * 3 * kH), canvasCopy(paddedStride(64, 24) * 48 + 16, 0xCD);
+    while (!done.load()) {
+      vantix_edf_readdata(edf, fusedCopy.data(), kW * 3);
+      uint32_t x, y, w, h;
+      vantix_stitch_cropparams(stitch, &x, &y, &w, &h);
+      const int32_t r = vantix_stitch_readdata(stitch, canvasCopy.data(), 64, 48, 0, 0, 0, 0);
+      badReads += (r != 0 && r != 1) || canvasCopy.back() != 0xCD;
+      ++reads;
+      std::this_thread::sleep_for(std::chrono::microseconds(300));
+    }
+  });
   const int cycles = vtest::scaled(80);
   std::thread controller([&] {
     for (int c = 0; c < cycles; ++c) {
@@ -223,6 +239,8 @@ TEST_F(StressSessions, FourPushersAndAStarterStopper) {
   controller.join();
   done = true;
   for (std::thread& t : pushers) t.join();
+  reader.join();
+  EXPECT_EQ(badReads.load(), 0) << "of " << reads.load() << " reads";
 
   // A last run that certainly processes a frame of each session.
   stitchHost.window = true;
