@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -148,6 +149,7 @@ CLvCanvas::CLvCanvas(uint32_t format, int frameWidth, int frameHeight, int canva
       canvasHeight_(canvasHeight),
       notify_(notify),
       session_(session) {
+  crop_ = cv::Rect(left_, top_, right_ - left_, bottom_ - top_);
   image_.create(canvasHeight_, canvasWidth_, bytesPerPixel(format_) == 3 ? CV_8UC3 : CV_8UC4);
   fillBackground(image_, background_);
   coverage_ = cv::Mat::zeros((canvasHeight_ + kCoverageCell - 1) / kCoverageCell,
@@ -188,6 +190,7 @@ CLvCanvas::PlaceAnswer CLvCanvas::placeCheck(int& x, int& y) {
   const float fy = static_cast<float>(std::abs(y - lastDrawn_.y)) / static_cast<float>(frameHeight_);
   answer.far = fx > 1.0f || fy > 1.0f;
   answer.grow = x < 0 || y < 0 || x + frameWidth_ > canvasWidth_ || y + frameHeight_ > canvasHeight_;
+  if (!answer.grow) crop_ = cv::Rect(left_ + shift_.x, top_ + shift_.y, right_ - left_, bottom_ - top_);
   return answer;
 }
 
@@ -197,6 +200,12 @@ cv::Point CLvCanvas::canvasPosition(int x, int y) const {
 }
 
 bool CLvCanvas::enqueue(const cv::Mat& frame, int x, int y) {
+  // The queue keeps a copy of its own: the drawing thread is then the only
+  // one that reads and frees those pixels.  Sharing the worker's frame would
+  // leave its release to whichever thread drops the last reference, ordered
+  // only by the image library's reference count, which ThreadSanitizer does
+  // not see (the library is not instrumented).
+  cv::Mat own = frame.clone();
   std::lock_guard<std::mutex> lock(queueMutex_);
   if (drawQueue_.size() >= 11) {
     drawQueue_.pop_front();
@@ -207,7 +216,7 @@ bool CLvCanvas::enqueue(const cv::Mat& frame, int x, int y) {
     return false;
   }
   drawFailed_.store(false);
-  drawQueue_.push_back(DrawEntry{frame, x, y});
+  drawQueue_.push_back(DrawEntry{std::move(own), x, y});
   ++pendingDraws_;
   lastDrawn_ = cv::Point(x, y);
   return true;
@@ -253,6 +262,7 @@ void CLvCanvas::grow(int& x, int& y) {
       e.x += offset.x;
       e.y += offset.y;
     }
+    crop_ = cv::Rect(left_ + shift_.x, top_ + shift_.y, right_ - left_, bottom_ - top_);
   }
   x += offset.x;
   y += offset.y;
@@ -260,7 +270,12 @@ void CLvCanvas::grow(int& x, int& y) {
 
 cv::Rect CLvCanvas::cropRect() const {
   std::lock_guard<std::mutex> lock(queueMutex_);
-  return cv::Rect(left_ + shift_.x, top_ + shift_.y, right_ - left_, bottom_ - top_);
+  return crop_;
+}
+
+void CLvCanvas::publishCrop() {
+  std::lock_guard<std::mutex> lock(queueMutex_);
+  crop_ = cv::Rect(left_ + shift_.x, top_ + shift_.y, right_ - left_, bottom_ - top_);
 }
 
 cv::Point CLvCanvas::toPanorama(cv::Point p) const {

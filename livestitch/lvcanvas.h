@@ -66,8 +66,16 @@ class CLvCanvas {
   // (x, y) are moved with it.  Worker thread.
   void grow(int& x, int& y);
 
-  // Covered rectangle (left, top, width, height) in canvas pixels.
+  // Covered rectangle (left, top, width, height) in canvas pixels, as last
+  // published.  A placement that makes the canvas grow updates the bounds
+  // before the canvas has its new size and content offset; readers keep the
+  // previous rectangle until the growth is done, so a rectangle read from
+  // another thread always matches the canvas of that moment.
   cv::Rect cropRect() const;
+  // Publishes the rectangle of the current bounds (placeCheck does it for
+  // placements without growth, grow at its end; the session calls it after
+  // a growth that failed, so the bounds still show the frame).
+  void publishCrop();
   // Canvas point to panorama coordinates (relative to the first frame).
   cv::Point toPanorama(cv::Point canvasPoint) const;
 
@@ -112,6 +120,7 @@ class CLvCanvas {
   cv::Point lastMove_{-1, -1};
   cv::Point shift_{0, 0};
   int right_, left_, bottom_, top_;
+  cv::Rect crop_;  // what cropRect() answers; see there
   int canvasWidth_, canvasHeight_;
   cv::Mat image_;
   cv::Mat coverage_;  // nonzero where frames were painted

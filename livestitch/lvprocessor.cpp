@@ -409,6 +409,7 @@ void CLvProcessor::compose(const cv::Mat& frame, cv::Point2d position, int mode,
       } catch (const std::exception&) {
         event(4);
       }
+      canvas_->publishCrop();
     }
     if (!placed_) {
       placed_ = true;
