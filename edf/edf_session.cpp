@@ -60,6 +60,8 @@ void CEdfSession::push(const void* data, uint32_t width, uint32_t height, uint64
   // `bits` is ignored: the session's format decides the layout of frames.
   if (!running_) return;
   cv::Mat working = toWorkingImage(format_, data, width, height, rowPitch, true);
+  // A frame without pixels is dropped here rather than take a queue slot.
+  if (working.empty()) return;
   // Only a working image that still views the host's buffer needs a copy;
   // the converted formats already own their pixels.
   if (working.u == nullptr) working = working.clone();
