@@ -96,6 +96,12 @@ TEST(BadInput, NullSessionsOfUncheckedFunctionsFault) {
       {"vantix_spot_setAperture", [] { vantix_spot_setAperture(nullptr, SpotAperture{5, 5, 3, 3}); }},
       {"vantix_spot_setRoi", [] { vantix_spot_setRoi(nullptr, 0, 0, 4, 4); }},
       {"vantix_edge_get", [&] { vantix_edge_get(nullptr, buffer.data(), &x, &y, 0); }},
+      {"vantix_stitch_pull, pushing", [&] {
+         SimcamApi sim{};
+         if (!simcam_load_api(dlopen(VANTIX_SIMCAM_PATH, RTLD_NOW | RTLD_LOCAL), &sim)) return;
+         std::vector<uint8_t> frame(4 * 4 * 3);
+         vantix_stitch_pull(nullptr, sim.open(4, 4), 1, frame.data(), 24, 0, nullptr);
+       }},
   };
   for (const auto& c : cases) EXPECT_TRUE(faultsInChild(c.call)) << c.name << " returned";
 }
@@ -125,12 +131,20 @@ TEST(BadInput, StitchSession) {
   VantixStitch* odd = vantix_stitch_newV3(7, 0, 64, 48, 9, 9, 9, &StitchHost::onFrame,
                                           &StitchHost::onEvent, &host);
   ASSERT_NE(odd, nullptr);
+  EXPECT_EQ(reinterpret_cast<vantix::CLvProcessor*>(odd)->scalePercent(), 40);
   vantix_stitch_start(odd);
   vantix_stitch_pushback(odd, frame.data, 64, 48, 24, 0);
   ASSERT_TRUE(host.settle(1));
   EXPECT_EQ(host.frames.load(), 1);
   EXPECT_EQ(host.failures.load(), 0);
   vantix_stitch_delete(odd);
+  // Without callbacks the frames are processed unheard.
+  VantixStitch* mute = vantix_stitch_new(0, 64, 48, 0, nullptr, nullptr, nullptr);
+  vantix_stitch_start(mute);
+  vantix_stitch_pushback(mute, frame.data, 64, 48, 24, 0);
+  for (int i = 0; i < 400 && queued(mute) > 0; ++i) std::this_thread::sleep_for(5ms);
+  EXPECT_EQ(queued(mute), 0u);
+  vantix_stitch_delete(mute);
 
   VantixStitch* s = make(64, 48);
   ASSERT_NE(s, nullptr);
@@ -314,6 +328,10 @@ TEST(BadInput, CameraPulls) {
                                                                 invalid, invalid, invalid, ok,
                                                                 invalid}));  // no pitch in pullnam
     EXPECT_TRUE(info2.width == 0 && info3.width == 0 && info4.width == 0 && out.total == 5);
+    // Without a push the session may be null.
+    EXPECT_EQ(vantix_edf_pull(nullptr, camera, 0, buffer.data(), 24, 0, &info2), ok);
+    EXPECT_EQ(info2.width, 64u);
+    info2 = FrameInfoV2{};
 
     // The named pull without size pointers: the SDK's result, the frame
     // dropped.  A session that is not running drops what a pull pushes.
@@ -375,7 +393,7 @@ TEST(BadInput, EdgeSession) {
 
   // Frames one pixel wide or high: any point inside answers 0 or 1.
   for (const cv::Size size : {cv::Size(1, 48), cv::Size(48, 1), cv::Size(1, 1)}) {
-    for (uint32_t format = 0; format < 4; ++format) {
+    for (uint32_t format : {0u, 1u, 2u, 3u, 9u}) {
       VantixEdge* thin = vantix_edge_new(format, size.width, size.height, 10);
       for (int i = 0; i < std::max(size.width, size.height); i += 7) {
         int32_t px = std::min(i, size.width - 1), py = std::min(i, size.height - 1);
@@ -418,6 +436,11 @@ TEST(BadInput, ImageOperations) {
         << c.name;
   }
   EXPECT_EQ(std::count(pixels.begin(), pixels.end(), 0x5A), 256);
+  // Version 1 forms the pixel address from biSize before it is refused.
+  alignas(8) uint8_t image[64] = {};
+  auto* header = reinterpret_cast<VantixImageHeader*>(image);
+  *header = VantixImageHeader{41, 2, 2, 1, 24, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(vantix_resizeV1(header, header, 1), VANTIX_E_INVALIDARG);
 
   // Demosaic: null buffers and frames too small for a method all end in
   // the code of a conversion that ran.
