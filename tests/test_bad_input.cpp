@@ -142,7 +142,7 @@ TEST(BadInput, StitchSession) {
   VantixStitch* mute = vantix_stitch_new(0, 64, 48, 0, nullptr, nullptr, nullptr);
   vantix_stitch_start(mute);
   vantix_stitch_pushback(mute, frame.data, 64, 48, 24, 0);
-  for (int i = 0; i < 400 && queued(mute) > 0; ++i) std::this_thread::sleep_for(5ms);
+  for (int i = 0; i < 2000 && queued(mute) > 0; ++i) std::this_thread::sleep_for(5ms);
   EXPECT_EQ(queued(mute), 0u);
   vantix_stitch_delete(mute);
 
