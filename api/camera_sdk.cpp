@@ -186,7 +186,11 @@ VantixResult pullNamed(void* session, void* camera, int32_t push, void* buffer, 
   const SdkNamedPullFn fn = gNamed.namedPullFn.load();
   if (fn == nullptr) return VANTIX_E_NOTIMPL;
   const int32_t result = fn(camera, buffer, static_cast<int32_t>(bits), width, height);
-  if (push != 0 && result >= 0) pushEntry(session, buffer, *width, *height, 8, 0);
+  // The size comes back through the host's pointers: without them the
+  // frame cannot be pushed, and is dropped.
+  if (push != 0 && result >= 0 && width != nullptr && height != nullptr) {
+    pushEntry(session, buffer, *width, *height, 8, 0);
+  }
   return static_cast<VantixResult>(result);
 }
 

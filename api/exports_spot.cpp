@@ -1,4 +1,6 @@
 // The spot-measurement functions of the C interface.
+#include <vector>
+
 #include <vantix.h>
 
 #include "api/camera_sdk.h"
@@ -36,6 +38,13 @@ VANTIX_API VantixResult vantix_spot_pull(VantixSpot* session, void* camera, uint
                                          void* buffer, uint32_t bitCount, uint32_t rowPitch,
                                          FrameInfoV2* info, SpotResult* out) {
   vantix::CSpotSession* s = spot(session);
+  // A null `out` with measure set: the frame is measured (the aperture and
+  // the average move on) into records the host does not see.
+  std::vector<SpotResult> unseen;
+  if (measure != 0 && out == nullptr) {
+    unseen.resize(s->spotCount());
+    out = unseen.data();
+  }
   return vantix::pullSpot(s, s->rawBitDepthSlot(), camera, measure, buffer, bitCount, rowPitch,
                           info, out, &vantix::CSpotSession::frameEntry);
 }

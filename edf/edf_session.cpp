@@ -60,6 +60,8 @@ void CEdfSession::push(const void* data, uint32_t width, uint32_t height, uint64
   // `bits` is ignored: the session's format decides the layout of frames.
   if (!running_) return;
   cv::Mat working = toWorkingImage(format_, data, width, height, rowPitch, true);
+  // A frame without pixels is dropped here rather than take a queue slot.
+  if (working.empty()) return;
   // Only a working image that still views the host's buffer needs a copy;
   // the converted formats already own their pixels.
   if (working.u == nullptr) working = working.clone();
@@ -72,7 +74,8 @@ void CEdfSession::push(const void* data, uint32_t width, uint32_t height, uint64
 
 void CEdfSession::readData(void* buffer, uint32_t rowBytes) {
   std::lock_guard<std::mutex> lock(resultMutex_);
-  if (fused_.empty()) return;
+  // A row length of 0 copies nothing (and the buffer may then be null).
+  if (fused_.empty() || rowBytes == 0) return;
   auto* out = static_cast<uint8_t*>(buffer);
   const uint8_t* end = fused_.dataend;
   for (int y = 0; y < fused_.rows; ++y) {
@@ -147,6 +150,8 @@ void CEdfSession::process(cv::Mat& frame) {
     height = fused_.rows;
     type = fused_.type() & 0xfff;
   }
+  // onFrame must be set; a host that left it null simply hears nothing.
+  if (onFrame_ == nullptr) return;
   onFrame_(context_, 0, data, static_cast<uint32_t>(step), static_cast<uint32_t>(width),
            static_cast<uint32_t>(height), static_cast<uint32_t>(type));
 }

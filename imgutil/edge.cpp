@@ -410,6 +410,8 @@ void CEdgeSession::takeIn(const void* buffer) {
 
 int32_t CEdgeSession::get(const void* buffer, int32_t* x, int32_t* y, uint32_t size) {
   if (size >= 1 && size <= 50 && size != size_) size_ = size;
+  // Without a point there is nothing to snap.
+  if (x == nullptr || y == nullptr) return 0;
 
   const EdgeSearchArea area = edgeSearchArea(size_, *x, *y, width_, height_);
   searchRect_ = area.rect;

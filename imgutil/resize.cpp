@@ -39,6 +39,10 @@ VantixResult resizeImage(const VantixImageHeader* src, uint32_t srcPitch, const 
   if (dstPitch == 0) dstPitch = defaultStride(*dst);
 
   try {
+    // A default stride that wrapped to 0 in 32-bit arithmetic (widths near
+    // 2^32 / bits) is a pitch shorter than a row like any other; the image
+    // library would read 0 as "rows without padding" and run past the buffer.
+    if (srcPitch == 0 || dstPitch == 0) CV_Error(cv::Error::BadStep, "row pitch of 0");
     const cv::Mat source(src->biHeight, src->biWidth, type, const_cast<void*>(srcPixels),
                          srcPitch);
     cv::Mat destination(dst->biHeight, dst->biWidth, type, dstPixels, dstPitch);

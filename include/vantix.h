@@ -330,7 +330,10 @@ typedef void (*VantixStitchEventFn)(void *context, uint32_t code);
  * scale and strictness level 2.  `unused` is ignored.  `background`: 0
  * checkerboard, 1 white, 2 black.  `onFrame` must not be null; `onEvent`
  * may be.  Returns null when vantix_init has not registered an allocator.
- * Running out of memory raises a C++ exception.
+ * Running out of memory raises a C++ exception (a cv::Exception with the
+ * out-of-memory code also for a side above 2^29 - 1, whose four-frame canvas
+ * does not fit the coordinates).  Frames of a few pixels that cannot be
+ * registered fail the worker (event 1) like any other processing failure.
  */
 VANTIX_API VantixStitch *vantix_stitch_new(uint64_t unused, uint32_t width,
                                            uint32_t height, uint32_t background,
@@ -388,6 +391,8 @@ VANTIX_API VantixImageHeader *vantix_stitch_stop(VantixStitch *session,
  * used when roiWidth is nonzero, else the whole canvas.  Cubic interpolation
  * when the buffer has fewer pixels than the canvas, area otherwise.
  * Returns 1 when copied, 0 while the canvas is being reallocated (retry).
+ * A region not inside the canvas, an empty region or a buffer of zero width
+ * or height raises a C++ cv::Exception out of this call.
  */
 VANTIX_API int32_t vantix_stitch_readdata(VantixStitch *session, void *buffer,
                                           uint32_t width, uint32_t height,
@@ -395,7 +400,11 @@ VANTIX_API int32_t vantix_stitch_readdata(VantixStitch *session, void *buffer,
                                           uint32_t roiWidth,
                                           uint32_t roiHeight);
 
-/** Writes the covered rectangle of the canvas; a null session is ignored. */
+/**
+ * Writes the covered rectangle of the canvas; a null session is ignored, and
+ * so is each null pointer.  Before the first frame is placed it writes the
+ * starting bounds (2 * width, 3 * height, width, -height as unsigned).
+ */
 VANTIX_API void vantix_stitch_cropparams(VantixStitch *session, uint32_t *x,
                                          uint32_t *y, uint32_t *width,
                                          uint32_t *height);
@@ -404,8 +413,10 @@ VANTIX_API void vantix_stitch_cropparams(VantixStitch *session, uint32_t *x,
  * Pushes one frame (height rows of width pixels in the session's format,
  * rowPitch bytes a row or 0 for the format's default stride).  `bits` is
  * ignored.  The frame is copied; frames pushed while the session is not
- * running are dropped.  Returns VANTIX_E_NOTIMPL for a null session, else
- * VANTIX_S_OK.
+ * running, and frames of zero width or height, are dropped.  Returns
+ * VANTIX_E_NOTIMPL for a null session, else VANTIX_S_OK.  A rowPitch shorter
+ * than a row (or odd for formats 1 and 3) raises a C++ cv::Exception out of
+ * this call, nothing queued.
  */
 VANTIX_API VantixResult vantix_stitch_pushback(VantixStitch *session,
                                                const void *data, uint32_t width,
@@ -428,11 +439,13 @@ VANTIX_API VantixResult vantix_stitch_pushback(VantixStitch *session,
  * nonzero pushes the frame into the session with the record's width and
  * height.  Returns VANTIX_E_NOTIMPL when the SDK lacks the needed function,
  * otherwise the SDK's own result; on a negative result nothing is copied or
- * pushed.  `session` may only be null when `push` is 0.
+ * pushed.  `session` may only be null when `push` is 0.  The push reads
+ * `buffer` in the session's format: pull with that format's bits.
  *
  * pullnam: pulls through the SDK's "<prefix>_PullImage", which writes the
  * frame size to *width and *height, and pushes with the session's default
- * row stride (8 bits a channel).
+ * row stride (8 bits a channel).  With a null width or height the frame is
+ * not pushed.
  */
 VANTIX_API VantixResult vantix_stitch_pull(VantixStitch *session, void *camera,
                                            int32_t push, void *buffer,
@@ -533,7 +546,7 @@ VANTIX_API void vantix_edf_stop(VantixEdf *session);
  * advancing `buffer` by rowBytes a row.  Copies nothing before the first
  * frame has been processed.  A larger rowBytes reads on into the next row
  * (and stops at the image's last byte, leaving the rest of the host's last
- * rows untouched).
+ * rows untouched).  A rowBytes of 0 copies nothing (buffer may be null).
  */
 VANTIX_API void vantix_edf_readdata(VantixEdf *session, void *buffer,
                                     uint32_t rowBytes);
@@ -543,7 +556,9 @@ VANTIX_API void vantix_edf_readdata(VantixEdf *session, void *buffer,
  * frame (the buffer may be reused at once) and queues it.  Returns
  * VANTIX_E_NOTIMPL for a null session, else VANTIX_S_OK, also when the frame
  * was dropped because the session is not running (never started, stopped,
- * or halted by an error until stop and start).  `bits` is ignored.
+ * or halted by an error until stop and start) or has zero width or height.
+ * `bits` is ignored.  A rowPitch shorter than a row (or odd for formats 1
+ * and 3) raises a C++ cv::Exception out of this call, nothing queued.
  */
 VANTIX_API VantixResult vantix_edf_pushback(VantixEdf *session,
                                             const void *data, uint32_t width,
@@ -671,7 +686,9 @@ VANTIX_API void vantix_spot_setRoi(VantixSpot *session, uint32_t x, uint32_t y,
  * is found, else the SDK's result (negative: nothing else happened).
  * Another bitCount with `measure` set raises a C++ std::runtime_error
  * "Unsupported image depth" after `info` was written and before `out` is
- * touched; with `measure` 0 any bitCount is accepted.
+ * touched; with `measure` 0 any bitCount is accepted.  A null `out` with
+ * `measure` set: the frame is measured (aperture and average move on) and
+ * nothing is written.
  */
 VANTIX_API VantixResult vantix_spot_pull(VantixSpot *session, void *camera,
                                          uint32_t measure, void *buffer,
@@ -717,8 +734,9 @@ VANTIX_API VantixEdge *vantix_edge_new(uint32_t format, uint32_t width,
  * the frame; when nothing of it is left (a point 1.5 * size or more beyond the
  * frame's right or bottom edge, or further out on any side) the image
  * library raises a C++ cv::Exception out of this call, as it does for a
- * frame only one pixel wide or high.  Hosts keep the point inside a frame of
- * at least 2 x 2 pixels.  Call from one thread at a time per session.
+ * search size of 0 (from vantix_edge_new, until a size of 1..50 is given).
+ * Hosts keep the point inside the frame.  A null x or y returns 0.  Call from
+ * one thread at a time per session.
  */
 VANTIX_API int32_t vantix_edge_get(VantixEdge *session, const void *buffer,
                                    int32_t *x, int32_t *y, uint32_t size);
@@ -756,7 +774,8 @@ VANTIX_API VantixResult vantix_resizeV1(const VantixImageHeader *src,
  * Returns VANTIX_S_OK; VANTIX_E_POINTER for a null header;
  * VANTIX_E_INVALIDARG for a header or interpolation that fails validation;
  * VANTIX_E_FAIL when the image library rejects the sizes or pitches (zero or
- * negative sizes, a pitch shorter than a row); VANTIX_E_OUTOFMEMORY.
+ * negative sizes, a pitch shorter than a row, a default stride that wraps to
+ * 0 in 32 bits, a null pixel pointer); VANTIX_E_OUTOFMEMORY.
  */
 VANTIX_API VantixResult vantix_resizeV2(const VantixImageHeader *src,
                                         uint32_t srcPitch,
@@ -794,7 +813,8 @@ VANTIX_API VantixResult vantix_resizeV2(const VantixImageHeader *src,
  * never returns VANTIX_S_OK.  Other results: VANTIX_E_INVALIDARG for bits
  * outside 8..16, outFormat > 3, algorithm > 2 or an unknown pattern;
  * VANTIX_E_NOTIMPL for VNG on 16-bit samples and for 4-channel output with
- * VNG or edge-aware; VANTIX_E_OUTOFMEMORY.
+ * VNG or edge-aware; VANTIX_E_OUTOFMEMORY.  Null buffers and frames the
+ * method cannot take (zero sizes) end in VANTIX_E_FAIL like a conversion.
  *
  * Pattern mapping: "RGGB" and "BGGR" frames give true colours.  "GRBG" and
  * "GBRG" frames are interpreted with their red and blue sites exchanged, so

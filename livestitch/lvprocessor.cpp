@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <cstdlib>
+#include <limits>
 
 #include <opencv2/imgproc.hpp>
 
@@ -42,7 +43,10 @@ cv::Mat grayFloat(const cv::Mat& image) {
 }
 
 cv::Size workingSize(cv::Size frame, int scalePercent) {
-  return cv::Size(frame.width * scalePercent / 100, frame.height * scalePercent / 100);
+  // At least one pixel each way, so that frames only a few pixels wide still
+  // get a working copy (and a score) instead of an empty one.
+  return cv::Size(std::max(1, frame.width * scalePercent / 100),
+                  std::max(1, frame.height * scalePercent / 100));
 }
 
 int roundHalfAway(double v) { return static_cast<int>(std::round(v)); }
@@ -70,6 +74,13 @@ CLvProcessor::CLvProcessor(uint32_t format, uint32_t width, uint32_t height, uin
       context_(context) {
   stitchStrictness(strictLevel, minSharpness_, minMatch_);
   sharpnessFactor_ = stitchSharpnessFactor(scalePercent_, width, height);
+  // The canvas is four frames wide and high in int coordinates: a frame side
+  // beyond a quarter of the int range cannot have one, which is reported like
+  // any other canvas that cannot be allocated.
+  constexpr uint32_t kMaxSide = static_cast<uint32_t>(std::numeric_limits<int>::max() / 4);
+  if (width > kMaxSide || height > kMaxSide) {
+    CV_Error(cv::Error::StsNoMem, "frame too large for a canvas");
+  }
   const int w = static_cast<int>(width), h = static_cast<int>(height);
   canvas_ = std::make_unique<CLvCanvas>(format, w, h, 4 * w, 4 * h, cv::Point(2 * w, 2 * h),
                                         background, scalePercent_, &CLvProcessor::notify, this);
@@ -136,6 +147,8 @@ VantixImageHeader* CLvProcessor::stop(bool wantImage, bool cropped) {
 void CLvProcessor::push(const void* data, uint32_t width, uint32_t height, uint32_t rowPitch) {
   if (!running_.load()) return;
   cv::Mat working = toWorkingImage(format_, data, width, height, rowPitch, true);
+  // A frame without pixels has nothing to place: it is dropped.
+  if (working.empty()) return;
   if (working.data == static_cast<const uint8_t*>(data) || !working.isContinuous() ||
       working.u == nullptr) {
     working = working.clone();
@@ -165,10 +178,11 @@ int32_t CLvProcessor::readData(void* buffer, uint32_t width, uint32_t height, ui
 
 void CLvProcessor::cropParams(uint32_t* x, uint32_t* y, uint32_t* width, uint32_t* height) const {
   const cv::Rect r = canvas_->cropRect();
-  *x = static_cast<uint32_t>(r.x);
-  *y = static_cast<uint32_t>(r.y);
-  *width = static_cast<uint32_t>(r.width);
-  *height = static_cast<uint32_t>(r.height);
+  // A host may pass null for the values it does not want.
+  if (x != nullptr) *x = static_cast<uint32_t>(r.x);
+  if (y != nullptr) *y = static_cast<uint32_t>(r.y);
+  if (width != nullptr) *width = static_cast<uint32_t>(r.width);
+  if (height != nullptr) *height = static_cast<uint32_t>(r.height);
 }
 
 void CLvProcessor::beginRelocation(bool on) {
@@ -258,14 +272,16 @@ bool CLvProcessor::takeFrame(cv::Mat& frame, cv::Mat& small, double& score) {
 
 void CLvProcessor::workerLoop() {
   while (running_.load()) {
-    cv::Mat frame, small;
-    double score = 0.0;
-    if (!takeFrame(frame, small, score)) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      continue;
-    }
-    frameScore_ = score;
+    // The selection scores frames with the image library too: its failures
+    // end the worker like those of the per-frame step, never the process.
     try {
+      cv::Mat frame, small;
+      double score = 0.0;
+      if (!takeFrame(frame, small, score)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        continue;
+      }
+      frameScore_ = score;
       processFrame(frame, small);
     } catch (const cv::Exception& e) {
       running_.store(false);
