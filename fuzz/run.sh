@@ -37,24 +37,23 @@ run_target() {
   mkdir -p "$WORK/$name"
   # The corpus grows in the temporary copy; the seeds stay as committed.
   cp fuzz/corpus/"$name"/* "$WORK/$name"/ 2>/dev/null || true
+  local rc=0
   "$BUILD/fuzz/$name" -max_total_time="$SECONDS_EACH" -timeout=10 -rss_limit_mb=2048 \
     -print_final_stats=1 -artifact_prefix="$ARTIFACTS/$name-" "$WORK/$name" fuzz/corpus/"$name" \
-    >"$WORK/$name.log" 2>&1
+    >"$WORK/$name.log" 2>&1 || rc=$?
+  echo "$rc" >"$WORK/$name.rc"
 }
 
-declare -A status
-pids=()
-names=()
+# At most PARALLEL targets at a time; each leaves its exit status in a file.
 for name in "${TARGETS[@]}"; do
   while [ "$(jobs -rp | wc -l)" -ge "$PARALLEL" ]; do wait -n || true; done
   run_target "$name" &
-  pids+=($!)
-  names+=("$name")
 done
+wait || true
+declare -A status
 failed=0
-for i in "${!pids[@]}"; do
-  name=${names[$i]}
-  if wait "${pids[$i]}"; then status[$name]=ok; else status[$name]=FAILED; failed=1; fi
+for name in "${TARGETS[@]}"; do
+  if [ "$(cat "$WORK/$name.rc" 2>/dev/null)" = 0 ]; then status[$name]=ok; else status[$name]=FAILED; failed=1; fi
 done
 
 printf '%-20s %8s %12s %10s\n' target result executions exec/s
