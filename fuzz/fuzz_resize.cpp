@@ -260,6 +260,11 @@ void runOne(const Args& a) {
   const uint32_t interpolation = kInterpolations[a.interpChoice];
   int interp = -1;
   const VantixResult expected = expectedResult(a, sh, dh, src.pitch, dst.pitch, interpolation, &interp);
+  if (std::getenv("FUZZ_VERBOSE") != nullptr) {
+    std::fprintf(stderr, "resize%s %dx%d/%u pitch %u (%zu bytes) -> %dx%d/%u pitch %u (%zu bytes) interp %u expect 0x%08x\n",
+                 a.v1 ? "V1" : "V2", sh.biWidth, sh.biHeight, sh.biBitCount, src.rowPitch, src.buffer->size(),
+                 dh.biWidth, dh.biHeight, dh.biBitCount, dst.rowPitch, dst.buffer->size(), interpolation, expected);
+  }
   const VantixResult got = callResize(a, src, dst, interpolation);
   FUZZ_EXPECT(got == expected, "resize%s %dx%d/%u -> %dx%d/%u pitch %u/%u interp %u: got 0x%08x, expected 0x%08x",
               a.v1 ? "V1" : "V2", sh.biWidth, sh.biHeight, sh.biBitCount, dh.biWidth, dh.biHeight,
