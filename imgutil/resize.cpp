@@ -53,7 +53,20 @@ VantixResult resizeImage(const VantixImageHeader* src, uint32_t srcPitch, const 
         destination.cols <= 0) {
       CV_Error(cv::Error::StsBadSize, "image size must be positive");
     }
-    cv::resize(source, destination, destination.size(), 0, 0, interp);
+    // The image library's vectorised nearest-neighbour resize of 16-bit grey
+    // images fetches four bytes for every two-byte pixel, so it reads two
+    // bytes past the last pixel of the last row.  The host's buffer ends
+    // there when rows carry no padding (an even width at the default
+    // stride): such a source is resized from a copy with a spare row.
+    cv::Mat padded;
+    const size_t rowBytes = static_cast<size_t>(source.cols) * source.elemSize();
+    if (interp == cv::INTER_NEAREST && type == CV_16UC1 && source.step[0] < rowBytes + 2) {
+      padded.create(source.rows + 1, source.cols, type);
+      source.copyTo(padded.rowRange(0, source.rows));
+      cv::resize(padded.rowRange(0, source.rows), destination, destination.size(), 0, 0, interp);
+    } else {
+      cv::resize(source, destination, destination.size(), 0, 0, interp);
+    }
     // The destination wraps the host's buffer; if the library had to
     // reallocate it the result would never reach the host.
     CV_Assert(destination.data == dstPixels);
