@@ -10,14 +10,16 @@ DEMO_OUT ?= demo-output
 PACKAGES := g++ make cmake ninja-build pkg-config binutils \
             libopencv-core-dev libopencv-imgproc-dev libopencv-features2d-dev \
             libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev \
-            opencv-doc python3 python3-numpy python3-pytest chromium
-# opencv-doc's example photos are test data and demo input; python3-numpy and
-# python3-pytest run the Python binding's tests; chromium renders the demo's
-# HTML report in a test.
+            opencv-doc
+# opencv-doc's example photos are test data and demo input.
 DEMO_PACKAGES :=
+# Only the tests need these: python3-numpy and python3-pytest run the Python
+# binding's tests, chromium renders the demo's HTML report, clang and its
+# runtime build the fuzz targets.
+TEST_PACKAGES := python3 python3-numpy python3-pytest chromium clang libclang-rt-14-dev
 
 CONFIGURE = cmake -S . -G Ninja -Wno-dev
-.PHONY: all deps deps-demo build demo test test-plain test-asan test-tsan test-python test-install bench clean
+.PHONY: all deps deps-demo deps-test build demo test test-plain test-asan test-tsan test-python test-install test-fuzz bench clean
 
 all: build
 
@@ -47,6 +49,9 @@ deps:
 deps-demo: deps
 	$(call install_missing,$(DEMO_PACKAGES))
 
+deps-test: deps
+	$(call install_missing,$(TEST_PACKAGES))
+
 build: deps
 	$(CONFIGURE) -B build -DCMAKE_BUILD_TYPE=Release
 	cmake --build build -j $(JOBS)
@@ -54,13 +59,13 @@ build: deps
 demo: deps-demo build
 	./build/tools/vantix/vantix demo --out $(DEMO_OUT)
 
-test: test-plain test-asan test-tsan test-python test-install
+test: test-plain test-asan test-tsan test-python test-install test-fuzz
 	@echo "== all test runs passed"
 
-test-plain: build
+test-plain: deps-test build
 	cd build && ctest --output-on-failure -j $(JOBS)
 
-test-asan: deps
+test-asan: deps-test
 	$(CONFIGURE) -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTIX_SANITIZE=address \
 	  -DVANTIX_BUILD_BENCH=OFF
 	cmake --build build-asan -j $(JOBS)
@@ -74,13 +79,19 @@ test-tsan: deps
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
 	  ctest --output-on-failure -L threads -j $(JOBS)
 
-test-python: build
+test-python: deps-test build
 	sh python/run_tests.sh build
 
 # Installs the plain tree into build-install/prefix and builds the examples
 # against it with CMake and with pkg-config.
 test-install: build
 	bash examples/check_install.sh . build-install build
+
+# Each libFuzzer target (ASan + UBSan, built with clang in build-fuzz) runs
+# for FUZZ_SECONDS from its seed corpus in fuzz/corpus.
+FUZZ_SECONDS ?= 60
+test-fuzz: deps-test
+	bash fuzz/run.sh $(FUZZ_SECONDS)
 
 bench: build
 	for b in build/bench/bench_*; do $$b; done
