@@ -14,10 +14,12 @@
 //           (dlopen'ed with RTLD_GLOBAL, found by the library on its own),
 //           640 x 480, 16-bit frames of a 12-bit camera: nine pulls in ten
 //           measure one orbiting, breathing spot (averaging over blocks of
-//           4), one in ten three spots on a noisy background; one one-spot
-//           pull in 20 is a 24-bit pull (stretches of 200); the host resets,
-//           sets and clears ROIs and fixed apertures now and then, the beam
-//           is blocked (a dark camera) and the SDK fails a few pulls.
+//           4), one in ten three spots on a noisy background.  In every
+//           cycle of 1,000 one-spot pulls the host resets, sets and clears a
+//           ROI and sets a fixed aperture, the beam is blocked for 20 frames
+//           (a dark camera), the SDK fails 5 pulls and the last 100 pulls
+//           are 24-bit colour pulls; the three-spot session is reset and
+//           gets and loses a ROI every 100 of its pulls.
 //
 // Session frames are paced so that every frame is processed: the next frame
 // is pushed from inside the onFrame of the previous one (the worker never
@@ -29,9 +31,9 @@
 // share no heap (what one phase leaves in the allocator neither hides nor
 // inflates the growth of the next) and each has its own baseline.  A phase
 // is cut into 20 blocks; the table gives each block's throughput and the
-// RSS at its end.  Warm-up: the first block (edf, spot) or the blocks up to
-// the end of the first pass over the scene (stitch), during which the canvas
-// legitimately grows.  Growth is the RSS at the end against the RSS after
+// RSS at its end.  Warm-up: the first block (edf), the blocks up to the end
+// of the first pass over the scene (stitch), during which the canvas
+// legitimately grows, or of the first cycle of the host's actions (spot).  Growth is the RSS at the end against the RSS after
 // warm-up; throughput is steady when the last block is within +-15 % of the
 // first block after warm-up.
 //
@@ -44,6 +46,7 @@
 // Exit status: 0 all phases within the growth limit, 1 a phase grew by more
 // than 5 %, 2 a phase failed to run.
 #include <dlfcn.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -103,6 +106,14 @@ long statusKb(const char* field) {
 
 long rssKb() { return statusKb("VmRSS"); }
 
+// Bytes of the heap in use (allocated and not freed, mmap'ed blocks
+// included): what a leak raises, while the RSS also shows what the allocator
+// keeps of freed memory.
+long heapKb() {
+  const struct mallinfo2 info = mallinfo2();
+  return static_cast<long>((info.uordblks + info.hblkhd) / 1024);
+}
+
 std::string loadAverage() {
   std::ifstream file("/proc/loadavg");
   double one = 0, five = 0, fifteen = 0;
@@ -128,6 +139,7 @@ struct PhaseSummary {
   long units = 0, processed = 0, dropped = 0, extra = 0;
   int blocks = 0, warmupBlocks = 0;
   long baselineKb = 0, warmKb = 0, endKb = 0, maxAfterWarmKb = 0, afterDeleteKb = 0, peakKb = 0;
+  long warmHeapKb = 0, endHeapKb = 0;
   double firstRate = 0, lastRate = 0, minRate = 0, maxRate = 0;
   double seconds = 0, cpu = 0;
   double growthPercent = 0, rateChangePercent = 0;
@@ -141,15 +153,20 @@ struct BlockLog {
   int blocks = 0;
   std::vector<double> seconds;  // block durations
   std::vector<long> rss;        // kB at the end of each block
+  std::vector<long> heap;       // kB of heap in use at the end of each block
+  std::vector<double> cpu;      // process CPU seconds during each block
   std::vector<std::string> notes;
 };
 
 void printTable(const char* unit, const BlockLog& log, int warmupBlocks) {
-  std::printf("| block | %s | %s/s | RSS MB | notes |\n|---|---|---|---|---|\n", unit, unit);
+  std::printf("| block | %s | %s/s | CPU ms a %.*s | RSS MB | heap in use MB | notes |\n"
+              "|---|---|---|---|---|---|---|\n",
+              unit, unit, static_cast<int>(std::strlen(unit) - 1), unit);
   for (int b = 0; b < log.blocks; ++b) {
-    std::printf("| %d%s | %ld | %.1f | %.1f | %s |\n", b + 1, b < warmupBlocks ? " (warm-up)" : "",
-                (b + 1) * log.blockSize, log.blockSize / std::max(1e-9, log.seconds[b]),
-                mb(log.rss[b]), log.notes[b].c_str());
+    std::printf("| %d%s | %ld | %.1f | %.2f | %.1f | %.1f | %s |\n", b + 1,
+                b < warmupBlocks ? " (warm-up)" : "", (b + 1) * log.blockSize,
+                log.blockSize / std::max(1e-9, log.seconds[b]), 1e3 * log.cpu[b] / log.blockSize,
+                mb(log.rss[b]), mb(log.heap[b]), log.notes[b].c_str());
   }
   std::fflush(stdout);
 }
@@ -161,6 +178,8 @@ void summarise(PhaseSummary& s, const BlockLog& log, int warmupBlocks) {
   const int w = s.warmupBlocks;
   s.warmKb = log.rss[w - 1];
   s.endKb = log.rss[log.blocks - 1];
+  s.warmHeapKb = log.heap[w - 1];
+  s.endHeapKb = log.heap[log.blocks - 1];
   s.maxAfterWarmKb = *std::max_element(log.rss.begin() + w, log.rss.end());
   s.growthPercent = 100.0 * (s.endKb - s.warmKb) / std::max(1L, s.warmKb);
   std::vector<double> rates;
@@ -178,12 +197,12 @@ void printSummary(const PhaseSummary& s, const char* unit) {
   std::printf(
       "summary %s: RSS before the session %.1f MB, after warm-up (%d blocks) %.1f MB, at the end "
       "%.1f MB: growth %+.2f %% (%+.1f MB; limit %.0f %%), highest after warm-up %.1f MB, after "
-      "delete %.1f MB, peak (VmHWM) %.1f MB; %s/s first block after warm-up %.1f, last %.1f "
+      "delete %.1f MB, peak (VmHWM) %.1f MB; heap in use %.1f -> %.1f MB; %s/s first block after warm-up %.1f, last %.1f "
       "(%+.1f %%, %s within +-%.0f %%; range %.1f..%.1f); %ld %s processed, %ld dropped; "
       "%.1f s wall, %.1f s CPU; load %s -> %s: %s\n",
       s.name, mb(s.baselineKb), s.warmupBlocks, mb(s.warmKb), mb(s.endKb), s.growthPercent,
       mb(s.endKb - s.warmKb), kGrowthLimitPercent, mb(s.maxAfterWarmKb), mb(s.afterDeleteKb),
-      mb(s.peakKb), unit, s.firstRate, s.lastRate, s.rateChangePercent,
+      mb(s.peakKb), mb(s.warmHeapKb), mb(s.endHeapKb), unit, s.firstRate, s.lastRate, s.rateChangePercent,
       steady ? "steady," : "NOT steady,", kSteadyBandPercent, s.minRate, s.maxRate, s.processed,
       unit, s.dropped, s.seconds, s.cpu, s.loadBefore, s.loadAfter,
       grew ? "FAIL (memory grew)" : "PASS");
@@ -269,6 +288,7 @@ bool runChain(Chain& chain, BlockLog& log, Clock::time_point& start, Preview pre
               NoteBlock noteBlock) {
   std::unique_lock<std::mutex> lock(chain.mutex);
   start = Clock::now();
+  double cpuMark = cpuSeconds();
   chain.pushNext(chain);
   Clock::time_point lastProgress = Clock::now();
   long lastSeen = 0;
@@ -300,6 +320,10 @@ bool runChain(Chain& chain, BlockLog& log, Clock::time_point& start, Preview pre
     const Clock::time_point begin = b == 0 ? start : chain.blockEnd[b - 1];
     log.seconds[b] = std::chrono::duration<double>(chain.blockEnd[b] - begin).count();
     log.rss[b] = rssKb();
+    log.heap[b] = heapKb();
+    const double cpu = cpuSeconds();
+    log.cpu[b] = cpu - cpuMark;
+    cpuMark = cpu;
     log.notes[b] = noteBlock(b);
   }
   return true;
@@ -316,6 +340,8 @@ BlockLog makeLog(long units, long& total) {
   total = log.blockSize * log.blocks;
   log.seconds.assign(log.blocks, 0.0);
   log.rss.assign(log.blocks, 0);
+  log.heap.assign(log.blocks, 0);
+  log.cpu.assign(log.blocks, 0.0);
   log.notes.assign(log.blocks, "");
   return log;
 }
@@ -620,6 +646,9 @@ PhaseSummary runSpot(const Options& options) {
   std::snprintf(s.loadBefore, sizeof s.loadBefore, "%s", loadAverage().c_str());
   long total = 0;
   BlockLog log = makeLog(options.pulls, total);
+  constexpr long kCycle = 1000;  // one-spot pulls of one cycle of the host's actions
+  const long cyclePulls = kCycle * 10 / 9 + 1;
+  const int warmup = static_cast<int>((cyclePulls + log.blockSize - 1) / log.blockSize);
   std::printf("\n## spot: %ld pulls of %d x %d through vantix_spot_pull from the simulated "
               "camera SDK (load average %s)\n",
               total, kWidth, kHeight, s.loadBefore);
@@ -650,36 +679,39 @@ PhaseSummary runSpot(const Options& options) {
   long failed = 0, sdkErrors = 0, measured = 0, dark = 0, pulls1 = 0, pulls3 = 0;
   const auto start = Clock::now();
   auto blockStart = start;
+  double cpuMark = cpuSeconds();
   for (long i = 0; i < total; ++i) {
     const bool multi = i % 10 == 9;
     if (!multi) {
       const long k = pulls1++;
-      // The host's own actions on the one-spot session, now and then.
-      switch (k % 1000) {
+      // The host's own actions on the one-spot session, in a cycle of
+      // kCycle one-spot pulls (warm-up covers the first cycle, so that every
+      // kind of pull has been made once before memory is watched).
+      switch (k % kCycle) {
         case 0: vantix_spot_reset(spot1); break;
         case 300: vantix_spot_setRoi(spot1, 180, 120, 280, 240); break;
+        case 400: sim.setSpot(single, &blocked, 0.0, 0.0, 1); break;  // beam blocked
+        case 420: sim.setSpot(single, &beam, 0.0, 0.0, 1); break;
         case 600: vantix_spot_setAperture(spot1, SpotAperture{320, 240, 70, 60}); break;
+        case 700: sim.setResult(single, static_cast<int32_t>(0x80004005u)); break;  // SDK fails
+        case 705: sim.setResult(single, 0); break;
         case 800: vantix_spot_setRoi(spot1, 0, 0, 0, 0); break;
         default: break;
       }
-      if (k % 2000 == 1500) sim.setSpot(single, &blocked, 0.0, 0.0, 1);  // beam blocked
-      if (k % 2000 == 1520) sim.setSpot(single, &beam, 0.0, 0.0, 1);
-      if (k % 2000 == 1700) sim.setResult(single, static_cast<int32_t>(0x80004005u));
-      if (k % 2000 == 1705) sim.setResult(single, 0);
-      const uint32_t bits = k % 4000 >= 3800 ? 24 : 16;  // the host switches to colour
+      const uint32_t bits = k % kCycle >= 900 ? 24 : 16;  // the host switches to colour
       const VantixResult hr = vantix_spot_pull(spot1, single, 1, buffer.data(), bits, 0, &info, &one);
       if (VANTIX_FAILED(hr)) {
         ++sdkErrors;
       } else {
-        if (k % 2000 >= 1500 && k % 2000 < 1520) ++dark;
+        if (k % kCycle >= 400 && k % kCycle < 420) ++dark;
         if (one.total > 0) ++measured;
       }
     } else {
       const long k = pulls3++;
-      switch (k % 2000) {
+      switch (k % (kCycle / 10)) {
         case 0: vantix_spot_reset(spot3); break;
-        case 1000: vantix_spot_setRoi(spot3, 0, 0, 420, 480); break;
-        case 1500: vantix_spot_setRoi(spot3, 0, 0, 0, 0); break;
+        case 25: vantix_spot_setRoi(spot3, 0, 0, 420, 480); break;
+        case 75: vantix_spot_setRoi(spot3, 0, 0, 0, 0); break;
         default: break;
       }
       const VantixResult hr = vantix_spot_pull(spot3, triple, 1, buffer.data(), 16, 0, &info, several);
@@ -690,6 +722,10 @@ PhaseSummary runSpot(const Options& options) {
       const auto now = Clock::now();
       log.seconds[b] = std::chrono::duration<double>(now - blockStart).count();
       log.rss[b] = rssKb();
+      log.heap[b] = heapKb();
+      const double cpu = cpuSeconds();
+      log.cpu[b] = cpu - cpuMark;
+      cpuMark = cpu;
       blockStart = now;
     }
   }
@@ -707,8 +743,8 @@ PhaseSummary runSpot(const Options& options) {
   s.units = total;
   s.processed = total - sdkErrors - failed;
   s.dropped = sdkErrors + failed;
-  printTable("pulls", log, 1);
-  summarise(s, log, 1);
+  printTable("pulls", log, warmup);
+  summarise(s, log, warmup);
   printSummary(s, "pulls");
   std::printf("(one-spot pulls %ld: with a measured spot %ld, SDK errors injected %ld, dark "
               "frames %ld; three-spot pulls %ld, failed %ld)\n",
@@ -818,16 +854,16 @@ int main(int argc, char** argv) {
   }
 
   std::printf("\n## summary%s\n\n| phase | units | processed / dropped | RSS after warm-up | "
-              "RSS at end | growth | first / last after warm-up | change | verdict |\n"
-              "|---|---|---|---|---|---|---|---|---|\n",
+              "RSS at end | growth | heap in use after warm-up / at end | first / last after warm-up | "
+              "change | verdict |\n|---|---|---|---|---|---|---|---|---|---|\n",
               options.quick ? " (quick run: informational)" : "");
   for (const auto& [e, s] : done) {
     const bool grew = s.growthPercent > kGrowthLimitPercent;
     const bool steady = std::fabs(s.rateChangePercent) <= kSteadyBandPercent;
-    std::printf("| %s | %ld %s | %ld / %ld | %.1f MB | %.1f MB | %+.2f %% | %.1f / %.1f %s/s | "
-                "%+.1f %% | %s, %s |\n",
+    std::printf("| %s | %ld %s | %ld / %ld | %.1f MB | %.1f MB | %+.2f %% | %.1f / %.1f MB | "
+                "%.1f / %.1f %s/s | %+.1f %% | %s, %s |\n",
                 e->name, s.units, e->unit, s.processed, s.dropped, mb(s.warmKb), mb(s.endKb),
-                s.growthPercent, s.firstRate, s.lastRate, e->unit, s.rateChangePercent,
+                s.growthPercent, mb(s.warmHeapKb), mb(s.endHeapKb), s.firstRate, s.lastRate, e->unit, s.rateChangePercent,
                 grew ? "memory grew" : "memory flat", steady ? "steady" : "not steady");
   }
   std::printf("\nload average at the end: %s\n", loadAverage().c_str());
