@@ -30,12 +30,15 @@
 // Each phase runs in a forked child process of its own, so that the phases
 // share no heap (what one phase leaves in the allocator neither hides nor
 // inflates the growth of the next) and each has its own baseline.  A phase
-// is cut into 20 blocks; the table gives each block's throughput and the
-// RSS at its end.  Warm-up: the first block (edf), the blocks up to the end
-// of the first pass over the scene (stitch), during which the canvas
-// legitimately grows, or of the first cycle of the host's actions (spot).  Growth is the RSS at the end against the RSS after
-// warm-up; throughput is steady when the last block is within +-15 % of the
-// first block after warm-up.
+// is cut into 20 blocks; the table gives each block's throughput, the
+// process's CPU time a frame (less sensitive to other load than the
+// throughput), the RSS and the heap in use (mallinfo2: what a leak raises,
+// where the RSS also counts what the allocator keeps) at its end.  Warm-up:
+// the first block (edf), the blocks up to the end of the first pass over the
+// scene (stitch), during which the canvas legitimately grows, or of the
+// first cycle of the host's actions (spot).  Growth is the RSS at the end
+// against the RSS after warm-up (limit 5 %); throughput is steady when the
+// last block is within +-15 % of the first block after warm-up.
 //
 // Usage: soak [--phase edf|stitch|spot|all] [--frames N] [--pulls N]
 //             [--kind 0|1|2] [--quick] [--in-process]

@@ -11,13 +11,21 @@
 #include "edf/pyr_fuser.h"
 #include "support/test_support.h"
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define EDF_MEMORY_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define EDF_MEMORY_SANITIZED 1
+#endif
+#endif
+
 namespace {
 
 // Bytes the process's heap has handed out and not taken back.
 size_t heapInUse() { return mallinfo2().uordblks; }
 
 TEST(EdfPyramidMemory, FusingManyFramesLeavesNothingBehind) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef EDF_MEMORY_SANITIZED
   GTEST_SKIP() << "the sanitizers' allocators do not keep glibc's heap statistics";
 #endif
   const cv::Mat a = vtest::randomImage(96, 128, CV_8UC3, 1);
