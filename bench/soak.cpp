@@ -146,6 +146,7 @@ struct PhaseSummary {
   double firstRate = 0, lastRate = 0, minRate = 0, maxRate = 0;
   double seconds = 0, cpu = 0;
   double growthPercent = 0, rateChangePercent = 0;
+  double firstCpuMs = 0, lastCpuMs = 0, cpuChangePercent = 0;  // process CPU a unit
   char loadBefore[32] = {}, loadAfter[32] = {};
 };
 
@@ -192,23 +193,37 @@ void summarise(PhaseSummary& s, const BlockLog& log, int warmupBlocks) {
   s.minRate = *std::min_element(rates.begin(), rates.end());
   s.maxRate = *std::max_element(rates.begin(), rates.end());
   s.rateChangePercent = 100.0 * (s.lastRate - s.firstRate) / s.firstRate;
+  s.firstCpuMs = 1e3 * log.cpu[w] / log.blockSize;
+  s.lastCpuMs = 1e3 * log.cpu[log.blocks - 1] / log.blockSize;
+  s.cpuChangePercent = 100.0 * (s.lastCpuMs - s.firstCpuMs) / std::max(1e-9, s.firstCpuMs);
+}
+
+// Throughput verdict: steady when frames (pulls) a second stay within the
+// band; on a busy machine the throughput follows the load, and the CPU time a
+// frame tells whether the work itself stayed the same.
+const char* steadiness(const PhaseSummary& s) {
+  if (std::fabs(s.rateChangePercent) <= kSteadyBandPercent) return "steady";
+  if (std::fabs(s.cpuChangePercent) <= kSteadyBandPercent) {
+    return "throughput follows the machine's load, CPU a unit steady";
+  }
+  return "NOT steady";
 }
 
 void printSummary(const PhaseSummary& s, const char* unit) {
   const bool grew = s.growthPercent > kGrowthLimitPercent;
-  const bool steady = std::fabs(s.rateChangePercent) <= kSteadyBandPercent;
   std::printf(
       "summary %s: RSS before the session %.1f MB, after warm-up (%d blocks) %.1f MB, at the end "
       "%.1f MB: growth %+.2f %% (%+.1f MB; limit %.0f %%), highest after warm-up %.1f MB, after "
-      "delete %.1f MB, peak (VmHWM) %.1f MB; heap in use %.1f -> %.1f MB; %s/s first block after warm-up %.1f, last %.1f "
-      "(%+.1f %%, %s within +-%.0f %%; range %.1f..%.1f); %ld %s processed, %ld dropped; "
-      "%.1f s wall, %.1f s CPU; load %s -> %s: %s\n",
+      "delete %.1f MB, peak (VmHWM) %.1f MB; heap in use %.1f -> %.1f MB; %s/s first block after "
+      "warm-up %.1f, last %.1f (%+.1f %%; range %.1f..%.1f), CPU a unit %.2f -> %.2f ms "
+      "(%+.1f %%): %s (band +-%.0f %%); %ld %s processed, %ld dropped; %.1f s wall, %.1f s CPU; "
+      "load %s -> %s: %s\n",
       s.name, mb(s.baselineKb), s.warmupBlocks, mb(s.warmKb), mb(s.endKb), s.growthPercent,
       mb(s.endKb - s.warmKb), kGrowthLimitPercent, mb(s.maxAfterWarmKb), mb(s.afterDeleteKb),
-      mb(s.peakKb), mb(s.warmHeapKb), mb(s.endHeapKb), unit, s.firstRate, s.lastRate, s.rateChangePercent,
-      steady ? "steady," : "NOT steady,", kSteadyBandPercent, s.minRate, s.maxRate, s.processed,
-      unit, s.dropped, s.seconds, s.cpu, s.loadBefore, s.loadAfter,
-      grew ? "FAIL (memory grew)" : "PASS");
+      mb(s.peakKb), mb(s.warmHeapKb), mb(s.endHeapKb), unit, s.firstRate, s.lastRate,
+      s.rateChangePercent, s.minRate, s.maxRate, s.firstCpuMs, s.lastCpuMs, s.cpuChangePercent,
+      steadiness(s), kSteadyBandPercent, s.processed, unit, s.dropped, s.seconds, s.cpu,
+      s.loadBefore, s.loadAfter, grew ? "FAIL (memory grew)" : "PASS");
   std::fflush(stdout);
 }
 
@@ -857,17 +872,18 @@ int main(int argc, char** argv) {
   }
 
   std::printf("\n## summary%s\n\n| phase | units | processed / dropped | RSS after warm-up | "
-              "RSS at end | growth | heap in use after warm-up / at end | first / last after warm-up | "
-              "change | verdict |\n|---|---|---|---|---|---|---|---|---|---|\n",
+              "RSS at end | growth | heap in use after warm-up / at end | throughput first / "
+              "last after warm-up | CPU a unit first / last | memory | throughput |\n"
+              "|---|---|---|---|---|---|---|---|---|---|---|\n",
               options.quick ? " (quick run: informational)" : "");
   for (const auto& [e, s] : done) {
     const bool grew = s.growthPercent > kGrowthLimitPercent;
-    const bool steady = std::fabs(s.rateChangePercent) <= kSteadyBandPercent;
     std::printf("| %s | %ld %s | %ld / %ld | %.1f MB | %.1f MB | %+.2f %% | %.1f / %.1f MB | "
-                "%.1f / %.1f %s/s | %+.1f %% | %s, %s |\n",
+                "%.1f / %.1f %s/s (%+.1f %%) | %.2f / %.2f ms (%+.1f %%) | %s | %s |\n",
                 e->name, s.units, e->unit, s.processed, s.dropped, mb(s.warmKb), mb(s.endKb),
-                s.growthPercent, mb(s.warmHeapKb), mb(s.endHeapKb), s.firstRate, s.lastRate, e->unit, s.rateChangePercent,
-                grew ? "memory grew" : "memory flat", steady ? "steady" : "not steady");
+                s.growthPercent, mb(s.warmHeapKb), mb(s.endHeapKb), s.firstRate, s.lastRate,
+                e->unit, s.rateChangePercent, s.firstCpuMs, s.lastCpuMs, s.cpuChangePercent,
+                grew ? "GREW" : "flat", steadiness(s));
   }
   std::printf("\nload average at the end: %s\n", loadAverage().c_str());
   return status;
