@@ -124,11 +124,7 @@ void collapseLaplacianPyramid(const std::vector<cv::Mat>& pyramid, cv::Mat& chan
 
 CPyrFuser::CPyrFuser(uint32_t method) : method_(method) {}
 
-CPyrFuser::~CPyrFuser() {
-  for (std::thread& t : threads_) {
-    if (t.joinable()) t.join();
-  }
-}
+CPyrFuser::~CPyrFuser() = default;
 
 void CPyrFuser::firstFrame(const cv::Mat& frame) {
   CV_Assert(frame.type() == CV_8UC3);
@@ -152,7 +148,7 @@ void CPyrFuser::firstFrame(const cv::Mat& frame) {
 
 void CPyrFuser::computeWeights(const cv::Mat& frame) {
   // The mean of the channels, kept in float (0..1).  Channel 0's buffers
-  // serve as work space: its thread starts only after the weights are done.
+  // serve as work space: its task starts only after the weights are done.
   ChannelBuffers& work = buffers_[0];
   cv::Mat& mean = work.plane;
   mean.create(frame.size(), CV_32F);
@@ -240,24 +236,19 @@ void CPyrFuser::addFrame(cv::Mat& frame, cv::Mat& result) {
 
   constexpr int kChannels = 3;
   std::exception_ptr failures[kChannels];
-  threads_.clear();
-  try {
-    for (int c = 0; c < kChannels; ++c) {
-      threads_.emplace_back([this, c, &failures] {
-        try {
-          mergeChannel(c);
-        } catch (...) {
-          failures[c] = std::current_exception();
-        }
-      });
+  // One task a channel on OpenCV's own worker threads, which live as long as
+  // the process.  Threads started here for every frame would each leave
+  // OpenCV's per-thread data of their parallel loops (pyrDown, pyrUp) behind
+  // until the process ends: about 2 kB a frame, without bound.
+  cv::parallel_for_(cv::Range(0, kChannels), [&](const cv::Range& r) {
+    for (int c = r.start; c < r.end; ++c) {
+      try {
+        mergeChannel(c);
+      } catch (...) {
+        failures[c] = std::current_exception();
+      }
     }
-  } catch (...) {
-    // A thread that could not be started: wait for the others, then report.
-    for (std::thread& t : threads_) t.join();
-    threads_.clear();
-    throw;
-  }
-  for (std::thread& t : threads_) t.join();
+  });
   for (const std::exception_ptr& failure : failures) {
     if (failure) std::rethrow_exception(failure);
   }

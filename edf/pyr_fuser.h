@@ -5,12 +5,12 @@
 // and the low-pass residual.  Each new frame's pyramid is merged into it
 // level by level, either keeping the coefficient of larger magnitude
 // (method 0) or blending by a weight that compares the new frame's detail
-// with the detail already in the stack (method 1).  Each channel is merged
-// on a thread of its own; the threads are joined before addFrame returns.
+// with the detail already in the stack (method 1).  The three channels are
+// merged in parallel (a task each on OpenCV's worker threads); all are done
+// before addFrame returns.
 #pragma once
 
 #include <cstdint>
-#include <thread>
 #include <vector>
 
 #include "edf/edf_fuser.h"
@@ -54,7 +54,6 @@ class CPyrFuser : public CEdfFuser {
   void computeWeights(const cv::Mat& frame);
 
   uint32_t method_;
-  std::vector<std::thread> threads_;
   std::vector<cv::Mat> pyramids_[3];
   std::vector<cv::Mat> planes_;     // the frame's channels
   ChannelBuffers buffers_[3];
