@@ -275,12 +275,11 @@ TEST(EdfSession, EveryLifecycleOrderEndsCleanly) {
     for (uint32_t kind : {0u, 2u}) {
       EdfHost host;
       VantixEdf* session = newSession(host, kind);
-      int pushed = 0;
       for (Step step : orders[n]) {
         switch (step) {
           case kStart: vantix_edf_start(session); break;
           case kStop: vantix_edf_stop(session); break;
-          case kPush: vtest::pushImage(session, image); ++pushed; break;
+          case kPush: vtest::pushImage(session, image); break;
           case kWait: ASSERT_TRUE(host.waitFrames(1)); break;
         }
       }
