@@ -1,15 +1,14 @@
 // Binding to the camera SDK and the pull routines, against the simulated
 // SDK.  The bindings are process-wide and never reset, so every scenario
 // runs in a child process of its own and loads the SDK libraries with
-// dlopen, the way a host has its SDK loaded.
+// dlopen, the way a host has its SDK loaded.  First pulls from several
+// threads at once are in test_stress_pull.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -374,35 +373,6 @@ TEST(CameraSdkPull, SpotPullAsksTheRawDepthOnlyWhileItIsZero) {
     EXPECT_EQ(gSpotCalls.size(), 7u);
     sim.close(cam);
   }));
-}
-
-TEST(CameraSdkThreads, ConcurrentFirstPullsBothSucceed) {
-  for (int attempt = 0; attempt < 8; ++attempt) {
-    EXPECT_TRUE(vtest::runInChildProcess([] {
-      const SimcamApi sim = loadSimcam();
-      SimcamCamera* cams[2] = {sim.open(64, 48), sim.open(64, 48)};
-      std::atomic<int> ready{0};
-      VantixResult results[2] = {VANTIX_E_FAIL, VANTIX_E_FAIL};
-      const auto worker = [&](int i) {
-        std::vector<uint8_t> buffer(sim.frameBytes(cams[i], 24, 0));
-        FrameInfoV2 info{};
-        ready.fetch_add(1);
-        while (ready.load() < 2) {
-        }
-        results[i] = vantix::pullWithInfo(FrameInfoVersion::V2, nullptr, cams[i], 0, buffer.data(),
-                                          24, 0, &info, recordPush);
-      };
-      std::thread a(worker, 0), b(worker, 1);
-      a.join();
-      b.join();
-      EXPECT_EQ(results[0], VANTIX_S_OK);
-      EXPECT_EQ(results[1], VANTIX_S_OK);
-      EXPECT_NE(vantix::sdkBindings().sdkHandle, nullptr);
-      EXPECT_EQ(vantix::sdkBindings().pullV2Fn, sim.pullV2);
-      sim.close(cams[0]);
-      sim.close(cams[1]);
-    }));
-  }
 }
 
 }  // namespace

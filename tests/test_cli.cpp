@@ -22,8 +22,6 @@ namespace fs = std::filesystem;
 using vtest::ToolRun;
 using Cli = vtest::CliTest;
 
-constexpr char kSampleFolder[] = "/usr/share/doc/opencv-doc/examples/data";
-
 // The size of an image file; (0, 0) when it cannot be read.
 cv::Size imageSize(const fs::path& path) {
   return cv::imread(path.string(), cv::IMREAD_UNCHANGED).size();
@@ -286,33 +284,7 @@ void expectDemoFiles(const fs::path& folder, const ToolRun& result) {
   }
 }
 
-TEST_F(Cli, DemoRunsOnTheSamplePhotos) {
-  const std::string folder = path("demo");
-  const ToolRun result = run({"demo", "--out", folder});
-  expectDemoFiles(folder, result);
-  if (!fs::exists(std::string(kSampleFolder) + "/baboon.jpg")) {
-    GTEST_SKIP() << "opencv-doc sample images are not installed";
-  }
-  for (const char* photo : {"baboon.jpg", "fruits.jpg", "building.jpg"}) {
-    EXPECT_NE(result.out.find(photo), std::string::npos) << photo;
-  }
-  EXPECT_EQ(imageSize(path("demo/resize-down.png")), cv::Size(256, 256));
-  EXPECT_EQ(imageSize(path("demo/resize-up.png")), cv::Size(1024, 1024));
-  const size_t at = result.out.find("bilinear");
-  ASSERT_NE(at, std::string::npos);
-  double milliseconds = 0, psnr = 0;
-  ASSERT_EQ(std::sscanf(result.out.c_str() + at, "bilinear %lf ms PSNR %lf", &milliseconds, &psnr),
-            2);
-  EXPECT_GT(psnr, 30.0);  // a demosaic that mixed up the channels stays far below
-  const size_t summary = result.out.find("clicks snapped");
-  ASSERT_NE(summary, std::string::npos);
-  const size_t line = result.out.rfind('\n', summary) + 1;
-  int snapped = 0, clicks = 0;
-  ASSERT_EQ(std::sscanf(result.out.c_str() + line, " %d of %d", &snapped, &clicks), 2);
-  EXPECT_GE(clicks, 6);
-  EXPECT_GE(snapped * 4, clicks * 3) << "clicks next to edges mostly snap";
-}
-
+// The demo on the sample photos is in test_demo_report (one run there).
 TEST_F(Cli, DemoFallsBackToASyntheticScene) {
   const std::string folder = path("demo");
   const ToolRun result = run({"demo", "--out", folder, "--data", path("no-samples")});

@@ -282,6 +282,37 @@ TEST_F(DemoReport, AccuracyFiguresAgainstTheSimulatorAreGoodAndInTheReport) {
   EXPECT_GT(fused, slice + 3.0);
 }
 
+// The foundation steps ran on the sample photos: the photos are named, the
+// resized copies have the sizes asked for, the bilinear demosaic keeps the
+// colours (a channel mix-up stays far below 30 dB) and most clicks snap.
+TEST_F(DemoReport, FoundationStepsUseTheSamplePhotos) {
+  ASSERT_EQ(status_, 0) << *err_ << *out_;
+  if (!fs::exists("/usr/share/doc/opencv-doc/examples/data/baboon.jpg")) {
+    GTEST_SKIP() << "opencv-doc sample images are not installed";
+  }
+  for (const char* photo : {"baboon.jpg", "fruits.jpg", "building.jpg"}) {
+    EXPECT_NE(out_->find(photo), std::string::npos) << photo;
+  }
+  const auto sizeOf = [](const char* file) {
+    return cv::imread((*dir_ / "out" / file).string(), cv::IMREAD_UNCHANGED).size();
+  };
+  EXPECT_EQ(sizeOf("resize-down.png"), cv::Size(256, 256));
+  EXPECT_EQ(sizeOf("resize-up.png"), cv::Size(1024, 1024));
+  const size_t at = out_->find("bilinear");
+  ASSERT_NE(at, std::string::npos);
+  double milliseconds = 0, psnr = 0;
+  ASSERT_EQ(std::sscanf(out_->c_str() + at, "bilinear %lf ms PSNR %lf", &milliseconds, &psnr), 2);
+  EXPECT_GT(psnr, 30.0);
+  const size_t summary = out_->find("clicks snapped");
+  ASSERT_NE(summary, std::string::npos);
+  int snapped = 0, clicks = 0;
+  ASSERT_EQ(std::sscanf(out_->c_str() + out_->rfind('\n', summary) + 1, " %d of %d", &snapped,
+                        &clicks),
+            2);
+  EXPECT_GE(clicks, 6);
+  EXPECT_GE(snapped * 4, clicks * 3) << "clicks next to edges mostly snap";
+}
+
 TEST_F(DemoReport, ReportIsOneFileWithDecodableImagesAndPlots) {
   ASSERT_EQ(status_, 0) << *err_ << *out_;
   ASSERT_FALSE(html_->empty());

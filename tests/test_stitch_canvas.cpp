@@ -95,6 +95,9 @@ TEST(StitchCanvas, GrowingLeftAndUpShiftsContentAndCrop) {
   const auto answer = canvas->placeCheck(gx, gy);
   ASSERT_TRUE(answer.grow);
   ASSERT_EQ(cv::Point(gx, gy), cv::Point(-50, -20));
+  // Until the growth the crop rectangle is the old canvas's: a reader
+  // between the two never sees a rectangle outside the canvas.
+  EXPECT_EQ(canvas->cropRect(), cv::Rect(200, 100, 100, 50));
   canvas->grow(gx, gy);
   EXPECT_EQ(cv::Point(gx, gy), cv::Point(350, 180));
   EXPECT_EQ(canvas->image().cols, 800);
@@ -121,6 +124,7 @@ TEST(StitchCanvas, OneGrowthStepPerPlacement) {
   ASSERT_EQ(x, -500);
   canvas->grow(x, y);
   EXPECT_EQ(x, -100);  // still outside after one step of four frames
+  EXPECT_EQ(canvas->cropRect().x, x);  // yet counted in the crop rectangle
   EXPECT_TRUE(canvas->enqueue(uniform(100, 50, 0), x, y));
   canvas->waitIdle();
   // Not drawn: the white canvas is unchanged.
