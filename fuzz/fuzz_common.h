@@ -17,6 +17,7 @@
 #include <vector>
 
 #include <fuzzer/FuzzedDataProvider.h>
+#include <opencv2/core.hpp>
 
 namespace fuzz {
 
@@ -154,6 +155,46 @@ inline void writeSeed(const char* dir, const std::string& name, const std::vecto
   std::ofstream out(path, std::ios::binary);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   if (!out) fail("cannot write %s", path.c_str());
+}
+
+// A named seed: arguments that the target's schema encodes into a corpus file.
+template <typename Args>
+struct Seed {
+  const char* name;
+  Args args;
+};
+
+// Writes each seed through the target's schema, called as encode(Writer&, Args&).
+template <typename Args, typename Encode>
+void writeSeeds(const char* dir, std::vector<Seed<Args>>& seeds, Encode encode) {
+  for (Seed<Args>& s : seeds) {
+    Writer w;
+    encode(w, s.args);
+    writeSeed(dir, s.name, w.bytes());
+  }
+}
+
+// The body of LLVMFuzzerInitialize: OpenCV on the calling thread only (one
+// input at a time, reproducible), and the `--write-seeds=DIR` mode.
+inline int initialize(int* argc, char*** argv, void (*writeTargetSeeds)(const char*)) {
+  cv::setNumThreads(1);
+  if (const char* dir = seedDirectory(argc, argv)) {
+    writeTargetSeeds(dir);
+    std::exit(0);
+  }
+  return 0;
+}
+
+// The body of LLVMFuzzerTestOneInput: decodes the arguments with the
+// target's schema, called as decode(Reader&, Args&), then checks the call.
+template <typename Args, typename Decode, typename Run>
+int testOneInput(const uint8_t* data, size_t size, Decode decode, Run run) {
+  FuzzedDataProvider provider(data, size);
+  Reader reader(provider);
+  Args args;
+  decode(reader, args);
+  run(args);
+  return 0;
 }
 
 }  // namespace fuzz

@@ -238,11 +238,7 @@ void writeSeeds(const char* dir) {
     a.pattern = ramp;
     return a;
   };
-  struct Seed {
-    const char* name;
-    Args args;
-  };
-  std::vector<Seed> seeds = {
+  std::vector<fuzz::Seed<Args>> seeds = {
       {"bggr8_bilinear_bgr", make(16, 12, 0, 0, 0, 0, false, true)},
       {"rggb8_uniform_bgra", make(10, 9, 0, 1, 1, 0, true, true)},
       {"grbg12_uniform_rgb_ea", make(13, 11, 3, 2, 2, 2, true, false)},
@@ -259,29 +255,16 @@ void writeSeeds(const char* dir) {
   empty.sizeMode = 2;
   empty.height = 0x80000000u;
   seeds.push_back({"zero_width_huge_height", empty});
-  for (Seed& s : seeds) {
-    fuzz::Writer w;
-    schema(w, s.args);
-    fuzz::writeSeed(dir, s.name, w.bytes());
-  }
+  fuzz::writeSeeds(dir, seeds, [](fuzz::Writer& w, Args& a) { schema(w, a); });
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  cv::setNumThreads(1);
-  if (const char* dir = fuzz::seedDirectory(argc, argv)) {
-    writeSeeds(dir);
-    std::exit(0);
-  }
-  return 0;
+  return fuzz::initialize(argc, argv, writeSeeds);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider provider(data, size);
-  fuzz::Reader reader(provider);
-  Args args;
-  schema(reader, args);
-  runOne(args);
-  return 0;
+  return fuzz::testOneInput<Args>(data, size, [](fuzz::Reader& r, Args& a) { schema(r, a); },
+                                   runOne);
 }

@@ -244,11 +244,7 @@ void writeSeeds(const char* dir) {
     for (int i = 0; i < 31; ++i) a.pattern.push_back(static_cast<uint8_t>(i * 71 + 5));
     return a;
   };
-  struct Seed {
-    const char* name;
-    Args args;
-  };
-  std::vector<Seed> seeds = {
+  std::vector<fuzz::Seed<Args>> seeds = {
       {"bgr8_box_snap", make(0, 60, 48, 10, 2)},
       {"bgr16_box_snap", make(1, 64, 40, 8, 2)},
       {"bgra8_box_size_change", make(2, 50, 50, 5, 2)},
@@ -272,32 +268,19 @@ void writeSeeds(const char* dir) {
   huge.hugeSize = true;
   huge.size = 0xFFFFFFF0u;
   seeds.push_back({"huge_session_size", huge});
-  for (Seed& s : seeds) {
-    fuzz::Writer w;
-    schema(w, s.args);
-    fuzz::writeSeed(dir, s.name, w.bytes());
-  }
+  fuzz::writeSeeds(dir, seeds, [](fuzz::Writer& w, Args& a) { schema(w, a); });
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  cv::setNumThreads(1);
   // Edge sessions exist only after vantix_init.
   FUZZ_EXPECT(vantix_edge_new(0, 8, 8, 4) == nullptr, "vantix_edge_new before vantix_init");
   vantix_init(hostAlloc);
-  if (const char* dir = fuzz::seedDirectory(argc, argv)) {
-    writeSeeds(dir);
-    std::exit(0);
-  }
-  return 0;
+  return fuzz::initialize(argc, argv, writeSeeds);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider provider(data, size);
-  fuzz::Reader reader(provider);
-  Args args;
-  schema(reader, args);
-  runOne(args);
-  return 0;
+  return fuzz::testOneInput<Args>(data, size, [](fuzz::Reader& r, Args& a) { schema(r, a); },
+                                   runOne);
 }

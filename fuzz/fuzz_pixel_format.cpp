@@ -208,11 +208,7 @@ void writeSeeds(const char* dir) {
     a.pattern.push_back(0xFF);
     return a;
   };
-  struct Seed {
-    const char* name;
-    Args args;
-  };
-  std::vector<Seed> seeds = {
+  std::vector<fuzz::Seed<Args>> seeds = {
       {"bgr8_default", make(0, 7, 5, 0, 0, true, false)},
       {"bgr16_padded_eight", make(1, 9, 4, 2, 6, true, true)},
       {"bgr16_double", make(1, 5, 5, 0, 0, false, false)},
@@ -226,29 +222,16 @@ void writeSeeds(const char* dir) {
   degenerate.sizeMode = 2;
   degenerate.height = 0x90000000u;
   seeds.push_back({"zero_width_huge_height", degenerate});
-  for (Seed& s : seeds) {
-    fuzz::Writer w;
-    schema(w, s.args);
-    fuzz::writeSeed(dir, s.name, w.bytes());
-  }
+  fuzz::writeSeeds(dir, seeds, [](fuzz::Writer& w, Args& a) { schema(w, a); });
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  cv::setNumThreads(1);
-  if (const char* dir = fuzz::seedDirectory(argc, argv)) {
-    writeSeeds(dir);
-    std::exit(0);
-  }
-  return 0;
+  return fuzz::initialize(argc, argv, writeSeeds);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider provider(data, size);
-  fuzz::Reader reader(provider);
-  Args args;
-  schema(reader, args);
-  runOne(args);
-  return 0;
+  return fuzz::testOneInput<Args>(data, size, [](fuzz::Reader& r, Args& a) { schema(r, a); },
+                                   runOne);
 }

@@ -321,10 +321,6 @@ Side plainSide(int32_t w, int32_t h, size_t bitChoice, size_t pitchMode = 0, uin
 }
 
 void writeSeeds(const char* dir) {
-  struct Seed {
-    const char* name;
-    Args args;
-  };
   std::vector<uint8_t> ramp;
   for (int i = 0; i < 97; ++i) ramp.push_back(static_cast<uint8_t>(i * 37 + 11));
   auto make = [&](bool v1, Side s, Side d, size_t interp) {
@@ -336,7 +332,7 @@ void writeSeeds(const char* dir) {
     a.pattern = ramp;
     return a;
   };
-  std::vector<Seed> seeds = {
+  std::vector<fuzz::Seed<Args>> seeds = {
       {"v2_bgr24_up_linear", make(false, plainSide(8, 6, 4), plainSide(16, 12, 4), 1)},
       {"v1_grey8_down_nearest", make(true, plainSide(10, 7, 0), plainSide(5, 3, 0), 0)},
       {"v2_deep48_padded_area", make(false, plainSide(9, 5, 10, 2, 6), plainSide(4, 3, 10, 2, 2), 3)},
@@ -356,29 +352,16 @@ void writeSeeds(const char* dir) {
   Args extreme = make(false, plainSide(900, 0, 4), plainSide(4, 4, 4), 1);
   extreme.src.extreme = true;
   seeds.push_back({"v2_extreme_width", extreme});
-  for (Seed& s : seeds) {
-    fuzz::Writer w;
-    schema(w, s.args);
-    fuzz::writeSeed(dir, s.name, w.bytes());
-  }
+  fuzz::writeSeeds(dir, seeds, [](fuzz::Writer& w, Args& a) { schema(w, a); });
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  cv::setNumThreads(1);
-  if (const char* dir = fuzz::seedDirectory(argc, argv)) {
-    writeSeeds(dir);
-    std::exit(0);
-  }
-  return 0;
+  return fuzz::initialize(argc, argv, writeSeeds);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider provider(data, size);
-  fuzz::Reader reader(provider);
-  Args args;
-  schema(reader, args);
-  runOne(args);
-  return 0;
+  return fuzz::testOneInput<Args>(data, size, [](fuzz::Reader& r, Args& a) { schema(r, a); },
+                                   runOne);
 }

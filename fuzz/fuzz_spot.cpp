@@ -748,11 +748,7 @@ void writeSeeds(const char* dir) {
     for (int i = 0; i < 23; ++i) a.pattern.push_back(static_cast<uint8_t>(i * 29 + 1));
     return a;
   };
-  struct Seed {
-    const char* name;
-    Args args;
-  };
-  std::vector<Seed> seeds = {
+  std::vector<fuzz::Seed<Args>> seeds = {
       {"single_grey8_beam", make(40, 30, 0, 0, true)},
       {"single_grey16_beam_ellipse", make(36, 36, 1, 0, true)},
       {"single_bgr24_bytes", make(17, 9, 2, 0, false)},
@@ -803,29 +799,16 @@ void writeSeeds(const char* dir) {
   dark.averageCount = 2;
   dark.frames = 2;
   seeds.push_back({"single_dark_frame", dark});
-  for (Seed& s : seeds) {
-    fuzz::Writer w;
-    schema(w, s.args);
-    fuzz::writeSeed(dir, s.name, w.bytes());
-  }
+  fuzz::writeSeeds(dir, seeds, [](fuzz::Writer& w, Args& a) { schema(w, a); });
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  cv::setNumThreads(1);
-  if (const char* dir = fuzz::seedDirectory(argc, argv)) {
-    writeSeeds(dir);
-    std::exit(0);
-  }
-  return 0;
+  return fuzz::initialize(argc, argv, writeSeeds);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider provider(data, size);
-  fuzz::Reader reader(provider);
-  Args args;
-  schema(reader, args);
-  runOne(args);
-  return 0;
+  return fuzz::testOneInput<Args>(data, size, [](fuzz::Reader& r, Args& a) { schema(r, a); },
+                                   runOne);
 }
