@@ -1,5 +1,7 @@
 #include "imgutil/demosaic.h"
 
+#include <algorithm>
+
 #include <opencv2/imgproc.hpp>
 
 #include "api/image_header.h"
@@ -54,8 +56,17 @@ VantixResult demosaicFrame(const void* src, void* dst, uint32_t width, uint32_t 
   const int depth = sixteenBit ? CV_16U : CV_8U;
   const int outType = CV_MAKETYPE(depth, fourChannels ? 4 : 3);
   const uint32_t outStride = demosaicOutputStride(width, outFormat, sixteenBit);
-  const int code = demosaicCode(pattern, outFormat, algorithm);
+  int code = demosaicCode(pattern, outFormat, algorithm);
   if (code < 0) return VANTIX_E_INVALIDARG;
+  // On frames under 8 pixels a side the image library's VNG hands over to its
+  // bilinear interpolation but loses the channel order on the way: red and
+  // blue come out exchanged for half of the pattern and order pairs.  Such
+  // frames get that bilinear conversion directly, in the order asked for.
+  // (Frames 2 pixels or less a side keep what VNG gives them.)
+  const uint32_t shortSide = std::min(width, height);
+  if (algorithm == VANTIX_DEMOSAIC_VNG && shortSide > 2 && shortSide < 8) {
+    code = demosaicCode(pattern, outFormat, VANTIX_DEMOSAIC_BILINEAR);
+  }
 
   try {
     const cv::Mat source(static_cast<int>(height), static_cast<int>(width), depth,

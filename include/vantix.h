@@ -816,6 +816,9 @@ VANTIX_API VantixResult vantix_resizeV2(const VantixImageHeader *src,
  * VNG or edge-aware; VANTIX_E_OUTOFMEMORY.  Null buffers and frames the
  * method cannot take (zero sizes) end in VANTIX_E_FAIL like a conversion.
  *
+ * VNG needs frames of at least 8 x 8 pixels; smaller frames (3 to 7 pixels
+ * on their short side) get the bilinear result for their pattern and order.
+ *
  * Pattern mapping: "RGGB" and "BGGR" frames give true colours.  "GRBG" and
  * "GBRG" frames are interpreted with their red and blue sites exchanged, so
  * their red and blue output channels come out swapped; hosts with such

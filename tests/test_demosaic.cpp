@@ -110,6 +110,31 @@ TEST(Demosaic, RecoversKnownColoursForEveryPatternOrderAndMethod) {
   }
 }
 
+// VNG's R G B output is its B G R output with red and blue exchanged, on
+// small frames too (the image library's own fallback for frames under 8
+// pixels a side wrote B G R whatever order was asked for).
+TEST(Demosaic, VngRgbIsMirroredBgrAtEverySize) {
+  for (const cv::Size size : {cv::Size(6, 10), cv::Size(5, 5), cv::Size(40, 24)}) {
+    const cv::Mat truth(size, CV_8UC3, cv::Scalar(30, 120, 220));
+    for (uint32_t pattern : {VANTIX_BAYER_RGGB, VANTIX_BAYER_BGGR}) {
+      cv::Mat raw = mosaic(truth, pattern);
+      if (size.width > 8) cv::randu(raw, 0, 256);
+      VantixResult result = 0;
+      const Output bgr = run(raw, 8, pattern, VANTIX_DEMOSAIC_BGR, VANTIX_DEMOSAIC_VNG, &result);
+      const Output rgb = run(raw, 8, pattern, VANTIX_DEMOSAIC_RGB, VANTIX_DEMOSAIC_VNG, &result);
+      const cv::Mat b(size, CV_8UC3, const_cast<uint8_t*>(bgr.bytes.data()), bgr.stride);
+      const cv::Mat r(size, CV_8UC3, const_cast<uint8_t*>(rgb.bytes.data()), rgb.stride);
+      cv::Mat mirrored;
+      cv::cvtColor(b, mirrored, cv::COLOR_BGR2RGB);
+      EXPECT_EQ(cv::norm(r, mirrored, cv::NORM_INF), 0.0) << size << " pattern " << pattern;
+      if (size.width <= 8) {
+        const cv::Vec3b centre = r.at<cv::Vec3b>(size.height / 2, size.width / 2);
+        EXPECT_EQ(centre, cv::Vec3b(220, 120, 30)) << size << " pattern " << pattern;
+      }
+    }
+  }
+}
+
 // Bilinear and edge-aware output is right whatever the row padding, and the
 // padding bytes stay untouched; 4-channel rows are packed.
 TEST(Demosaic, OutputIsCorrectInPaddedRows) {
