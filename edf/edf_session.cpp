@@ -27,38 +27,19 @@ CEdfSession::CEdfSession(uint32_t format, std::unique_ptr<CEdfFuser> fuser,
       context_(context),
       slot_(std::move(fuser)) {}
 
-CEdfSession::~CEdfSession() {
-  running_ = false;
-  if (worker_) {
-    while (worker_->joinable()) worker_->join();
-  }
-}
+CEdfSession::~CEdfSession() { worker_.stop(); }
 
 void CEdfSession::start() {
-  // A second start without a stop first ends the worker already there, so
-  // that a joinable thread object is never destroyed (which would end the
-  // host's process).
-  if (worker_) {
-    running_ = false;
-    while (worker_->joinable()) worker_->join();
-  }
-  running_ = true;
-  worker_ = std::make_unique<std::thread>(&CEdfSession::workerLoop, this);
+  // A second start without a stop first ends the worker already there.
+  worker_.start([this] { workerLoop(); });
 }
 
-void CEdfSession::stop() {
-  running_ = false;
-  if (worker_) {
-    while (worker_->joinable()) worker_->join();
-    // The finished thread object is released here rather than kept.
-    worker_.reset();
-  }
-}
+void CEdfSession::stop() { worker_.stop(); }
 
 void CEdfSession::push(const void* data, uint32_t width, uint32_t height, uint64_t /*bits*/,
                        uint32_t rowPitch) {
   // `bits` is ignored: the session's format decides the layout of frames.
-  if (!running_) return;
+  if (!worker_.running()) return;
   cv::Mat working = toWorkingImage(format_, data, width, height, rowPitch, true);
   // A frame without pixels is dropped here rather than take a queue slot.
   if (working.empty()) return;
@@ -96,7 +77,7 @@ std::vector<cv::Mat> CEdfSession::queuedFrames() {
 }
 
 void CEdfSession::workerLoop() {
-  if (!running_) return;
+  if (!worker_.running()) return;
   while (true) {
     cv::Mat frame;
     {
@@ -114,17 +95,17 @@ void CEdfSession::workerLoop() {
       try {
         process(frame);
       } catch (const cv::Exception& e) {
-        running_ = false;
+        worker_.stopFromWorker();
         if (onError_) {
           onError_(context_, e.code == cv::Error::StsNoMem ? VANTIX_EDF_ERROR_OUT_OF_MEMORY
                                                            : VANTIX_EDF_ERROR_FAILED);
         }
       } catch (const std::exception&) {
-        running_ = false;
+        worker_.stopFromWorker();
         if (onError_) onError_(context_, VANTIX_EDF_ERROR_FAILED);
       }
     }
-    if (!running_) return;
+    if (!worker_.running()) return;
   }
 }
 

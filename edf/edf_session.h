@@ -14,6 +14,7 @@
 #include <opencv2/core.hpp>
 #include <vantix.h>
 
+#include "core/session_thread.h"
 #include "edf/edf_fuser.h"
 
 namespace vantix {
@@ -47,7 +48,7 @@ class CEdfSession {
   void readData(void* buffer, uint32_t rowBytes);
 
   // For tests: state as seen from outside the worker.
-  bool running() const { return running_.load(); }
+  bool running() const { return worker_.running(); }
   uint32_t format() const { return format_; }
   std::vector<cv::Mat> queuedFrames();  // deep copies, oldest first
 
@@ -60,14 +61,15 @@ class CEdfSession {
   const uint32_t mode_ = 0;
   std::mutex queueMutex_;
   std::mutex resultMutex_;
-  std::unique_ptr<std::thread> worker_;
   std::deque<cv::Mat> frames_;
   VantixEdfFrameFn onFrame_;
   VantixEdfErrorFn onError_;
   void* context_;
-  std::atomic<bool> running_{false};
   cv::Mat fused_;  // in format_, replaced (not written into) by the worker
   CFuserSlot slot_;
+  // Declared last: destroyed first, so the worker has ended before any
+  // member it reads goes.
+  SessionThread worker_;
 };
 
 }  // namespace vantix

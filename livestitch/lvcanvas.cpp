@@ -167,6 +167,7 @@ CLvCanvas::PlaceAnswer CLvCanvas::placeCheck(int& x, int& y) {
   x += origin_.x;
   y += origin_.y;
   std::lock_guard<std::mutex> lock(queueMutex_);
+  boundsBeforePlace_ = cv::Vec4i(right_, left_, bottom_, top_);
   left_ = std::min(left_, x);
   right_ = std::max(right_, x + frameWidth_);
   top_ = std::min(top_, y);
@@ -222,7 +223,22 @@ bool CLvCanvas::enqueue(const cv::Mat& frame, int x, int y) {
   return true;
 }
 
+void CLvCanvas::undoPlacement() {
+  std::lock_guard<std::mutex> lock(queueMutex_);
+  right_ = boundsBeforePlace_[0];
+  left_ = boundsBeforePlace_[1];
+  bottom_ = boundsBeforePlace_[2];
+  top_ = boundsBeforePlace_[3];
+  crop_ = cv::Rect(left_ + shift_.x, top_ + shift_.y, right_ - left_, bottom_ - top_);
+}
+
+bool CLvCanvas::fits(int x, int y) const {
+  std::lock_guard<std::mutex> lock(queueMutex_);
+  return x >= 0 && y >= 0 && x + frameWidth_ <= canvasWidth_ && y + frameHeight_ <= canvasHeight_;
+}
+
 void CLvCanvas::grow(int& x, int& y) {
+  if (failGrowth_.load()) CV_Error(cv::Error::StsNoMem, "canvas growth refused (test)");
   busy_.store(true);
   FlagGuard guard{busy_};
   int newWidth = canvasWidth_, newHeight = canvasHeight_;

@@ -55,6 +55,15 @@ class CLvCanvas {
   // Frame at (x, y) relative to the first frame: updates the bounds and the
   // travel, converts (x, y) to canvas pixels in place.  Worker thread.
   PlaceAnswer placeCheck(int& x, int& y);
+  // Takes back the bounds of the last placeCheck, for a frame that cannot be
+  // drawn after all (the canvas could not grow enough for it), so that the
+  // crop rectangle only covers the canvas that exists; publishes the result.
+  void undoPlacement();
+  // Whether a frame at canvas (x, y) lies wholly on the canvas.
+  bool fits(int x, int y) const;
+  // Makes the next growths fail as an allocation failure would (tests of
+  // what the session does when memory is short).
+  void failGrowthForTest(bool fail) { failGrowth_.store(fail); }
   // Canvas pixel position of a frame at (x, y) relative to the first frame,
   // without recording it (for frames that are not placed).
   cv::Point canvasPosition(int x, int y) const;
@@ -73,8 +82,8 @@ class CLvCanvas {
   // another thread always matches the canvas of that moment.
   cv::Rect cropRect() const;
   // Publishes the rectangle of the current bounds (placeCheck does it for
-  // placements without growth, grow at its end; the session calls it after
-  // a growth that failed, so the bounds still show the frame).
+  // placements without growth, grow at its end, undoPlacement after taking
+  // a placement back).
   void publishCrop();
   // Canvas point to panorama coordinates (relative to the first frame).
   cv::Point toPanorama(cv::Point canvasPoint) const;
@@ -120,6 +129,7 @@ class CLvCanvas {
   cv::Point lastMove_{-1, -1};
   cv::Point shift_{0, 0};
   int right_, left_, bottom_, top_;
+  cv::Vec4i boundsBeforePlace_;  // right, left, bottom, top before placeCheck
   cv::Rect crop_;  // what cropRect() answers; see there
   int canvasWidth_, canvasHeight_;
   cv::Mat image_;
@@ -145,6 +155,7 @@ class CLvCanvas {
   std::atomic<bool> firstDraw_{true};
   std::atomic<bool> busy_{false};
   std::atomic<bool> holdDrawing_{false};
+  std::atomic<bool> failGrowth_{false};
 };
 
 }  // namespace vantix

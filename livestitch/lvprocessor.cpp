@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <climits>
 #include <cstdlib>
 #include <limits>
 
@@ -91,8 +92,7 @@ CLvProcessor::CLvProcessor(uint32_t format, uint32_t width, uint32_t height, uin
 }
 
 CLvProcessor::~CLvProcessor() {
-  running_.store(false);
-  while (worker_ && worker_->joinable()) worker_->join();
+  worker_.stop();
   placed_ = false;
   // The canvas's thread calls back into this object: it ends first.
   canvas_.reset();
@@ -100,24 +100,13 @@ CLvProcessor::~CLvProcessor() {
 
 void CLvProcessor::start() {
   // A worker still running (start without stop) or one that stopped itself
-  // after an error is joined first, so a thread object is never destroyed
-  // while joinable.
-  if (worker_) {
-    running_.store(false);
-    if (worker_->joinable()) worker_->join();
-    worker_.reset();
-  }
-  running_.store(true);
+  // after an error is ended first.
   state_.store(1);
-  worker_ = std::make_unique<std::thread>(&CLvProcessor::workerLoop, this);
+  worker_.start([this] { workerLoop(); });
 }
 
 VantixImageHeader* CLvProcessor::stop(bool wantImage, bool cropped) {
-  if (worker_) {
-    running_.store(false);
-    if (worker_->joinable()) worker_->join();
-    worker_.reset();
-  }
+  worker_.stop();
   if (!wantImage) return nullptr;
   const cv::Rect rect = cropped ? canvas_->cropRect()
                                 : cv::Rect(0, 0, canvas_->image().cols, canvas_->image().rows);
@@ -145,7 +134,7 @@ VantixImageHeader* CLvProcessor::stop(bool wantImage, bool cropped) {
 }
 
 void CLvProcessor::push(const void* data, uint32_t width, uint32_t height, uint32_t rowPitch) {
-  if (!running_.load()) return;
+  if (!worker_.running()) return;
   cv::Mat working = toWorkingImage(format_, data, width, height, rowPitch, true);
   // A frame without pixels has nothing to place: it is dropped.
   if (working.empty()) return;
@@ -168,6 +157,13 @@ int32_t CLvProcessor::readData(void* buffer, uint32_t width, uint32_t height, ui
   const size_t stride = ((static_cast<size_t>(bits) * width + 31) / 32) * 4;
   cv::Mat dst(static_cast<int>(height), static_cast<int>(width), format_ == 0 ? CV_8UC3 : CV_8UC4,
               buffer, stride);
+  // A region whose far edge lies past the int range is outside any canvas;
+  // checked here in 64 bits because the image library's own check adds in
+  // int and would wrap.
+  if (roiWidth != 0 && (uint64_t{x} + roiWidth > uint64_t{INT_MAX} ||
+                        uint64_t{y} + roiHeight > uint64_t{INT_MAX})) {
+    CV_Error(cv::Error::StsAssert, "region outside the canvas");
+  }
   const cv::Rect roi = roiWidth != 0 ? cv::Rect(static_cast<int>(x), static_cast<int>(y),
                                                 static_cast<int>(roiWidth), static_cast<int>(roiHeight))
                                      : cv::Rect();
@@ -271,7 +267,7 @@ bool CLvProcessor::takeFrame(cv::Mat& frame, cv::Mat& small, double& score) {
 }
 
 void CLvProcessor::workerLoop() {
-  while (running_.load()) {
+  while (worker_.running()) {
     // The selection scores frames with the image library too: its failures
     // end the worker like those of the per-frame step, never the process.
     try {
@@ -284,10 +280,10 @@ void CLvProcessor::workerLoop() {
       frameScore_ = score;
       processFrame(frame, small);
     } catch (const cv::Exception& e) {
-      running_.store(false);
+      worker_.stopFromWorker();
       event(e.code == cv::Error::StsNoMem ? 2 : 1);
     } catch (const std::exception&) {
-      running_.store(false);
+      worker_.stopFromWorker();
       event(1);
     }
   }
@@ -306,16 +302,14 @@ int CLvProcessor::processFrame(const cv::Mat& frame, const cv::Mat& small) {
   if (reference_.empty() || firstFrame_) {
     firstFrame_ = false;
     makeReference(frame, grayEight(frame), smallGray);
-    // The reference's score is taken like the working copies' scores (the
-    // centred template region at the working scale), so that it compares
-    // with the scores of later frames.
+    // The reference's score is the sharpness of the centred template region
+    // of the full frame as it stands (frames smaller than the template give
+    // their whole extent).
     const int tw = std::min(geometry_.templateSide, frame.cols);
     const int th = std::min(geometry_.templateSide, frame.rows);
-    cv::Mat centre;
-    cv::resize(frame(cv::Rect((frame.cols - tw) / 2, (frame.rows - th) / 2, tw, th)), centre,
-               cv::Size(std::max(1, tw * scalePercent_ / 100), std::max(1, th * scalePercent_ / 100)),
-               0.0, 0.0, cv::INTER_LINEAR);
-    referenceScore_ = sharpnessScore(centre, gradientLut_, sharpnessFactor_);
+    referenceScore_ = sharpnessScore(
+        frame(cv::Rect((frame.cols - tw) / 2, (frame.rows - th) / 2, tw, th)), gradientLut_,
+        sharpnessFactor_);
     const cv::Point2d p = track_.lastGoodPosition;
     compose(frame, cv::Point2d(roundHalfAway(p.x + 0.05), roundHalfAway(p.y + 0.05)), 1,
             referenceScore_);
@@ -412,7 +406,8 @@ void CLvProcessor::compose(const cv::Mat& frame, cv::Point2d position, int mode,
   // mode 4 (not placed this time), so that the host and the crop rectangle
   // only see frames that reach the canvas.
   if (mode == 1 && placed_ && !placementStands(frame, position)) mode = 4;
-  if (mode == 1) {
+  const bool checked = mode == 1;  // placeCheck turns (x, y) into canvas pixels
+  if (checked) {
     const CLvCanvas::PlaceAnswer answer = canvas_->placeCheck(x, y);
     if (answer.grow) {
       event(3);
@@ -425,8 +420,19 @@ void CLvProcessor::compose(const cv::Mat& frame, cv::Point2d position, int mode,
       } catch (const std::exception&) {
         event(4);
       }
-      canvas_->publishCrop();
+      // A frame the canvas could not grow for (memory short, or a jump of
+      // more than one growth step) cannot be drawn: its placement is taken
+      // back, so that the crop rectangle, a cropped stop and readdata of it
+      // stay on the canvas, and the host hears that it was not placed.
+      if (canvas_->fits(x, y)) {
+        canvas_->publishCrop();
+      } else {
+        canvas_->undoPlacement();
+        mode = 4;
+      }
     }
+  }
+  if (mode == 1) {
     if (!placed_) {
       placed_ = true;
       reference_ = frame;
@@ -435,7 +441,7 @@ void CLvProcessor::compose(const cv::Mat& frame, cv::Point2d position, int mode,
       track_.lastGoodPosition = track_.position;
     }
     canvas_->enqueue(frame, x, y);
-  } else {
+  } else if (!checked) {
     const cv::Point p = canvas_->canvasPosition(x, y);
     x = p.x;
     y = p.y;

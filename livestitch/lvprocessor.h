@@ -17,6 +17,7 @@
 
 #include <vantix.h>
 
+#include "core/session_thread.h"
 #include "livestitch/lvcanvas.h"
 #include "livestitch/lvregister.h"
 
@@ -90,7 +91,6 @@ class CLvProcessor {
   uint32_t width_, height_;
   std::unique_ptr<CLvCanvas> canvas_;
   std::mutex queueMutex_;
-  std::unique_ptr<std::thread> worker_;
   std::shared_ptr<cv::DescriptorMatcher> matcher_;
   VantixStitchFrameFn onFrame_;
   VantixStitchEventFn onEvent_;
@@ -102,7 +102,6 @@ class CLvProcessor {
   cv::Mat reference_;
   cv::Mat gradientLut_;
   cv::Mat referenceGray_, referenceSmallGray_;
-  std::atomic<bool> running_{false};
   std::atomic<uint32_t> reset_{1}, changed_{0};
   std::atomic<bool> relocatePending_{false};
   bool placed_ = false;
@@ -117,6 +116,9 @@ class CLvProcessor {
   // accepted or not: onFrame reports it for frames that are not placed.
   cv::Point2d measuredPosition_;
   std::function<double(const cv::Mat&)> scoreOverride_;
+  // Declared last: destroyed first, so the worker has ended before any
+  // member it reads goes.
+  SessionThread worker_;
 };
 
 }  // namespace vantix

@@ -198,6 +198,41 @@ TEST_F(StitchSession, SmallFrameWorkedExample) {
   vantix_stitch_delete(s);
 }
 
+// The first frame's score is the sharpness of the centred 300 x 300 region
+// of the full 640 x 480 frame as it stands (not of its working copy), at
+// every scale level: the largest of the two absolute Sobel derivatives of
+// the grey image, squared through (g * g / 255), squared again, averaged,
+// rooted, times the session's factor / 255.
+TEST_F(StitchSession, FirstFrameScoreIsTheSharpnessOfTheFullCentredRegion) {
+  constexpr int kW = 640, kH = 480, kSide = 300;
+  const cv::Mat frame = vtest::texturedScene(kH, kW, 9);
+  cv::Mat grey, dx, dy, g;
+  cv::cvtColor(frame(cv::Rect((kW - kSide) / 2, (kH - kSide) / 2, kSide, kSide)), grey,
+               cv::COLOR_RGB2GRAY);
+  cv::Sobel(grey, dx, CV_16S, 1, 0);
+  cv::Sobel(grey, dy, CV_16S, 0, 1);
+  cv::convertScaleAbs(dx, dx);
+  cv::convertScaleAbs(dy, dy);
+  g = cv::max(dx, dy);
+  double sum = 0.0;
+  for (auto it = g.begin<uint8_t>(); it != g.end<uint8_t>(); ++it) {
+    const double squared = std::min(255.0, std::round(*it * *it / 255.0));
+    sum += squared * squared;
+  }
+  const double rms = std::sqrt(sum / g.total());
+  const int percents[] = {10, 15, 20, 30, 40};
+  for (uint32_t level = 0; level < 5; ++level) {
+    Host host;
+    host.session = vantix_stitch_newV3(0, 0, kW, kH, 0, level, 2, &Host::onFrame, &Host::onEvent,
+                                       &host);
+    vantix_stitch_start(host.session);
+    pushAndWait(host, host.session, frame);
+    vantix_stitch_delete(host.session);
+    const double factor = percents[level] * 0.02 + kW * 0.25 / kH + kW * kH / 100000000.0;
+    EXPECT_NEAR(host.frameList().at(0).score, rms * factor / 255.0, 1e-5 * rms) << "level " << level;
+  }
+}
+
 // A running session whose score is the frame's grey level / 100 (so each
 // frame says which it is), its worker held in the callback of a first frame.
 VantixStitch* startHeld(Host& host) {
@@ -361,9 +396,49 @@ TEST_F(StitchSession, PanningLeftGrowsTheCanvasAndReportsTruePositions) {
   EXPECT_EQ(cv::norm(cv::Mat(50, 100, CV_8UC3, roi.data()), canvas(cv::Rect(1920, 480, 100, 50)),
                      cv::NORM_INF),
             0.0);
+  // A region whose far edge passes the int range is outside the canvas too
+  // (the sum must not wrap into a wild read).
+  EXPECT_THROW(vantix_stitch_readdata(s, roi.data(), 100, 50, 0x7FFFFFFF, 0, 1, 50), cv::Exception);
+  EXPECT_THROW(vantix_stitch_readdata(s, roi.data(), 100, 50, 0, 0x7FFFFFF0, 100, 50),
+               cv::Exception);
   proc(s)->canvas().setBusyForTest(true);
   EXPECT_EQ(vantix_stitch_readdata(s, roi.data(), 100, 50, 0, 0, 0, 0), 0);
   proc(s)->canvas().setBusyForTest(false);
+  std::free(pano);
+  vantix_stitch_delete(s);
+}
+
+// The same pan with memory short: every growth fails (3 then 2), the frames
+// that would need it are reported as not placed, and the crop rectangle
+// stays on the 1280 x 960 canvas, so a cropped stop returns the panorama.
+TEST_F(StitchSession, AFailedGrowthKeepsThePanoramaOnTheCanvas) {
+  const cv::Mat scene = vtest::texturedScene(1110, 1282, 4);
+  Host host;
+  VantixStitch* s = make(host, 320, 240, 2);
+  proc(s)->canvas().failGrowthForTest(true);
+  vantix_stitch_start(s);
+  for (int i = 0; i < 20; ++i) {
+    pushAndWait(host, s, scene(cv::Rect(900 - 40 * i, 400 + 3 * i, 320, 240)).clone());
+  }
+  vantix_stitch_stop(s, 0, 0);
+  const auto events = host.eventList();
+  ASSERT_GE(events.size(), 2u);
+  for (size_t i = 0; i < events.size(); ++i) EXPECT_EQ(events[i], i % 2 == 0 ? 3u : 2u) << i;
+  int notPlaced = 0;
+  for (const FrameCall& f : host.frameList()) {
+    EXPECT_EQ(f.canvasWidth, 1280u);
+    if (f.x < 0) EXPECT_EQ(f.mode, 4u) << f.x;
+    notPlaced += f.x < 0;
+  }
+  EXPECT_EQ(static_cast<size_t>(notPlaced), events.size() / 2);
+  uint32_t x, y, w, h;
+  vantix_stitch_cropparams(s, &x, &y, &w, &h);
+  EXPECT_LE(uint64_t{x} + w, 1280u);
+  EXPECT_LE(uint64_t{y} + h, 960u);
+  EXPECT_NEAR(x, 0, 40);
+  VantixImageHeader* pano = vantix_stitch_stop(s, 1, 1);
+  ASSERT_NE(pano, nullptr);
+  EXPECT_EQ(cv::Size(pano->biWidth, pano->biHeight), cv::Size(w, h));
   std::free(pano);
   vantix_stitch_delete(s);
 }

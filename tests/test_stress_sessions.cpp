@@ -345,6 +345,65 @@ TEST_F(StressSessions, ThousandStartStopCycles) {
   EXPECT_EQ(threadCount(), baseline);
 }
 
+// Host threads racing over one session's lifecycle: 300 rounds of two stops
+// released at the same moment on a running session, then two threads each
+// starting and stopping it 150 times.  Every call returns, and afterwards
+// the session still processes a frame.
+template <typename Host, typename Start, typename Stop, typename Push>
+void racingLifecycle(Host& host, Start start, Stop stop, Push push, const cv::Mat& frame) {
+  for (int round = 0; round < 300; ++round) {
+    start();
+    Latch go;
+    std::thread first([&] { go.wait(); stop(); });
+    std::thread second([&] { go.wait(); stop(); });
+    go.open();
+    first.join();
+    second.join();
+  }
+  std::thread starter([&] {
+    for (int i = 0; i < 150; ++i) { start(); stop(); }
+  });
+  for (int i = 0; i < 150; ++i) { stop(); start(); }
+  starter.join();
+  stop();
+  start();
+  const int before = host.frames.load();
+  ASSERT_EQ(push(frame), VANTIX_S_OK);
+  EXPECT_TRUE(host.waitFrames(before + 1));
+  stop();
+}
+
+TEST_F(StressSessions, ConcurrentStopsAndStarts) {
+  Watchdog watchdog(240s, "concurrent stops and starts");
+  constexpr int kW = 160, kH = 120;
+  const std::vector<cv::Mat> frames = panFrames(1, kW, kH, {500, 400}, {0, 0});
+  const int baseline = threadCount();
+  EdfHost edfHost;
+  edfHost.window = true;
+  VantixEdf* edf = vantix_edf_new(2, &EdfHost::onFrame, &EdfHost::onError, &edfHost);
+  StitchHost stitchHost;
+  stitchHost.window = true;
+  VantixStitch* stitch = vantix_stitch_newV3(0, 0, kW, kH, 1, 1, 2, &StitchHost::onFrame,
+                                             &StitchHost::onEvent, &stitchHost);
+  ASSERT_NE(stitch, nullptr);
+  std::thread edfRace([&] {
+    racingLifecycle(
+        edfHost, [&] { vantix_edf_start(edf); }, [&] { vantix_edf_stop(edf); },
+        [&](const cv::Mat& f) { return pushEdf(edf, f); }, frames[0]);
+  });
+  racingLifecycle(
+      stitchHost, [&] { vantix_stitch_start(stitch); },
+      [&] { vantix_stitch_stop(stitch, 0, 0); },
+      [&](const cv::Mat& f) { return pushStitch(stitch, f); }, frames[0]);
+  edfRace.join();
+  // No worker is left behind: only the stitch canvas's drawing thread.
+  EXPECT_EQ(threadCount(), baseline + 1);
+  EXPECT_EQ(edfHost.failures.load(), 0);
+  EXPECT_EQ(stitchHost.failures.load(), 0);
+  vantix_edf_delete(edf);
+  vantix_stitch_delete(stitch);
+}
+
 // Delete of a running session: just after start, with frames queued behind
 // a busy worker, and while a callback runs (held on a latch): the delete
 // waits for the callback, and no callback comes after it returned.
