@@ -175,12 +175,17 @@ void runOne(const Args& a) {
     const Axis ay = placeAxis(sessionSize, call.y, a.height);
     // What must happen: an exception for an area of negative size, or (with
     // a frame) for one not inside the frame, or an empty one in the 8-bit
-    // formats (whose colour conversion refuses an empty image).
+    // formats (whose colour conversion refuses an empty image) unless the
+    // point lies inside the frame and the size is not 0 (a frame one pixel
+    // wide or high with an odd size), which answers 0.
     const bool negative = ax.length < 0 || ay.length < 0;
     const bool outside = ax.start + ax.length > a.width || ay.start + ay.length > a.height;
     const bool empty = ax.length == 0 || ay.length == 0;
     const bool sixteen = format == 1 || format == 3;
-    const bool mustThrow = negative || (!call.nullBuffer && (outside || (empty && !sixteen)));
+    const bool pointInside = call.x >= 0 && call.y >= 0 && uint32_t(call.x) < a.width &&
+                             uint32_t(call.y) < a.height;
+    const bool emptyRefused = empty && !sixteen && !(pointInside && sessionSize > 0);
+    const bool mustThrow = negative || (!call.nullBuffer && (outside || emptyRefused));
     const bool mustStay = call.nullBuffer || empty || flat;
 
     int32_t x = call.x, y = call.y;

@@ -422,6 +422,13 @@ int32_t CEdgeSession::get(const void* buffer, int32_t* x, int32_t* y, uint32_t s
   }
 
   if (buffer == nullptr) return 0;
+  // In a frame one pixel wide or high, an odd size truncates the area to no
+  // column or row at all although the point lies inside: nothing to snap to.
+  // (The colour conversion of the take-in would refuse the empty region.)
+  // Points outside the frame and a size of 0 keep their exception.
+  const bool inside = *x >= 0 && *y >= 0 && static_cast<uint32_t>(*x) < width_ &&
+                      static_cast<uint32_t>(*y) < height_;
+  if (searchRect_.empty() && size_ > 0 && inside) return 0;
   takeIn(buffer);
   if (gray_.empty()) return 0;
 

@@ -94,7 +94,8 @@ class CEdgeSession {
 
   // Snaps (*x, *y) onto the nearest edge of `buffer`; see vantix_edge_get.
   // Exceptions of the image library (an area of zero or negative size, an
-  // area outside the frame) are not caught.
+  // area outside the frame) are not caught; a point inside the frame whose
+  // area is empty (a frame one pixel wide or high, an odd size) gives 0.
   int32_t get(const void* buffer, int32_t* x, int32_t* y, uint32_t size);
 
   uint32_t size() const { return size_; }

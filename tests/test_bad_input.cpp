@@ -391,14 +391,19 @@ TEST(BadInput, EdgeSession) {
   EXPECT_NO_THROW(vantix_edge_get(none, frame.data, &x, &y, 5));
   vantix_edge_delete(none);
 
-  // Frames one pixel wide or high: any point inside answers 0 or 1.
+  // Frames one pixel wide or high: any point inside answers 0 or 1, with odd
+  // sizes too (their area truncates to no row or column there).
   for (const cv::Size size : {cv::Size(1, 48), cv::Size(48, 1), cv::Size(1, 1)}) {
     for (uint32_t format : {0u, 1u, 2u, 3u, 9u}) {
       VantixEdge* thin = vantix_edge_new(format, size.width, size.height, 10);
-      for (int i = 0; i < std::max(size.width, size.height); i += 7) {
-        int32_t px = std::min(i, size.width - 1), py = std::min(i, size.height - 1);
-        EXPECT_NO_THROW(vantix_edge_get(thin, frame.data, &px, &py, 0))
-            << size << " format " << format << " at " << i;
+      for (uint32_t searchSize : {1u, 2u, 3u, 10u, 11u, 21u, 50u}) {
+        for (int i = 0; i < std::max(size.width, size.height); i += 7) {
+          int32_t px = std::min(i, size.width - 1), py = std::min(i, size.height - 1);
+          int32_t result = -1;
+          EXPECT_NO_THROW(result = vantix_edge_get(thin, frame.data, &px, &py, searchSize))
+              << size << " format " << format << " size " << searchSize << " at " << i;
+          EXPECT_TRUE(result == 0 || result == 1) << result;
+        }
       }
       vantix_edge_delete(thin);
     }
