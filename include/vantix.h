@@ -659,8 +659,9 @@ VANTIX_API void vantix_spot_reset(VantixSpot *session);
 /**
  * Uses a fixed, axis-aligned aperture (centre in whole-frame pixels, semi-axes
  * a along x and b along y) from now on, when both semi-axes are greater than
- * 0; otherwise nothing changes.  Only vantix_spot_reset goes back to the
- * automatic aperture.  Note: the aperture is passed by value.
+ * 0 and the centre is finite; otherwise nothing changes.  Only
+ * vantix_spot_reset goes back to the automatic aperture.  Note: the aperture
+ * is passed by value.
  */
 VANTIX_API void vantix_spot_setAperture(VantixSpot *session,
                                         SpotAperture aperture);

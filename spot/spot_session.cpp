@@ -1,6 +1,7 @@
 #include "spot/spot_session.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace vantix {
 
@@ -27,7 +28,10 @@ void CSpotSession::reset() {
 }
 
 void CSpotSession::setAperture(const SpotAperture& aperture) {
+  // Semi-axes must be above 0 (which refuses NaN) and the centre finite (a
+  // NaN centre would reach the integer pixel positions of the measurement).
   if (!(aperture.a > 0.0 && aperture.b > 0.0)) return;
+  if (!std::isfinite(aperture.centerX) || !std::isfinite(aperture.centerY)) return;
   std::lock_guard<std::mutex> lock(stateLock_);
   userAperture_ = aperture;
   useAutoAperture_.exchange(false);

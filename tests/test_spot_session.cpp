@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -61,6 +62,38 @@ double field(const SpotResult& r, int index) { return (&r.total)[index]; }
 
 double middleOfThree(double a, double b, double c) {
   return std::max(std::min(a, b), std::min(std::max(a, b), c));
+}
+
+// ---------------------------------------------------------------------------
+// Fixed aperture
+// ---------------------------------------------------------------------------
+
+// An aperture with a semi-axis not above 0 (NaN included) or a centre that is
+// not finite is refused: the aperture in use stays, automatic or fixed, and
+// the beam is measured with it.
+TEST(SpotAperture, RefusedValuesLeaveTheApertureInUse) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const double inf = std::numeric_limits<double>::infinity();
+  const SpotAperture refused[] = {{nan, 50, 20, 20}, {70, nan, 20, 20}, {inf, 50, 20, 20},
+                                  {70, -inf, 20, 20}, {70, 50, 0, 20},  {70, 50, 20, nan}};
+  const cv::Mat image = beamImage(160, 120, {70.0, 50.0, 5.0, 4.0, 0.0, 3000});
+  CSpotSession session(1, 0);
+  for (const SpotAperture& bad : refused) session.setAperture(bad);
+  EXPECT_TRUE(session.usesAutoAperture());
+  SpotResult r = feed(session, image);
+  EXPECT_NEAR(r.centerX, 70.0, 0.05);
+  EXPECT_NEAR(r.centerY, 50.0, 0.05);
+
+  session.setAperture({72, 49, 20, 18});
+  for (const SpotAperture& bad : refused) session.setAperture(bad);
+  EXPECT_FALSE(session.usesAutoAperture());
+  r = feed(session, image);
+  EXPECT_EQ(r.apertureX, 72.0);
+  EXPECT_EQ(r.apertureY, 49.0);
+  EXPECT_EQ(r.apertureA, 20.0);
+  EXPECT_EQ(r.apertureB, 18.0);
+  EXPECT_NEAR(r.centerX, 70.0, 0.05);
+  EXPECT_NEAR(r.centerY, 50.0, 0.05);
 }
 
 // ---------------------------------------------------------------------------
