@@ -48,39 +48,9 @@ class Args {
 // they throw.
 int64_t parseInteger(const std::string& text, const std::string& what, int64_t min, int64_t max);
 cv::Size parseSize(const std::string& text, const std::string& what);  // "WxH"
-
-// Looks `text` up in a table of (name, value) pairs, ignoring case.
-template <typename T>
-T parseChoice(const std::string& text, const std::string& what,
-              const std::vector<std::pair<std::string, T>>& choices);
-
-// "a|b|c" of a choice table, for messages.
-template <typename T>
-std::string choiceList(const std::vector<std::pair<std::string, T>>& choices) {
-  std::string list;
-  for (const auto& choice : choices) list += (list.empty() ? "" : "|") + choice.first;
-  return list;
-}
-
-// The table's name of `value` (the first one that maps to it).
-template <typename T>
-std::string choiceName(T value, const std::vector<std::pair<std::string, T>>& choices) {
-  for (const auto& choice : choices) {
-    if (choice.second == value) return choice.first;
-  }
-  return "?";
-}
+// Names of the library's numeric choices: names.h.
 
 bool equalsIgnoringCase(const std::string& a, const std::string& b);
 [[noreturn]] void throwUsage(const std::string& message);
-
-template <typename T>
-T parseChoice(const std::string& text, const std::string& what,
-              const std::vector<std::pair<std::string, T>>& choices) {
-  for (const auto& choice : choices) {
-    if (equalsIgnoringCase(text, choice.first)) return choice.second;
-  }
-  throwUsage(what + " must be one of " + choiceList(choices) + ", not '" + text + "'");
-}
 
 }  // namespace vtool

@@ -7,28 +7,11 @@
 #include "errors.h"
 #include "image_io.h"
 #include "library.h"
+#include "names.h"
 
 namespace vtool {
 
 namespace {
-
-const std::vector<std::pair<std::string, uint32_t>> kPatterns = {
-    {"RGGB", VANTIX_BAYER_RGGB},
-    {"BGGR", VANTIX_BAYER_BGGR},
-    {"GRBG", VANTIX_BAYER_GRBG},
-    {"GBRG", VANTIX_BAYER_GBRG},
-};
-const std::vector<std::pair<std::string, uint32_t>> kAlgorithms = {
-    {"bilinear", VANTIX_DEMOSAIC_BILINEAR},
-    {"vng", VANTIX_DEMOSAIC_VNG},
-    {"ea", VANTIX_DEMOSAIC_EDGE_AWARE},
-};
-const std::vector<std::pair<std::string, uint32_t>> kOrders = {
-    {"bgr", VANTIX_DEMOSAIC_BGR},
-    {"bgra", VANTIX_DEMOSAIC_BGRA},
-    {"rgb", VANTIX_DEMOSAIC_RGB},
-    {"rgba", VANTIX_DEMOSAIC_RGBA},
-};
 
 const char kUsage[] =
     "usage: vantix demosaic RAW OUT --pattern P --bits N [--algorithm A] [--order O]\n"
@@ -41,7 +24,8 @@ const char kUsage[] =
     "                   with N-bit samples scaled to the full 16-bit range\n"
     "  --pattern P      colour filter of the sensor: RGGB, BGGR, GRBG or GBRG\n"
     "  --bits N         significant bits a sample, 8..16\n"
-    "  --algorithm A    bilinear (default), vng (8-bit only) or ea (edge-aware)\n"
+    "  --algorithm A    bilinear (default), vng (8-bit only) or edge_aware\n"
+    "                   (also ea)\n"
     "  --order O        channel order asked of the library: bgr (default), bgra,\n"
     "                   rgb or rgba (4 channels with bilinear only); OUT is\n"
     "                   always written so that it shows true colours\n";
@@ -53,11 +37,14 @@ int run(const Args& args) {
   if (!pattern) throwUsage("missing option --pattern RGGB|BGGR|GRBG|GBRG");
   const auto bitsArg = args.option("bits");
   if (!bitsArg) throwUsage("missing option --bits N (8..16)");
-  const uint32_t bayer = parseChoice(*pattern, "--pattern", kPatterns);
+  // The table's value for a pattern is the code that gives the named
+  // sensor true colours (the library reads the G-first codes with red and
+  // blue exchanged), so it goes to the library as it is.
+  const uint32_t bayer = parseName(kPatternNames, *pattern, "--pattern");
   const int bits = static_cast<int>(parseInteger(*bitsArg, "--bits", 8, 16));
   const uint32_t algorithm =
-      parseChoice(args.option("algorithm").value_or("bilinear"), "--algorithm", kAlgorithms);
-  const uint32_t order = parseChoice(args.option("order").value_or("bgr"), "--order", kOrders);
+      parseName(kAlgorithmNames, args.option("algorithm").value_or("bilinear"), "--algorithm");
+  const uint32_t order = parseName(kOrderNames, args.option("order").value_or("bgr"), "--order");
   checkOutputPath(out);
 
   const cv::Mat raw = readImage(in);
@@ -93,9 +80,9 @@ int run(const Args& args) {
   const bool reduced = writeImage(out, colour);
 
   std::printf("demosaiced %s (%s, %s, %d bits) -> %s (%s, %s), %.2f ms\n", in.c_str(),
-              sizeText(raw.size()).c_str(), choiceName(bayer, kPatterns).c_str(), bits,
-              out.c_str(), choiceName(algorithm, kAlgorithms).c_str(),
-              choiceName(order, kOrders).c_str(), result.milliseconds);
+              sizeText(raw.size()).c_str(), nameOf(kPatternNames, bayer).c_str(), bits,
+              out.c_str(), nameOf(kAlgorithmNames, algorithm).c_str(),
+              nameOf(kOrderNames, order).c_str(), result.milliseconds);
   if (reduced) std::printf("note: %s holds 8-bit samples only; samples scaled to 8 bits\n",
                            out.c_str());
   return 0;

@@ -4,16 +4,11 @@
 #include "commands.h"
 #include "image_io.h"
 #include "library.h"
+#include "names.h"
 
 namespace vtool {
 
 namespace {
-
-const std::vector<std::pair<std::string, uint32_t>> kInterpolations = {
-    {"nearest", VANTIX_INTER_NEAREST}, {"linear", VANTIX_INTER_LINEAR},
-    {"cubic", VANTIX_INTER_CUBIC},     {"area", VANTIX_INTER_AREA},
-    {"lanczos", VANTIX_INTER_LANCZOS4}, {"auto", VANTIX_INTER_AUTO},
-};
 
 const char kUsage[] =
     "usage: vantix resize IN OUT --size WxH [--interp METHOD]\n"
@@ -24,8 +19,8 @@ const char kUsage[] =
     "  OUT              output file; its extension picks the format (16-bit\n"
     "                   images stay 16-bit in .png, .tif, .pgm/.ppm)\n"
     "  --size WxH       the new size, e.g. 640x480\n"
-    "  --interp METHOD  nearest, linear, cubic, area, lanczos or auto\n"
-    "                   (default auto: cubic when enlarging, else area)\n";
+    "  --interp METHOD  nearest, linear, cubic, area, lanczos (also lanczos4)\n"
+    "                   or auto (default auto: cubic when enlarging, else area)\n";
 
 int run(const Args& args) {
   const std::string& in = args.positional(0);
@@ -34,7 +29,7 @@ int run(const Args& args) {
   if (!sizeArg) throwUsage("missing option --size WxH");
   const cv::Size size = parseSize(*sizeArg, "--size");
   const uint32_t interpolation =
-      parseChoice(args.option("interp").value_or("auto"), "--interp", kInterpolations);
+      parseName(kInterpNames, args.option("interp").value_or("auto"), "--interp");
   checkOutputPath(out);
 
   const cv::Mat source = readImage(in);

@@ -8,6 +8,7 @@
 
 #include "errors.h"
 #include "image_io.h"
+#include "names.h"
 #include "result_names.h"
 
 namespace vtool {
@@ -69,15 +70,7 @@ uint32_t paddedStride(uint32_t width, uint32_t bitsPerPixel) {
 }
 
 std::string interpolationName(uint32_t interpolation) {
-  switch (interpolation) {
-    case VANTIX_INTER_NEAREST: return "nearest";
-    case VANTIX_INTER_LINEAR: return "linear";
-    case VANTIX_INTER_CUBIC: return "cubic";
-    case VANTIX_INTER_AREA: return "area";
-    case VANTIX_INTER_LANCZOS4: return "lanczos";
-    case VANTIX_INTER_AUTO: return "auto";
-    default: return std::to_string(interpolation);
-  }
+  return nameOf(kInterpNames, interpolation);
 }
 
 ResizeOutcome resize(const cv::Mat& source, cv::Size size, uint32_t interpolation) {
@@ -107,13 +100,6 @@ DemosaicOutcome demosaic(const cv::Mat& raw, int bits, uint32_t pattern, uint32_
     throw ToolError("a " + std::to_string(bits) + "-bit raw frame must be " +
                     (sixteenBit ? "16-bit" : "8-bit") + " grey, not " + describeType(raw.type()));
   }
-  // The library reads G-first frames with their red and blue sites
-  // exchanged (documented); a sensor with one G-first pattern is passed as
-  // the other so that the output has true colours.
-  uint32_t libraryPattern = pattern;
-  if (pattern == VANTIX_BAYER_GRBG) libraryPattern = VANTIX_BAYER_GBRG;
-  if (pattern == VANTIX_BAYER_GBRG) libraryPattern = VANTIX_BAYER_GRBG;
-
   const bool fourChannels = order == VANTIX_DEMOSAIC_BGRA || order == VANTIX_DEMOSAIC_RGBA;
   const int type = CV_MAKETYPE(sixteenBit ? CV_16U : CV_8U, fourChannels ? 4 : 3);
   const uint32_t width = static_cast<uint32_t>(raw.cols);
@@ -126,7 +112,7 @@ DemosaicOutcome demosaic(const cv::Mat& raw, int bits, uint32_t pattern, uint32_
   const auto start = std::chrono::steady_clock::now();
   const VantixResult result =
       vantix_demosaic(packed.data, out.bytes.data(), width, static_cast<uint32_t>(raw.rows), bits,
-                      libraryPattern, order, algorithm);
+                      pattern, order, algorithm);
   const double elapsed = millisecondsSince(start);
   // vantix_demosaic deliberately returns E_FAIL after every conversion that
   // ran, successful or not; it never returns S_OK.  The arguments passed the

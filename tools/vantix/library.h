@@ -22,7 +22,7 @@ uint16_t bitCountFor(const cv::Mat& image);
 // Rows padded to 4 bytes: ((width * bitsPerPixel + 31) >> 3) & ~3.
 uint32_t paddedStride(uint32_t width, uint32_t bitsPerPixel);
 
-// Interpolation name for messages: "cubic", "auto"...
+// Interpolation name for messages: "cubic", "auto"... (from the name table)
 std::string interpolationName(uint32_t interpolation);
 
 struct ResizeOutcome {
@@ -40,8 +40,10 @@ struct DemosaicOutcome {
 };
 
 // Demosaics a one-channel 8-bit (bits 8) or 16-bit (bits 9..16) raw frame
-// whose sensor has the colour filter `pattern` (VANTIX_BAYER_*), giving true
-// colours for all four patterns.  Throws ToolError for a refused call.
+// with the pattern code `pattern` handed to vantix_demosaic as it is.  The
+// library reads the two G-first codes with red and blue exchanged: the name
+// table (names.h) gives, for each sensor's pattern name, the code that comes
+// out in true colours.  Throws ToolError for a refused call.
 DemosaicOutcome demosaic(const cv::Mat& raw, int bits, uint32_t pattern, uint32_t order,
                          uint32_t algorithm);
 
