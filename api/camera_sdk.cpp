@@ -62,19 +62,24 @@ std::vector<std::string> loadedImageNames() {
 }
 
 // Calls `visit(handle, prefix)` for every loaded object that exports
-// "DllPrefix", in load order, until it returns true.  Handles of objects that
-// were opened but not taken are not closed (each is only a reference count on
-// an object that stays loaded anyway).
+// "DllPrefix", in load order, until it returns true; returns the handle it
+// returned true for (null when it never did), whose reference the caller
+// keeps.  Every other handle is closed again as soon as the object has been
+// looked at: dlopen takes a reference even with RTLD_NOLOAD, and keeping it
+// would keep a plugin mapped after the host closes it.
 template <typename Visit>
-void forEachSdkImage(Visit visit) {
+void* forEachSdkImage(Visit visit) {
   for (const std::string& name : loadedImageNames()) {
     void* handle = dlopen(name.c_str(), RTLD_NOW | RTLD_NOLOAD);
     if (handle == nullptr) continue;
     auto prefixFn = reinterpret_cast<SdkPrefixFn>(dlsym(handle, "DllPrefix"));
-    if (prefixFn == nullptr) continue;
-    const char* prefix = prefixFn();
-    if (visit(handle, prefix != nullptr ? prefix : "")) return;
+    if (prefixFn != nullptr) {
+      const char* prefix = prefixFn();
+      if (visit(handle, prefix != nullptr ? prefix : "")) return handle;
+    }
+    dlclose(handle);
   }
+  return nullptr;
 }
 
 template <typename Fn>
@@ -94,25 +99,27 @@ void bindCameraSdk() {
   // The pointers of every image that exports "DllPrefix" replace those of
   // the images before it; they are gathered here and published once at the
   // end, so that a thread pulling while another searches never sees the
-  // pointers of an image that was passed over.
+  // pointers of an image that was passed over.  After a failed search they
+  // are those of the last such image, which the library holds no reference
+  // to: they stay usable while the host keeps that image loaded, and since
+  // every pull of an unbound binding searches again first, they are
+  // replaced (by nulls when no image exports "DllPrefix" any more) before
+  // they could be called after the host closed it.
   SdkRawFormatFn rawFormat = nullptr;
   SdkPullV2Fn v2 = nullptr;
   SdkPullV3Fn v3 = nullptr;
   SdkPullV4Fn v4 = nullptr;
-  void* bound = nullptr;
-  bool seen = false;
-  forEachSdkImage([&](void* handle, const char* prefix) {
-    seen = true;
+  void* const bound = forEachSdkImage([&](void* handle, const char* prefix) {
     // The name is built without a length limit, so long prefixes work too.
     rawFormat = lookup<SdkRawFormatFn>(handle, std::string(prefix) + "_get_RawFormat");
     v2 = lookup<SdkPullV2Fn>(handle, "DllPullImageWithRowPitchV2");
     v3 = lookup<SdkPullV3Fn>(handle, "DllPullImageV3");
     v4 = lookup<SdkPullV4Fn>(handle, "DllPullImageV4");
-    if (v2 == nullptr) return false;
-    bound = handle;
-    return true;
+    return v2 != nullptr;
   });
-  if (!seen) return;
+  // A search that bound nothing leaves alone a binding another thread made
+  // meanwhile.
+  if (bound == nullptr && gSdk.sdkHandle.load() != nullptr) return;
   gSdk.rawFormatFn = rawFormat;
   gSdk.pullV3Fn = v3;
   gSdk.pullV4Fn = v4;
@@ -122,16 +129,11 @@ void bindCameraSdk() {
 
 void bindNamedPull() {
   SdkNamedPullFn named = nullptr;
-  void* bound = nullptr;
-  bool seen = false;
-  forEachSdkImage([&](void* handle, const char* prefix) {
-    seen = true;
+  void* const bound = forEachSdkImage([&](void* handle, const char* prefix) {
     named = lookup<SdkNamedPullFn>(handle, std::string(prefix) + "_PullImage");
-    if (named == nullptr) return false;
-    bound = handle;
-    return true;
+    return named != nullptr;
   });
-  if (!seen) return;
+  if (bound == nullptr && gNamed.namedHandle.load() != nullptr) return;
   gNamed.namedPullFn = named;
   if (bound != nullptr) gNamed.namedHandle = bound;
 }

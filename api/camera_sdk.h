@@ -5,7 +5,9 @@
 // exported function "DllPrefix" and by the names of its pull functions.  Two
 // bindings are cached for the life of the process and never released; a
 // search that finds nothing leaves its binding unbound, so the next pull
-// searches again (a host may load its SDK late).
+// searches again (a host may load its SDK late).  A search keeps a reference
+// only to the object it binds: every other object it opened is closed again,
+// so a plugin the host closes is unloaded.
 #pragma once
 
 #include <cstdint>
@@ -40,7 +42,8 @@ SdkBindingView sdkBindings();
 // Walks the loaded objects in load order.  Every object that exports
 // "DllPrefix" overwrites the raw-format, V3 and V4 pointers with what it
 // exports (null included); the first one that also exports
-// "DllPullImageWithRowPitchV2" is bound and ends the search.
+// "DllPullImageWithRowPitchV2" is bound and ends the search.  A search that
+// sees no such object at all leaves every pointer null.
 void bindCameraSdk();
 
 // The same walk for "<prefix>_PullImage"; the first object exporting it is

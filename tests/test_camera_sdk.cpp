@@ -212,6 +212,34 @@ TEST(CameraSdkBinding, SdkWithoutV2IsPassedOverButOverwritesTheOtherPointers) {
   }));
 }
 
+// A search that binds nothing keeps no reference to the objects it looked
+// at: a plugin the host closes afterwards is unloaded, and the next search,
+// finding no SDK, leaves none of its pointers behind.
+TEST(CameraSdkBinding, FailedSearchesLeaveNoObjectLoaded) {
+  EXPECT_TRUE(vtest::runInChildProcess([] {
+    void* plugin = openLibrary(VANTIX_SIMCAM_PARTIAL_PATH);
+    ASSERT_NE(dlsym(plugin, "DllPrefix"), nullptr);
+    void* camera = reinterpret_cast<void*>(0xca);
+    std::vector<uint8_t> buffer(64, kFill), info = infoBuffer();
+    uint32_t depth = 0;
+    for (FrameInfoVersion v : {FrameInfoVersion::V2, FrameInfoVersion::V4}) {
+      EXPECT_EQ(pull(v, camera, buffer, 24, 0, info.data()), VANTIX_E_NOTIMPL);
+    }
+    EXPECT_EQ(vantix::pullSpot(kSession, &depth, camera, 1, buffer.data(), 8, 0, nullptr, nullptr,
+                               recordSpot),
+              VANTIX_E_NOTIMPL);
+    EXPECT_NE(vantix::sdkBindings().pullV3Fn, nullptr);  // the stub's, while it is loaded
+
+    ASSERT_EQ(dlclose(plugin), 0) << dlerror();
+    EXPECT_EQ(dlopen(VANTIX_SIMCAM_PARTIAL_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr)
+        << "the plugin is still loaded after the host closed it";
+    EXPECT_EQ(pull(FrameInfoVersion::V3, camera, buffer, 24, 0, info.data()), VANTIX_E_NOTIMPL);
+    const vantix::SdkBindingView b = vantix::sdkBindings();
+    EXPECT_TRUE(!b.sdkHandle && !b.pullV2Fn && !b.pullV3Fn && !b.pullV4Fn && !b.rawFormatFn);
+    EXPECT_TRUE(allFill(buffer) && allFill(info) && gPushes.empty() && gSpotCalls.empty());
+  }));
+}
+
 TEST(CameraSdkBinding, NamedPullIsSearchedOnItsOwn) {
   EXPECT_TRUE(vtest::runInChildProcess([] {
     // Load order: an SDK without the named pull, the stub, the full simulator.
