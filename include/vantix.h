@@ -42,7 +42,10 @@
  * stop; their callbacks run on that worker thread with no library lock held.
  * A host MUST NOT call the session's stop or delete function from inside one
  * of its callbacks (the stop waits for the very thread that runs the
- * callback).  Spot and edge sessions and the image operations run entirely on
+ * callback).  Start, stop and delete of one session may come from several
+ * host threads, also at the same moment (a stop button beside an error
+ * handler): they are serialised, and a stop that finds the session stopped
+ * returns.  Spot and edge sessions and the image operations run entirely on
  * the caller's thread.
  *
  * Buffers.  Pushed frames are deep-copied before the push returns; the host
@@ -269,6 +272,18 @@ VANTIX_API void vantix_init(VantixAllocator allocator);
  * fading into the earlier content over a band of a twentieth of the frame
  * along its border; parts that cover nothing are copied unchanged.  Frames
  * within a tenth of a frame of the last drawn one are not drawn again.
+ *
+ * Memory on long scans: the canvas never shrinks.  A scan that keeps going
+ * one way grows it by four frames every four frames of travel, so it costs
+ * about width * 4 * height * (3 or 4 bytes a pixel) per frame width of
+ * travel (3.7 MB for 640 x 480 frames in format 0; 737 MB after 200 frame
+ * widths).  Each growth copies the whole canvas (for a moment the old and the
+ * new canvas both exist), which takes about a second on a 400 MB canvas; the
+ * frame that caused it waits for it, and so does a stop issued meanwhile.
+ * Between growths a stop waits only for the frame in progress.  A growth that
+ * fails for lack of memory is reported (events 3 then 2), the frame that
+ * needed it is reported as not placed (mode 4), and the panorama so far is
+ * kept.
  */
 
 /**
@@ -285,8 +300,9 @@ VANTIX_API void vantix_init(VantixAllocator allocator);
  *     move with it (a call whose canvasWidth/canvasHeight grew and whose
  *     reset is set reports in the new canvas);
  *   mode: 1 placed, 2 kept as reference only, 3 tracking lost / relocating,
- *     4 not placed this time (no confident match, or a frame blurrier than
- *     the reference where they overlap);
+ *     4 not placed this time (no confident match, a frame blurrier than
+ *     the reference where they overlap, or a frame the canvas could not
+ *     grow for);
  *     Frames placed are drawn by the canvas's own thread shortly after
  *     this call: pixels read here may still change (copy them with
  *     vantix_stitch_readdata for a consistent view);
@@ -391,8 +407,9 @@ VANTIX_API VantixImageHeader *vantix_stitch_stop(VantixStitch *session,
  * used when roiWidth is nonzero, else the whole canvas.  Cubic interpolation
  * when the buffer has fewer pixels than the canvas, area otherwise.
  * Returns 1 when copied, 0 while the canvas is being reallocated (retry).
- * A region not inside the canvas, an empty region or a buffer of zero width
- * or height raises a C++ cv::Exception out of this call.
+ * A region not inside the canvas (its far edge computed without
+ * wrapping), an empty region or a buffer of zero width or height raises a
+ * C++ cv::Exception out of this call.
  */
 VANTIX_API int32_t vantix_stitch_readdata(VantixStitch *session, void *buffer,
                                           uint32_t width, uint32_t height,

@@ -25,15 +25,21 @@ struct FlagGuard {
 }  // namespace
 
 void fillBackground(cv::Mat& image, uint32_t background) {
-  image.setTo(cv::Scalar::all(background == 2 ? 0 : 255));
+  fillBackground(image, background, cv::Rect(0, 0, image.cols, image.rows));
+}
+
+void fillBackground(cv::Mat& image, uint32_t background, cv::Rect area) {
+  area &= cv::Rect(0, 0, image.cols, image.rows);
+  if (area.empty()) return;
+  image(area).setTo(cv::Scalar::all(background == 2 ? 0 : 255));
   if (background != 0) return;
   const int rows = image.rows, cols = image.cols;
   for (int r = 0; r * 128 < rows; ++r) {
     const int bottom = rows - r * 128;
     const int top = std::max(0, bottom - 128);
     for (int x = 128 * (r % 2); x < cols; x += 256) {
-      const int w = std::min(128, cols - x);
-      image(cv::Rect(x, top, w, bottom - top)).setTo(cv::Scalar::all(204));
+      const cv::Rect square = cv::Rect(x, top, std::min(128, cols - x), bottom - top) & area;
+      if (!square.empty()) image(square).setTo(cv::Scalar::all(204));
     }
   }
 }
@@ -256,7 +262,14 @@ void CLvCanvas::grow(int& x, int& y) {
     newHeight += 4 * frameHeight_;
   }
   cv::Mat image(newHeight, newWidth, image_.type());
-  fillBackground(image, background_);
+  // Only the new parts get the background: the old content is copied over
+  // the rest, and on a long scan the canvas is large, so filling it all
+  // first would double the work of every growth.
+  const cv::Rect old(offset, image_.size());
+  fillBackground(image, background_, cv::Rect(0, 0, newWidth, old.y));
+  fillBackground(image, background_, cv::Rect(0, old.br().y, newWidth, newHeight - old.br().y));
+  fillBackground(image, background_, cv::Rect(0, old.y, old.x, old.height));
+  fillBackground(image, background_, cv::Rect(old.br().x, old.y, newWidth - old.br().x, old.height));
   cv::Mat coverage = cv::Mat::zeros((newHeight + kCoverageCell - 1) / kCoverageCell,
                                     (newWidth + kCoverageCell - 1) / kCoverageCell, CV_8UC1);
   {

@@ -21,6 +21,9 @@ namespace vantix {
 // Fills a canvas image with a background: 0 checkerboard (255 with 128 x 128
 // squares of 204, block rows counted from the last row), 1 white, 2 black.
 void fillBackground(cv::Mat& image, uint32_t background);
+// The same, painting only the pixels of `area` (the pattern stays that of
+// the whole image).
+void fillBackground(cv::Mat& image, uint32_t background, cv::Rect area);
 
 // Side of the coverage cells: the canvas keeps which 4 x 4 cells are fully
 // painted (a map of 1/16 of the canvas's pixels instead of a full mask).

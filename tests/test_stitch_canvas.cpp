@@ -117,6 +117,23 @@ TEST(StitchCanvas, GrowingLeftAndUpShiftsContentAndCrop) {
   EXPECT_EQ(canvas->image().at<cv::Vec3b>(300, 600), cv::Vec3b(77, 77, 77));
 }
 
+// Growth paints only the new area, and paints it with the pattern of a
+// whole fresh canvas of the new size.
+TEST(StitchCanvas, GrowthFillsTheNewAreaWithTheCheckerboard) {
+  for (const cv::Point at : {cv::Point(-250, -120), cv::Point(350, 170)}) {
+    auto canvas = makeCanvas(100, 50, 0);
+    int x = at.x, y = at.y;
+    canvas->placeCheck(x, y);
+    canvas->grow(x, y);
+    cv::Mat grown = canvas->image().clone(), fresh(grown.size(), grown.type());
+    vantix::fillBackground(fresh, 0);
+    const cv::Rect old(canvas->shift(), cv::Size(400, 200));
+    grown(old).setTo(0);
+    fresh(old).setTo(0);
+    EXPECT_EQ(cv::norm(grown, fresh, cv::NORM_INF), 0.0) << at;
+  }
+}
+
 TEST(StitchCanvas, OneGrowthStepPerPlacement) {
   auto canvas = makeCanvas(100, 50, 1);
   int x = -700, y = 0;  // five frame widths left of the canvas
