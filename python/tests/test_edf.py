@@ -89,16 +89,28 @@ def test_a_callback_pushing_every_next_frame_and_a_close_meanwhile():
     assert threading.get_ident() not in threads and len(set(threads)) == 1
 
 
-def test_a_session_without_fuser_reports_the_failure_and_resumes_after_restart():
-    with vantix.EdfSession(kind=7) as session:
+def test_a_failing_worker_is_reported_and_fuse_accounts_for_it(monkeypatch):
+    """A session without fuser (a kind the binding refuses, made beneath its
+    check) fails on its first frame: the session reports it and resumes
+    after a restart, and fuse raises instead of waiting."""
+    with pytest.raises(ValueError, match="'stack'"):
+        vantix.EdfSession(kind=7)
+    with pytest.raises(ValueError, match="'pyramid_max'"):
+        vantix.fuse([SHARP], kind="pyramid")
+    monkeypatch.setattr(vantix._edf._names, "code", lambda *args: 7)
+    with vantix.EdfSession() as session:
         session.start()
-        session.push(SHARP)
-        assert session.wait_for(vantix.EdfError, 1, timeout=20)
+        session.push(SHARP, wait=True)
+        session.push(SHARP, wait=True)  # dropped while halted; does not wait
+        session.drain()
+        assert session.halted
         events = list(session.events(timeout=0))
         assert [(e.code, e.name) for e in events] == [(1, "VANTIX_EDF_ERROR_FAILED")]
-        session.push(SHARP)  # dropped while halted
         session.stop()
         session.start()
-        session.push(SHARP)
-        assert session.wait_for(vantix.EdfError, 2, timeout=20)
+        session.push(SHARP, wait=True)
+        session.drain()
         assert [e.code for e in session.events(timeout=0)] == [1]
+    with pytest.raises(vantix.ProcessingError) as caught:
+        vantix.fuse(iter([SHARP, SHARP, SHARP]))
+    assert caught.value.code == 1 and caught.value.result is None

@@ -1,6 +1,9 @@
 """Between numpy arrays and the row-pitch images of the C interface."""
 
+from __future__ import annotations
+
 import ctypes
+from typing import Optional, Tuple
 
 import numpy as np
 
@@ -61,6 +64,75 @@ def rows_view(image):
     return image, image.strides[0]
 
 
+#: Channel layouts a session frame may be given in, by channel count.
+LAYOUTS = {"grey": 1, "gray": 1, "bgr": 3, "rgb": 3, "bgra": 4, "rgba": 4}
+
+
+def layout_of(frame: np.ndarray, channels: Optional[str]) -> str:
+    """The channel layout of `frame`: `channels` when given (checked against
+    the array), else grey for 2-D arrays, B G R for 3 channels, B G R A
+    for 4."""
+    count = 1 if frame.ndim == 2 else (frame.shape[2] if frame.ndim == 3 else 0)
+    if channels is None:
+        layout = {1: "grey", 3: "bgr", 4: "bgra"}.get(count)
+        if layout is None:
+            raise ValueError(f"a frame is a (height, width) grey array or a (height, width, 3 "
+                             f"or 4) colour array, got shape {frame.shape}")
+        return layout
+    layout = str(channels).lower()
+    if layout not in LAYOUTS:
+        raise ValueError(f"unknown channels {channels!r}; choose one of "
+                         f"{', '.join(repr(k) for k in LAYOUTS)}")
+    if LAYOUTS[layout] != count or (count == 1 and frame.ndim != 2 and frame.shape[2] != 1):
+        raise ValueError(f"channels={channels!r} does not fit a frame of shape {frame.shape}")
+    return layout
+
+
+def to_session_layout(frame: np.ndarray, fmt: int, channels: Optional[str] = None
+                      ) -> np.ndarray:
+    """`frame` in the channel layout of session pixel format `fmt` (B G R or
+    B G R A): grey is spread over the colour channels, R G B reversed, an
+    alpha channel dropped or added (opaque).  Frames already in the
+    session's layout are returned as they are (no copy)."""
+    frame = np.asarray(frame)
+    name, dtype, want = FORMATS[fmt]
+    if frame.ndim == 3 and frame.shape[2] == 1:
+        frame = frame[:, :, 0]
+    layout = layout_of(frame, channels)
+    if frame.dtype != dtype:
+        raise ValueError(f"a {name} session takes {np.dtype(dtype).name} frames, got "
+                         f"{frame.dtype}")
+    if layout in ("grey", "gray"):
+        out = np.empty(frame.shape + (want,), dtype)
+        out[:, :, :3] = frame[:, :, None]
+    else:
+        colour = frame[:, :, 2::-1] if layout in ("rgb", "rgba") else frame[:, :, :3]
+        if want == 3 and layout == "bgr":
+            return frame
+        if want == 4 and layout == "bgra":
+            return frame
+        out = np.empty(frame.shape[:2] + (want,), dtype)
+        out[:, :, :3] = colour
+        if want == 4 and layout == "rgba":
+            out[:, :, 3] = frame[:, :, 3]
+    if want == 4 and layout not in ("bgra", "rgba"):
+        out[:, :, 3] = np.iinfo(dtype).max
+    return out
+
+
+def from_session_layout(image: np.ndarray, layout: str) -> np.ndarray:
+    """The inverse of to_session_layout for a result image (B G R or
+    B G R A): back to the frames' layout."""
+    if layout in ("grey", "gray"):
+        return np.ascontiguousarray(image[:, :, 1])
+    if layout in ("rgb", "rgba"):
+        order = [2, 1, 0, 3] if image.shape[2] == 4 and layout == "rgba" else [2, 1, 0]
+        return np.ascontiguousarray(image[:, :, order])
+    if layout == "bgr" and image.shape[2] == 4:
+        return np.ascontiguousarray(image[:, :, :3])
+    return image
+
+
 def check_frame(frame, fmt, size=None):
     """Validates a session frame of pixel format `fmt` (and `size` (w, h))."""
     frame = np.asarray(frame)
@@ -74,6 +146,12 @@ def check_frame(frame, fmt, size=None):
     if frame.shape[0] < 1 or frame.shape[1] < 1:
         raise ValueError("empty frame")
     return frame
+
+
+def session_frame(frame: np.ndarray, fmt: int, size: Optional[Tuple[int, int]] = None,
+                  channels: Optional[str] = None) -> Tuple[np.ndarray, int]:
+    """(array, row pitch) of a frame ready for a session push."""
+    return rows_view(check_frame(to_session_layout(frame, fmt, channels), fmt, size))
 
 
 def pointer(array):
@@ -101,6 +179,6 @@ def from_address(address, height, width, pitch, dtype, channels):
 
 
 def frame_buffer(width, height, bits, row_pitch=0):
-    """A zeroed byte buffer for a pulled frame and the pitch its rows use."""
+    """A byte buffer for a pulled frame and the pitch its rows use."""
     pitch = row_pitch or padded_pitch(width, bits)
-    return np.zeros(pitch * height, np.uint8), pitch
+    return np.empty(pitch * height, np.uint8), pitch

@@ -1,17 +1,21 @@
-"""Extended depth of field: EdfSession."""
+"""Extended depth of field: EdfSession and the one-call vantix.fuse."""
+
+from __future__ import annotations
 
 import threading
 from collections import namedtuple
+from typing import Any, Iterable, Optional, Union
 
 import numpy as np
 
-from . import _native
-from ._arrays import FORMATS, check_frame, format_code, from_address, pointer, rows_view
+from . import _names, _native
+from ._arrays import (FORMATS, format_code, from_address, from_session_layout, layout_of,
+                      pointer, session_frame)
+from ._errors import ProcessingError
+from ._feeder import Feeder
 from ._native import lib
 from ._pull import FORMAT_BITS, pull as _pull
 from ._session import ThreadedSession
-
-KINDS = {"pyramid_max": 0, "pyramid_blend": 1, "stack": 2}
 ERROR_NAMES = {1: "VANTIX_EDF_ERROR_FAILED", 2: "VANTIX_EDF_ERROR_OUT_OF_MEMORY"}
 # OpenCV type codes of the fused image: (dtype, channels).
 _TYPES = {16: (np.uint8, 3), 18: (np.uint16, 3), 24: (np.uint8, 4), 26: (np.uint16, 4)}
@@ -37,34 +41,46 @@ class EdfSession(ThreadedSession):
     the next frame but must not stop or close the session; an exception it
     raises is re-raised as CallbackError by the next call or close).
     The frame queue holds 3 frames and drops the oldest when full: to fuse
-    every frame, push the next after the previous one's report.
+    every frame, push with ``push(frame, wait=True)`` and call ``drain()``
+    after the last (or use ``vantix.fuse``).
 
     Args:
-        kind: fuser, "pyramid_max" (0), "pyramid_blend" (1) or "stack" (2).
-        format: pixel format 0..3 or "BGR8", "BGR16", "BGRA8", "BGRA16".
+        kind: fuser, "pyramid_max" (0), "pyramid_blend" (1) or "stack" (2);
+            the names are the command-line tool's.
+        format: pixel format 0..3 or "BGR8", "BGR16", "BGRA8", "BGRA16";
+            the working image is 8 bits a channel whatever the format (the
+            fused image is handed back in the format, 16-bit samples being
+            8-bit values times 257).
         callback: optional callable(item), run on the worker thread.
+        copy_images: copy the fused image into every EdfFrame (default);
+            False leaves ``EdfFrame.image`` None (use readdata()).
     """
 
     _delete = "vantix_edf_delete"
     _start_fn = "vantix_edf_start"
     _stop = "vantix_edf_stop"
 
-    def __init__(self, kind="pyramid_max", format=0, callback=None):
+    def __init__(self, kind: Union[str, int] = "pyramid_max", format: Union[str, int] = 0,
+                 callback=None, copy_images: bool = True) -> None:
         super().__init__(callback)
-        self.kind = KINDS[kind] if isinstance(kind, str) else int(kind)
+        self.kind = _names.code("edf_kind", kind, "EDF kind")
         self.format = format_code(format)
         self.size = None  # (width, height) of the first frame
         bridge = self._bridge
+        copy_images = bool(copy_images)
 
         def on_frame(_ctx, event, data, stride, width, height, type_):
+            bridge.frame_reported()
+
             def item():
                 dtype, channels = _TYPES.get(type_, FORMATS[0][1:])
                 image = from_address(data, height, width, stride, dtype, channels) \
-                    if data else None
+                    if data and copy_images else None
                 return EdfFrame(event, image, threading.get_ident())
             bridge.run(item)
 
         def on_error(_ctx, code):
+            bridge.worker_halted()
             bridge.run(lambda: EdfError(code, ERROR_NAMES.get(code, f"error {code}"),
                                         threading.get_ident()))
 
@@ -76,16 +92,32 @@ class EdfSession(ThreadedSession):
             handle = lib.vantix_edf_newV2(self.format, self.kind, frame_fn, error_fn, None)
         self._attach(handle, "vantix_edf_new")
 
-    def push(self, frame):
-        """Queues a copy of `frame`, a (height, width, channels) array of
-        the session's format, of the first frame's size.  Dropped while the
-        session is not running (or halted after an error)."""
-        frame, pitch = rows_view(check_frame(frame, self.format, self.size))
+    def push(self, frame: np.ndarray, wait: bool = False,
+             channels: Optional[str] = None) -> None:
+        """Queues a copy of `frame`, of the first frame's size.  Dropped
+        while the session is not running (or halted after an error).
+
+        ``wait=True`` first waits until the worker has reported on the
+        previous frame, so that the queue (3 frames, the oldest dropped)
+        never loses one; call ``drain()`` after the last.
+
+        `frame` is of the session's dtype: (height, width, 3) B G R,
+        (height, width, 4) B G R A, or (height, width) grey; ``channels``
+        ("bgr", "rgb", "bgra", "rgba", "grey") says otherwise.  Frames not
+        in the session's layout are converted (a copy).
+        """
+        prepared = session_frame(frame, self.format, self.size, channels)
+        if wait:
+            self._wait_idle()
+        self._push_prepared(*prepared)
+
+    def _push_prepared(self, frame: np.ndarray, pitch: int) -> None:
         handle = self._enter(push=True)
         if handle is None:
             return
         try:
             self.size = self.size or (frame.shape[1], frame.shape[0])
+            self._mark_pushed()
             code = lib.vantix_edf_pushback(handle, pointer(frame), frame.shape[1],
                                            frame.shape[0], 0, pitch)
         finally:
@@ -117,7 +149,7 @@ class EdfSession(ThreadedSession):
             return None
         _, dtype, channels = FORMATS[self.format]
         width, height = self.size
-        out = np.zeros((height, width, channels), dtype)
+        out = np.empty((height, width, channels), dtype)
         handle = self._enter()
         try:
             lib.vantix_edf_readdata(handle, pointer(out), out.strides[0])
@@ -134,3 +166,82 @@ class EdfSession(ThreadedSession):
             self._stop_worker(handle)
         finally:
             self._leave()
+
+
+def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
+         channels: Optional[str] = None) -> Optional[np.ndarray]:
+    """Fuses a focus stack (every frame of `frames`) into one image that is
+    sharp wherever some frame was, and returns it.
+
+    Every frame is fused, one after another at the worker's speed (the
+    session's queue of 3 never drops one).
+
+    Args:
+        frames: any iterable (a list, a generator) of numpy arrays of one
+            scene, one size and one dtype: (height, width, 3) B G R,
+            (height, width, 4) B G R A or (height, width) grey; uint8 or
+            uint16.  The working image is 8 bits a channel: 16-bit frames
+            are scaled down, and the fused image comes back as uint16
+            holding 8-bit values times 257.  Views with strides are read in
+            place when their pixels are contiguous within rows; other
+            layouts are converted before the push.  Empty frames are
+            skipped.
+        kind: "pyramid_max", "pyramid_blend" or "stack" (or 0, 1, 2).
+        channels: "bgr", "rgb", "bgra", "rgba" or "grey" to say how the
+            frames are ordered (default: by shape, as above).
+
+    Returns:
+        The fused image in the frames' layout (B G R, R G B, grey; an
+        alpha channel is opaque), or None for no frame.
+
+    Raises:
+        ValueError: a frame of another size or dtype than the first, or an
+            unknown kind (the message lists the choices).
+        ProcessingError: the worker stopped after a failure; its ``result``
+            is the image fused before it (or None).
+    """
+    kind_code = _names.code("edf_kind", kind, "EDF kind")
+    iterator = (np.asarray(f) for f in frames)
+    first = next((f for f in iterator if f.size), None)
+    if first is None:
+        return None
+    layout = layout_of(first, channels)
+    fmt = (1 if first.dtype == np.uint16 else 0) + (2 if layout in ("bgra", "rgba") else 0)
+    feeder = Feeder()
+
+    def on_item(item: Any) -> None:
+        try:
+            if isinstance(item, EdfFrame):
+                feeder.on_report()
+            else:
+                feeder.on_failure(item)
+        except BaseException as error:  # noqa: BLE001 - must not leave the caller waiting
+            feeder.on_failure(error)
+            raise
+
+    session = EdfSession(kind_code, format=fmt, callback=on_item, copy_images=False)
+    feeder.session = session
+    with session:
+        session.start()
+        size = None
+        for index, frame in enumerate(_chain(first, iterator)):
+            if frame.size == 0:
+                continue
+            prepared = session_frame(frame, fmt, size, channels)
+            size = size or (frame.shape[1], frame.shape[0])
+            if not feeder.offer(index, prepared):
+                break
+        feeder.finish()
+        session.stop()
+        fused = session.readdata()
+    if isinstance(feeder.failure, BaseException):
+        raise feeder.failure
+    result = None if fused is None else from_session_layout(fused, layout)
+    if feeder.failure is not None:
+        raise ProcessingError(feeder.failure.code, feeder.failure.name, result)
+    return result
+
+
+def _chain(first, rest):
+    yield first
+    yield from rest

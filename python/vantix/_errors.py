@@ -74,3 +74,22 @@ _BY_CODE = {
     0x8007000E: OutOfMemoryError,
     0x80004005: FailError,
 }
+
+
+class ProcessingError(RuntimeError):
+    """A session's worker stopped after a failure during vantix.stitch or
+    vantix.fuse.
+
+    Attributes:
+        code: the event (stitch: 1 failed, 2 out of memory) or error code
+            (EDF: 1 failed, 2 out of memory) the worker reported.
+        name: its name as in vantix.h.
+        result: what was made before the failure (a StitchResult, or the
+            fused image so far; None when nothing was).
+    """
+
+    def __init__(self, code, name, result=None):
+        self.code = code
+        self.name = name
+        self.result = result
+        super().__init__(f"the worker stopped: {name} ({code})")

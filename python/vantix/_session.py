@@ -10,13 +10,15 @@ Lifetime rules kept here:
     a CDLL), and no lock that a callback might wait for is held meanwhile.
 """
 
+from __future__ import annotations
+
 import atexit
 import collections
 import queue
 import threading
-import time
 import warnings
 import weakref
+from typing import Any, Callable, Iterator, Optional
 
 from ._native import lib
 
@@ -64,6 +66,12 @@ class Bridge:
         self.latest = {}  # plain values the callbacks keep (single assignments)
         self.callbacks = ()  # ctypes function objects, kept until delete returns
         self.lock = threading.Lock()  # only ever held for a few instructions
+        self.arrived = threading.Condition(self.lock)  # notified after each item
+        # Frames in flight (see ThreadedSession._wait_idle); its own lock,
+        # never held while calling into the library or a user callback.
+        self.flow = threading.Condition()
+        self.in_flight = False
+        self.halted = False
 
     def run(self, make_item):
         """Body of every C-side callback: make the item (copying what is
@@ -73,6 +81,7 @@ class Bridge:
             item = make_item()
             with self.lock:
                 self.counts[type(item).__name__] += 1
+                self.arrived.notify_all()
             if self.user_callback is None:
                 self.queue.put(item)
             else:
@@ -81,8 +90,22 @@ class Bridge:
             with self.lock:
                 if self.error is None:
                     self.error = error
+                self.arrived.notify_all()
         finally:
             _in_callback.bridge = None
+
+    def frame_reported(self):
+        """The worker reported on a frame: the next one may be pushed."""
+        with self.flow:
+            self.in_flight = False
+            self.flow.notify_all()
+
+    def worker_halted(self):
+        """The worker stopped itself after a failure."""
+        with self.flow:
+            self.halted = True
+            self.in_flight = False
+            self.flow.notify_all()
 
     def count(self, kind):
         with self.lock:
@@ -214,6 +237,10 @@ class ThreadedSession(Session):
     """A session with a worker thread (stitch, EDF): start/stop and the
     results of its callbacks."""
 
+    def __init__(self, user_callback: Optional[Callable[[Any], None]] = None) -> None:
+        super().__init__(user_callback)
+        self._init_flow()
+
     # -- events -------------------------------------------------------------
 
     def events(self, timeout=1.0):
@@ -229,16 +256,60 @@ class ThreadedSession(Session):
                 return
             yield item
 
-    def wait_for(self, kind, count, timeout=10.0):
+    def wait_for(self, kind: type, count: int, timeout: Optional[float] = 10.0) -> bool:
         """Waits until `count` callback results of class `kind` have arrived
-        in total since creation; returns whether they did."""
-        deadline = time.monotonic() + timeout
-        while self._bridge.count(kind) < count:
+        in total since creation (or `timeout` seconds passed; None: no
+        limit); returns whether they did.  Re-raises a callback error that
+        came before they did."""
+        bridge = self._bridge
+        with bridge.arrived:
+            done = bridge.arrived.wait_for(
+                lambda: bridge.counts[kind.__name__] >= count or bridge.error is not None,
+                timeout)
+            done = bridge.counts[kind.__name__] >= count
+        if not done:
             self._raise_pending()
-            if time.monotonic() > deadline:
-                return False
-            time.sleep(0.005)
-        return True
+        return done
+
+    # -- pushing without loss -----------------------------------------------
+    #
+    # The library's queues drop frames (the oldest when full; the stitch
+    # worker also skips all but the sharpest of the frames waiting), so the
+    # only way to have every frame processed is to have at most one waiting:
+    # push the next frame once the worker has reported on the previous one.
+    # The bridge's in_flight is true from a push until the worker's report
+    # on a frame (or until the worker halts, or the session stops).
+
+    def _init_flow(self) -> None:
+        self._flow = self._bridge.flow
+
+    def _mark_pushed(self) -> None:
+        with self._flow:
+            if self._running and not self._bridge.halted:
+                self._bridge.in_flight = True
+
+    def _wait_idle(self) -> None:
+        if getattr(_in_callback, "bridge", None) is self._bridge:
+            return  # a callback never waits for its own worker
+        bridge = self._bridge
+        with self._flow:
+            self._flow.wait_for(lambda: not bridge.in_flight or bridge.halted or
+                                not self._running or self._closed)
+
+    @property
+    def halted(self) -> bool:
+        """True when the worker stopped itself after a failure (reported
+        as an event or error item); stop() and start() resume."""
+        return self._bridge.halted
+
+    def drain(self) -> None:
+        """Waits until the worker has reported on the frame pushed last (or
+        has halted, or the session was stopped).  With every frame pushed
+        with ``push(frame, wait=True)`` that means every frame was
+        processed.  Re-raises a callback error."""
+        self._refuse_in_callback("drain")
+        self._wait_idle()
+        self._raise_pending()
 
     # -- running ------------------------------------------------------------
 
@@ -254,18 +325,27 @@ class ThreadedSession(Session):
             handle = self._enter()
             try:
                 if not self._running:
+                    with self._flow:
+                        self._bridge.halted = False
                     getattr(lib, self._start_fn)(handle)
                     self._running = True
             finally:
                 self._leave()
         return self
 
+    def _set_stopped(self) -> None:
+        with self._flow:
+            self._running = False
+            self._bridge.in_flight = False
+            self._flow.notify_all()
+
     def _native_stop(self, handle):
         getattr(lib, self._stop)(handle)
 
     def _stop_worker(self, handle):
         with self._run_lock:
-            was_running, self._running = self._running, False
+            was_running = self._running
+            self._set_stopped()
             if was_running:
                 self._native_stop(handle)
             return was_running

@@ -1,14 +1,21 @@
-"""Live stitching: StitchSession."""
+"""Live stitching: StitchSession and the one-call vantix.stitch."""
+
+from __future__ import annotations
 
 import ctypes
 import threading
 import time
 from collections import namedtuple
+from dataclasses import dataclass, field
+from typing import Any, Callable, Iterable, List, Optional, Tuple, Union
 
 import numpy as np
 
-from . import _native
-from ._arrays import check_frame, format_code, from_address, from_rows, pointer, rows_view
+from . import _names, _native
+from ._arrays import (format_code, from_address, from_rows, from_session_layout, layout_of,
+                      pointer, session_frame)
+from ._errors import ProcessingError
+from ._feeder import Feeder
 from ._native import lib
 from ._pull import FORMAT_BITS, pull as _pull
 from ._session import ThreadedSession
@@ -48,7 +55,10 @@ ident of the worker thread that reported it."""
 StitchEvent = namedtuple("StitchEvent", "code name thread_id")
 StitchEvent.__doc__ = "A stitch event (onEvent): code, its header name, worker thread ident."
 
-_BACKGROUNDS = {"checkerboard": 0, "white": 1, "black": 2}
+# Events after which the worker has stopped itself (outside a canvas growth,
+# where 2 reports a growth that failed for lack of memory).
+_HALTING_EVENTS = (1, 2)
+_GROWTH_BEGUN, _GROWTH_OUTCOMES = 3, (2, 4, 5)
 
 
 class StitchSession(ThreadedSession):
@@ -66,8 +76,11 @@ class StitchSession(ThreadedSession):
 
     Args:
         width, height: frame size in pixels.
-        format: 0/"BGR8", 1/"BGR16", 2/"BGRA8", 3/"BGRA16": frames of
-            shape (height, width, 3 or 4), uint8 or uint16.
+        format: 0/"BGR8", 1/"BGR16", 2/"BGRA8", 3/"BGRA16": the frames'
+            dtype (uint8, uint16) and the layout handed to the library.
+            Grey (2-D) frames and other channel orders are converted on
+            push (see push).  The working image is 8 bits a channel:
+            16-bit frames are scaled down to it.
         background: "checkerboard", "white", "black" (or 0, 1, 2).
         scale_level, strict_level: quality levels 0..4 (default 2).
         callback: optional callable(item), run on the worker thread.
@@ -86,10 +99,7 @@ class StitchSession(ThreadedSession):
         self.size = (int(width), int(height))
         if not (1 <= self.size[0] <= 16384 and 1 <= self.size[1] <= 16384):
             raise ValueError(f"frame size {self.size} outside 1..16384")
-        if isinstance(background, str):
-            if background not in _BACKGROUNDS:
-                raise ValueError(f"background is one of {sorted(_BACKGROUNDS)}")
-            background = _BACKGROUNDS[background]
+        background = _names.code("background", background, "background")
         self._copy_canvas = bool(copy_canvas)
         self._canvas_channels = 3 if self.format == 0 else 4
         bridge = self._bridge
@@ -99,6 +109,7 @@ class StitchSession(ThreadedSession):
         def on_frame(_ctx, data, stride, cw, ch, fw, fh, _ftype, x, y, mode, changed,
                      reset, score):
             bridge.latest["canvas"] = (cw, ch)
+            bridge.frame_reported()
             def item():
                 canvas = (from_address(data, ch, cw, stride, np.uint8, channels)
                           if copy_canvas and data else None)
@@ -106,7 +117,15 @@ class StitchSession(ThreadedSession):
                                    cw, ch, canvas, threading.get_ident())
             bridge.run(item)
 
+        growing = [False]
+
         def on_event(_ctx, code):
+            if code == _GROWTH_BEGUN:
+                growing[0] = True
+            elif growing[0] and code in _GROWTH_OUTCOMES:
+                growing[0] = False
+            elif code in _HALTING_EVENTS:
+                bridge.worker_halted()
             bridge.run(lambda: StitchEvent(code, EVENT_NAMES.get(code, f"event {code}"),
                                            threading.get_ident()))
 
@@ -126,13 +145,34 @@ class StitchSession(ThreadedSession):
             handle = lib.vantix_stitch_new(0, w, h, background, frame_fn, event_fn, None)
         self._attach(handle, "vantix_stitch_new")
 
-    def push(self, frame):
-        """Queues a copy of `frame` (dropped while the session is not running)."""
-        frame, pitch = rows_view(check_frame(frame, self.format, self.size))
+    def push(self, frame: np.ndarray, wait: bool = False,
+             channels: Optional[str] = None) -> None:
+        """Queues a copy of `frame` (dropped while the session is not running).
+
+        The session's queue holds 21 frames and drops the oldest, and the
+        worker takes the sharpest of up to six waiting frames and drops
+        those before it.  ``wait=True`` first waits until the worker has
+        reported on the previous frame, so that no frame is dropped (use
+        ``drain()`` after the last one); without it, pushing faster than
+        the worker keeps pace loses frames.
+
+        `frame` is of the session's dtype: (height, width, 3) B G R,
+        (height, width, 4) B G R A, or (height, width) grey; ``channels``
+        ("bgr", "rgb", "bgra", "rgba", "grey") says otherwise.  Frames not
+        in the session's layout are converted (a copy); views whose pixels
+        are contiguous within rows are passed as they are.
+        """
+        prepared = session_frame(frame, self.format, self.size, channels)
+        if wait:
+            self._wait_idle()
+        self._push_prepared(*prepared)
+
+    def _push_prepared(self, frame: np.ndarray, pitch: int) -> None:
         handle = self._enter(push=True)
         if handle is None:
             return
         try:
+            self._mark_pushed()
             code = lib.vantix_stitch_pushback(handle, pointer(frame), frame.shape[1],
                                               frame.shape[0], 0, pitch)
         finally:
@@ -167,7 +207,7 @@ class StitchSession(ThreadedSession):
         handle = self._enter()
         try:
             with self._run_lock:
-                self._running = False
+                self._set_stopped()
                 image = lib.vantix_stitch_stop(handle, 1, 1 if cropped else 0)
         finally:
             self._leave()
@@ -208,7 +248,7 @@ class StitchSession(ThreadedSession):
         x, y, rw, rh = (int(v) for v in roi) if roi is not None else (0, 0, 0, 0)
         channels = self._canvas_channels
         pitch = ((int(width) * channels * 8 + 31) // 32) * 4
-        buffer = np.zeros(pitch * int(height), np.uint8)
+        buffer = np.empty(pitch * int(height), np.uint8)
         deadline = time.monotonic() + timeout
         while True:
             handle = self._enter()
@@ -237,3 +277,168 @@ class StitchSession(ThreadedSession):
         """(width, height) of the canvas as of the latest frame report, else
         the initial canvas of 4 x 4 frames."""
         return self._bridge.latest.get("canvas", (4 * self.size[0], 4 * self.size[1]))
+
+
+# --------------------------------------------------------------------------
+# One call: every frame of an iterable, nothing dropped
+# --------------------------------------------------------------------------
+
+StitchedFrame = namedtuple("StitchedFrame", "mode position score")
+StitchedFrame.__doc__ = """What became of one input frame in vantix.stitch.
+
+mode: "placed" (drawn into the panorama), "kept" (the view had not moved
+enough: nothing drawn), "lost" (tracking lost), "not placed" (registered
+but not drawn, e.g. blurrier than what is there), "empty" (a frame
+without pixels: not pushed) or "not processed" (the worker had stopped
+after a failure); position: (x, y) of the frame's top-left corner in the
+returned image's pixels (where the worker found it; None when not
+processed); score: the frame's sharpness score (None when not processed)."""
+
+
+@dataclass
+class StitchResult:
+    """The result of vantix.stitch.
+
+    image: the panorama cropped to the covered rectangle, uint8, in the
+    frames' channel order (B G R by default; R G B with channels="rgb";
+    2-D for grey frames); None when nothing was placed.  frames: one
+    StitchedFrame per input frame, in input order.  events: the
+    StitchEvents the session reported (canvas growth, tracking lost, ...).
+    """
+
+    image: Optional[np.ndarray]
+    frames: List[StitchedFrame] = field(default_factory=list)
+    events: List[StitchEvent] = field(default_factory=list)
+
+
+class _Positions:
+    """Frame positions in the coordinates of the first canvas.
+
+    The canvas grows by whole steps (four frames) and, when it grows left
+    or up, moves what it holds right or down by that step, so positions
+    reported before and after differ by it.  A growth to the left is told
+    from one to the right by the growing frame's position: it lies about a
+    step away from the last placed frame (frames move by less than a frame
+    between two placements)."""
+
+    def __init__(self, canvas: Tuple[int, int]) -> None:
+        self.canvas = canvas
+        self.offset = [0, 0]
+        self.last_placed: Optional[Tuple[int, int]] = None
+
+    def add(self, report: StitchFrame) -> Tuple[int, int]:
+        size = (report.canvas_width, report.canvas_height)
+        if size != self.canvas:
+            for axis, position in enumerate((report.x, report.y)):
+                step = size[axis] - self.canvas[axis]
+                if (step > 0 and self.last_placed is not None and
+                        position - self.last_placed[axis] > step / 2):
+                    self.offset[axis] += step
+            self.canvas = size
+        if report.mode == PLACED:
+            self.last_placed = (report.x, report.y)
+        return report.x - self.offset[0], report.y - self.offset[1]
+
+
+def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
+           background: Union[str, int] = "checkerboard", scale_level: Optional[int] = None,
+           strict_level: Optional[int] = None) -> StitchResult:
+    """Stitches every frame of `frames` into a panorama and returns a
+    StitchResult (``.image``, ``.frames``, ``.events``).
+
+    The live stitcher follows continuous video of a moving view: each frame
+    is registered against the last reference frame, so successive frames
+    must overlap by most of a frame and show texture (a tile grid with
+    small overlaps, or blank areas, lose tracking).  Every frame is
+    processed, one after another at the worker's speed (the session's
+    queue never drops one), and accounted for in ``.frames``.
+
+    Args:
+        frames: any iterable (a list, a generator) of numpy arrays of one
+            size and dtype: (height, width, 3) B G R, (height, width, 4)
+            B G R A or (height, width) grey; uint8, or uint16 (the working
+            image and the panorama are 8 bits a channel: 16-bit frames are
+            scaled down).  Views with strides are read in place when their
+            pixels are contiguous within rows; other layouts are converted
+            (grey spread over B G R, R G B reversed) before the push.
+        channels: "bgr", "rgb", "bgra", "rgba" or "grey" to say how the
+            frames are ordered (default: by shape, as above).
+        background: canvas outside the frames: "checkerboard", "white",
+            "black".
+        scale_level, strict_level: quality levels 0..4 (default 2).
+
+    Raises:
+        ValueError: a frame of another size or dtype than the first, or an
+            unknown option (the message lists the choices).
+        ProcessingError: the worker stopped after a failure; its ``result``
+            holds the panorama and frames up to there (frames not yet read
+            from the iterable are not read).
+    """
+    iterator = iter(frames)
+    entries: List[Optional[StitchedFrame]] = []
+    empty = StitchedFrame("empty", None, None)
+    first = None
+    for first in iterator:
+        first = np.asarray(first)
+        if first.size:
+            break
+        entries.append(empty)
+        first = None
+    if first is None:
+        return StitchResult(None, entries)
+    layout = layout_of(first, channels)
+    fmt = 1 if first.dtype == np.uint16 else 0
+    size = (first.shape[1], first.shape[0])
+    feeder = Feeder()
+    positions = _Positions((4 * size[0], 4 * size[1]))
+    reports: List[Tuple[int, StitchFrame, Tuple[int, int]]] = []
+    events: List[StitchEvent] = []
+
+    def on_item(item: Any) -> None:
+        try:
+            if isinstance(item, StitchFrame):
+                reports.append((feeder.on_report(), item, positions.add(item)))
+            else:
+                events.append(item)
+                if session.halted:
+                    feeder.on_failure(item)
+        except BaseException as error:  # noqa: BLE001 - must not leave the caller waiting
+            feeder.on_failure(error)
+            raise
+
+    session = StitchSession(size[0], size[1], format=fmt, background=background,
+                            scale_level=scale_level, strict_level=strict_level,
+                            callback=on_item)
+    feeder.session = session
+    with session:
+        session.start()
+        frame: Optional[np.ndarray] = first
+        while frame is not None:
+            if frame.size == 0:
+                entries.append(empty)
+            else:
+                prepared = session_frame(frame, fmt, size, channels)
+                entries.append(None)
+                if not feeder.offer(len(entries) - 1, prepared):
+                    entries.pop()
+                    break
+            frame = next(iterator, None)
+            if frame is not None:
+                frame = np.asarray(frame)
+        feeder.finish()
+        panorama = session.stop()
+        crop = session.crop_rect()
+        offset = positions.offset
+    if isinstance(feeder.failure, BaseException):
+        raise feeder.failure
+    for index, report, (x, y) in reports:
+        entries[index] = StitchedFrame(MODE_NAMES.get(report.mode, str(report.mode)),
+                                       (x + offset[0] - crop[0], y + offset[1] - crop[1]),
+                                       float(report.score))
+    lost = StitchedFrame("not processed", None, None)
+    result = StitchResult(None if panorama is None else from_session_layout(panorama, layout),
+                          [lost if e is None else e for e in entries], events)
+    if feeder.failure is not None:
+        item = feeder.failure
+        raise ProcessingError(item.code, item.name, result)
+    return result
