@@ -232,36 +232,54 @@ void expectValidRecord(const SpotResult& r, int frame, int spot) {
   EXPECT_LE(r.angle, 90) << frame;
 }
 
-// The host's control thread: ROIs inside, across the border, wholly outside,
-// negative (read as signed) and "whole frame"; fixed apertures, ignored ones
-// (a semi-axis not above 0) and resets.
-void controlLoop(VantixSpot* spot, const std::atomic<bool>& done, std::atomic<int>& changes) {
+// The host's control thread and the puller hand off through `stage`, so
+// that each phase happens, and is counted, whatever the speed of either
+// thread.  Round r has three stages:
+//   3r      the control thread changes ROIs (inside, across the border,
+//           wholly outside, negative read as signed, whole frame), fixed
+//           apertures, ignored ones (a semi-axis not above 0) and resets,
+//           while the puller pulls; the puller ends the stage once it has
+//           pulled kMinPulls frames and seen kMinChanges changes in it;
+//   3r + 1  the control thread resets the session and sets the whole frame;
+//   3r + 2  the puller measures a block there, untouched: the beams are found.
+constexpr int kMinPulls = 6;
+constexpr int kMinChanges = 6;
+
+void controlLoop(VantixSpot* spot, const std::atomic<bool>& done, std::atomic<int>& stage,
+                 std::atomic<int>& changes) {
   uint32_t seed = 12345;
   const auto next = [&seed](uint32_t range) {
     seed = seed * 1664525u + 1013904223u;
     return (seed >> 8) % range;
   };
   while (!done.load()) {
-    switch (next(6)) {
-      case 0: vantix_spot_setRoi(spot, next(120), next(90), 20 + next(140), 20 + next(100)); break;
-      case 1: vantix_spot_setRoi(spot, 0, 0, 0, 0); break;
-      case 2: vantix_spot_setRoi(spot, 0xFFFFFFF0u - next(50), next(60), 80, 200); break;
-      case 3: vantix_spot_setRoi(spot, 500, 500, 40, 40); break;
-      case 4: {
-        const double a = static_cast<double>(next(60)) - 5, b = static_cast<double>(next(40)) + 1;
-        vantix_spot_setAperture(spot, SpotAperture{static_cast<double>(next(kSpotW)),
-                                                   static_cast<double>(next(kSpotH)), a, b});
-        break;
+    const int now = stage.load();
+    if (now % 3 == 1) {
+      vantix_spot_reset(spot);
+      vantix_spot_setRoi(spot, 0, 0, 0, 0);
+      stage.store(now + 1);
+    } else if (now % 3 == 0) {
+      switch (next(6)) {
+        case 0: vantix_spot_setRoi(spot, next(120), next(90), 20 + next(140), 20 + next(100)); break;
+        case 1: vantix_spot_setRoi(spot, 0, 0, 0, 0); break;
+        case 2: vantix_spot_setRoi(spot, 0xFFFFFFF0u - next(50), next(60), 80, 200); break;
+        case 3: vantix_spot_setRoi(spot, 500, 500, 40, 40); break;
+        case 4: {
+          const double a = static_cast<double>(next(60)) - 5, b = static_cast<double>(next(40)) + 1;
+          vantix_spot_setAperture(spot, SpotAperture{static_cast<double>(next(kSpotW)),
+                                                     static_cast<double>(next(kSpotH)), a, b});
+          break;
+        }
+        default: vantix_spot_reset(spot);
       }
-      default: vantix_spot_reset(spot);
+      ++changes;
     }
-    ++changes;
     std::this_thread::yield();
   }
 }
 
 void spotUnderControl(uint32_t spotCount, uint32_t averageCount) {
-  vtest::Watchdog watchdog(120s, "spot pulls under control");
+  vtest::Watchdog watchdog(300s, "spot pulls under control");
   const SimcamApi sim = loadSimcam();
   SimcamCamera* camera = sim.open(kSpotW, kSpotH);
   std::vector<SimcamSpot> beams(spotCount == 1 ? 1 : 3);
@@ -284,32 +302,47 @@ void spotUnderControl(uint32_t spotCount, uint32_t averageCount) {
   std::vector<uint8_t> buffer(sim.frameBytes(camera, 16, 0));
   std::vector<SpotResult> out(spotCount);
   std::atomic<bool> done{false};
-  std::atomic<int> changes{0};
-  std::thread control(controlLoop, spot, std::cref(done), std::ref(changes));
-  const int frames = vtest::scaled(400);
-  int withSignal = 0;
-  for (int i = 0; i < frames; ++i) {
-    const uint32_t bits = i % 3 == 0 ? 8 : 16;
+  std::atomic<int> stage{0}, changes{0};
+  std::thread control(controlLoop, spot, std::cref(done), std::ref(stage), std::ref(changes));
+  const auto pull = [&](uint32_t bits, int frame) {
     FrameInfoV2 info{};
     ASSERT_EQ(vantix_spot_pull(spot, camera, 1, buffer.data(), bits, 0, &info, out.data()), 0u);
     ASSERT_EQ(info.width, kSpotW);
     double lastX = -1;
     for (uint32_t k = 0; k < spotCount; ++k) {
-      expectValidRecord(out[k], i, static_cast<int>(k));
-      if (out[k].total != 0) {
-        ++withSignal;
-        // Block averages of records in slots need not keep the order.
-        if (spotCount > 1 && averageCount < 2) {
-          EXPECT_GE(out[k].centerX, lastX) << "records out of order, frame " << i;
-          lastX = out[k].centerX;
-        }
+      expectValidRecord(out[k], frame, static_cast<int>(k));
+      // Block averages of records in slots need not keep the order.
+      if (out[k].total != 0 && spotCount > 1 && averageCount < 2) {
+        EXPECT_GE(out[k].centerX, lastX) << "records out of order, frame " << frame;
+        lastX = out[k].centerX;
       }
     }
+  };
+  const int rounds = vtest::scaled(40);
+  int frame = 0;
+  for (int round = 0; round < rounds && !::testing::Test::HasFatalFailure(); ++round) {
+    const int changesBefore = changes.load();
+    for (int pulls = 0; pulls < kMinPulls || changes.load() - changesBefore < kMinChanges;
+         ++pulls, ++frame) {
+      pull(frame % 3 == 0 ? 8 : 16, frame);
+      if (::testing::Test::HasFatalFailure()) break;
+    }
+    stage.store(3 * round + 1);
+    while (stage.load() != 3 * round + 2) std::this_thread::yield();
+    // A whole block in the state the control thread left: every beam is
+    // found (each record is cleared first: a frame without signal would
+    // leave an earlier one in place).
+    for (uint32_t n = 0; n < std::max(1u, averageCount); ++n, ++frame) {
+      std::fill(out.begin(), out.end(), SpotResult{});
+      pull(16, frame);
+    }
+    for (uint32_t k = 0; k < spotCount; ++k) {
+      EXPECT_GT(out[k].total, 0) << "round " << round << " spot " << k;
+    }
+    stage.store(3 * round + 3);
   }
   done = true;
   control.join();
-  EXPECT_GT(changes.load(), 0);
-  EXPECT_GT(withSignal, 0);
 
   // Afterwards a reset and the whole frame measure as a new session does.
   vantix_spot_reset(spot);
