@@ -100,6 +100,8 @@ check "installed tool runs: vantix --help" \
 # The installed Python package finds the installed library by itself.
 pydir=$(find "$prefix" -path '*/dist-packages/vantix' -type d | head -1)
 check "Python package installed (${pydir:-none})" test -n "$pydir"
+check "Python package data: names.tsv and py.typed" \
+  test -f "$pydir/names.tsv" -a -f "$pydir/py.typed"
 if [[ -n $pydir && -x /usr/bin/python3 ]] && /usr/bin/python3 -c 'import numpy' 2>/dev/null; then
   check "installed Python package resizes with the installed library" \
     env -u VANTIX_LIBRARY PYTHONPATH="$(dirname "$pydir")" /usr/bin/python3 -c "
@@ -107,6 +109,10 @@ import numpy as np, vantix
 assert vantix.library_path.startswith('$prefix'), vantix.library_path
 out = vantix.resize(np.full((4, 6, 3), 7, np.uint8), (12, 8), interpolation='nearest')
 assert out.shape == (8, 12, 3) and (out == 7).all()"
+  version=$(sed -n 's/^project(vantix VERSION \([0-9.]*\).*/\1/p' "$src/CMakeLists.txt")
+  check "python -m vantix self-check reports the library's version $version" \
+    bash -c "env -u VANTIX_LIBRARY PYTHONPATH='$(dirname "$pydir")' /usr/bin/python3 -m vantix |
+             grep -x 'vantix $version' >/dev/null"
 fi
 
 # find_package: major version 1 accepted, 2 refused; the imported target

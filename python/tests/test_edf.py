@@ -43,6 +43,27 @@ def test_two_slices_keep_the_detail_of_both_halves(kind):
     assert max(_error(fused)) < blurred_error / 2
 
 
+@pytest.mark.parametrize("layout", ["bgr", "rgb", "grey"])
+def test_one_call_fuses_all_20_frames_of_a_stack(layout):
+    """Each frame is sharp on one strip only: the fused image is sharp
+    everywhere only if every frame was fused."""
+    sharp = {"bgr": SHARP, "rgb": SHARP[:, :, ::-1], "grey": SHARP[:, :, 1]}[layout]
+    blurred = {"bgr": BLURRED, "rgb": BLURRED[:, :, ::-1], "grey": BLURRED[:, :, 1]}[layout]
+
+    def stack():
+        for i in range(20):
+            frame = blurred.copy()
+            frame[:, 8 * i:8 * i + 8] = sharp[:, 8 * i:8 * i + 8]
+            yield frame
+
+    fused = vantix.fuse(stack(), kind="stack", channels=None if layout == "bgr" else layout)
+    assert fused.shape == sharp.shape and fused.dtype == np.uint8
+    error = np.abs(fused.astype(float) - sharp)[8:-8]
+    worst_strip = max(error[:, 8 * i:8 * i + 8].mean() for i in range(1, 19))
+    blurred_error = np.abs(blurred.astype(float) - sharp)[8:-8, 8:-8].mean()
+    assert worst_strip < blurred_error / 4, (worst_strip, blurred_error)
+
+
 def test_sixteen_bit_frames_come_back_in_the_session_format():
     slices = [s.astype(np.uint16) * 257 for s in _halves()]
     with vantix.EdfSession("stack", format="BGR16") as session:
