@@ -182,7 +182,8 @@ TEST(Arraycam, TheLibraryMeasuresTheFramesItIsHandedAndRefusesForeignCameras) {
   // The other way round: with the simulated camera loaded first, the array
   // camera reports it.
   EXPECT_TRUE(vtest::runInChildProcess([] {
-    ASSERT_NE(dlopen(VANTIX_SIMCAM_PATH, RTLD_NOW | RTLD_LOCAL), nullptr);
+    // Global, so that its entry points also interpose on the later library's.
+    ASSERT_NE(dlopen(VANTIX_SIMCAM_PATH, RTLD_NOW | RTLD_GLOBAL), nullptr);
     void* so = loadArraycam();
     ASSERT_NE(so, nullptr);
     const Arraycam cam(so);

@@ -98,3 +98,88 @@ def test_camera_codes_and_refused_bit_counts(camera):
         assert caught.value.function == "vantix_spot_pull"
     with pytest.raises(ValueError):
         session.reset()  # closed
+
+
+# Arrays are measured through the array camera, which the library binds only
+# when no other camera SDK was loaded before it: each scenario gets a fresh
+# interpreter (this one has the simulated camera loaded).
+_ARRAY_SCENARIO = r'''
+import ctypes, os, sys
+import numpy as np
+import vantix
+
+def beam(peak, dtype, h=400, w=480):
+    y, x = np.mgrid[0:h, 0:w].astype(np.float64)
+    t = np.radians(30.0)  # turned: x and y moments both mix the two axes
+    dx, dy = x - 241.3, y - 197.6
+    u, v = np.cos(t) * dx + np.sin(t) * dy, -np.sin(t) * dx + np.cos(t) * dy
+    return np.rint(peak * np.exp(-0.5 * (u * u / 40.0**2 + v * v / 26.0**2))).astype(dtype)
+
+def moments(a):
+    a = a.astype(np.float64)
+    y, x = np.mgrid[0:a.shape[0], 0:a.shape[1]]
+    s = a.sum()
+    cx, cy = (a * x).sum() / s, (a * y).sum() / s
+    return (cx, cy, 4 * np.sqrt((a * (x - cx) ** 2).sum() / s),
+            4 * np.sqrt((a * (y - cy) ** 2).sum() / s))
+
+def check(spot, truth):
+    got = (spot.center_x, spot.center_y, spot.major_diameter, spot.minor_diameter)
+    assert np.allclose(got, truth, rtol=1e-9, atol=0), (got, truth)
+
+if sys.argv[1] == "simcam-first":
+    ctypes.CDLL(os.environ["VANTIX_SIMCAM"], mode=os.RTLD_GLOBAL)
+    try:
+        vantix.measure_spots(beam(4095, np.uint16))
+    except RuntimeError as error:
+        assert "libvantix_simcam.so" in str(error), error
+        print("refused")
+    sys.exit(0)
+
+# 8, 12 and 16 bits: the records are the array's own second moments (the
+# first aperture, inscribed in the frame, holds the whole beam).
+for peak, dtype, raw in ((255, np.uint8, None), (4095, np.uint16, 12), (65535, np.uint16, None)):
+    image = beam(peak, dtype)
+    (spot,) = vantix.measure_spots(image, raw_bits=raw)
+    check(spot, moments(image))
+    assert spot.angle == 90.0
+
+# Strided views, colour and a flipped B G R A copy give the same beam.
+grey = beam(4095, np.uint16)
+truth = moments(grey)
+padded = np.zeros((430, 520), np.uint16)
+padded[7:407, 11:491] = grey
+check(vantix.measure_spots(padded[7:407, 11:491])[0], truth)
+colour = np.dstack([grey, grey, grey, np.full_like(grey, 9)])
+check(vantix.measure_spots(colour[:, :, :3])[0], truth)
+(flipped,) = vantix.measure_spots(colour[::-1])
+check(flipped, (truth[0], 399 - truth[1], truth[2], truth[3]))
+
+# A 200-count offset: measured as signal without the dark step; taken off
+# exactly by the corner estimate (the corners hold no beam).
+lifted = grey + np.uint16(200)
+assert vantix.measure_spots(lifted)[0].major_diameter > 1.5 * truth[2]
+with vantix.SpotSession() as session:
+    check(session.measure(lifted, dark_level="corners")[0], truth)
+    assert session.last_dark_level == 200.0
+    np.testing.assert_array_equal(session.last_frame, grey)
+    session.reset()  # the next frame's aperture starts from the whole frame again
+    check(session.measure(lifted, dark_level=200)[0], truth)
+try:
+    vantix.measure_spots(grey.astype(np.float32))
+except ValueError:
+    print("measured")
+'''
+
+
+def test_arrays_are_measured_at_their_own_depth_in_a_process_of_their_own():
+    import os
+    import subprocess
+    import sys
+
+    package = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
+    env = dict(os.environ, PYTHONPATH=package)
+    for scenario, expected in (("measure", "measured"), ("simcam-first", "refused")):
+        done = subprocess.run([sys.executable, "-c", _ARRAY_SCENARIO, scenario], env=env,
+                              capture_output=True, text=True, check=False)
+        assert done.returncode == 0 and done.stdout.split() == [expected], done.stderr

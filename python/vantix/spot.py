@@ -1,9 +1,10 @@
-"""Spot measurement: SpotSession."""
+"""Spot measurement: SpotSession, and measure_spots for numpy arrays."""
 
 import ctypes
+import threading
 from dataclasses import dataclass, fields
 
-from . import _native
+from . import _native, _spot_array
 from ._arrays import PULL_LAYOUTS, frame_buffer, from_rows, pointer
 from ._native import lib
 from ._pull import camera_handle, frame_size
@@ -55,7 +56,8 @@ class SpotSession(Session):
         average_count: average fields over consecutive blocks of this many
             frames (below 2: no averaging).
 
-    ``last_frame`` holds the frame of the latest pull.
+    ``last_frame`` holds the frame of the latest pull (or measure), and
+    ``last_dark_level`` the dark level measure() subtracted (None without).
     """
 
     _delete = "vantix_spot_delete"
@@ -68,6 +70,9 @@ class SpotSession(Session):
             raise ValueError("average_count must be 0..1000000")
         self.spot_count = int(spot_count)
         self.last_frame = None
+        self.last_dark_level = None
+        self._array_camera = None  # made by the first measure()
+        self._measure_lock = threading.Lock()
         self._records = (_native.SpotResultRecord * self.spot_count)()
         self._attach(lib.vantix_spot_new(self.spot_count, int(average_count)),
                      "vantix_spot_new")
@@ -140,3 +145,106 @@ class SpotSession(Session):
         if not measure:
             return None
         return [SpotMeasurement._from_record(r) for r in self._records]
+
+    def measure(self, image, dark_level=None, raw_bits=None):
+        """Measures the spots of a numpy array as the session's next frame.
+
+        The array is handed to the array camera (libvantix_arraycam.so,
+        loaded on first use) and pulled from it with vantix_spot_pull, so
+        the session's aperture, ROI and averaging carry on from frame to
+        frame as with pull().
+
+        image: (height, width) grey, or (height, width, 3) B G R or
+            (height, width, 4) B G R A, uint8 or uint16; any strides
+            (views are read in place where their rows are contiguous pixel
+            runs, else copied).  Grey values are measured as they are (raw
+            counts, e.g. 0..4095 for 12-bit data); colour is turned into
+            grey by the library: 8-bit as 0.299 R + 0.587 G + 0.114 B
+            rounded, 16-bit as (299 R + 587 G + 114 B) / 1000 truncated.
+            Alpha is ignored.  Other dtypes are refused: convert them
+            yourself (the diameters weigh every raw value).
+        dark_level: None (default: measured as given), "corners" (the mean
+            of the four corner patches, each 5 % of the height and width,
+            per colour channel), or a number: subtracted from the image,
+            rounded and clamped at 0, before the frame is measured.  This
+            is a step of the binding, outside the library's measurement,
+            which takes every value inside the aperture as signal.
+        raw_bits: the sensor bit depth the data holds (8..16; default the
+            sample size); reported to the library, which does not use it
+            for measuring.
+
+        Returns a list of spot_count SpotMeasurement, like pull().  Raises
+        RuntimeError when another camera SDK was loaded into this process
+        before the array camera (the library pulls only from the first).
+        """
+        frame, channels, bits = _spot_array.frame_of(image)
+        level = None
+        if dark_level is not None:
+            frame, level = _spot_array.subtract_dark(frame, dark_level)
+        height, width = frame.shape[:2]
+        buffer, pitch = frame_buffer(width, height, bits)
+        info = _native.FrameInfoV2()
+        with self._measure_lock:
+            if self._array_camera is None:
+                self._array_camera = _spot_array.ArrayCamera()
+            self._array_camera.show(frame, channels, raw_bits)
+            ctypes.memset(self._records, 0, ctypes.sizeof(self._records))
+            handle = self._enter()
+            try:
+                code = lib.vantix_spot_pull(handle, self._array_camera.handle, 1,
+                                            pointer(buffer), bits, 0, ctypes.byref(info),
+                                            self._records)
+            finally:
+                self._leave()
+            _native.check(code, "vantix_spot_pull")
+            dtype, out_channels = PULL_LAYOUTS[bits]
+            self.last_frame = from_rows(buffer, height, width, pitch, dtype, out_channels)
+            self.last_dark_level = level
+            return [SpotMeasurement._from_record(r) for r in self._records]
+
+    def close(self):
+        """Deletes the native session (and its array camera).  Idempotent."""
+        try:
+            super().close()
+        finally:
+            with self._measure_lock:
+                if self._array_camera is not None:
+                    self._array_camera.close()
+                    self._array_camera = None
+
+
+def measure_spots(image, spots=1, *, roi=None, aperture=None, passes=1, dark_level=None,
+                  raw_bits=None):
+    """Measures the bright spots of one numpy array (see SpotSession.measure
+    for the images taken, what is converted and `dark_level`).
+
+    spots: 1 for the single-spot measurement inside an elliptical aperture,
+        more to find and measure that many spots by segmentation.
+    roi: (x, y, width, height) to measure only that part (centres stay in
+        whole-image pixels).
+    aperture: (center_x, center_y, a, b), a fixed axis-aligned elliptical
+        aperture; by default the automatic one, which starts as the ellipse
+        inscribed in the image.
+    passes: how often the image is measured in a row; with the automatic
+        aperture each pass uses the aperture the one before left (centred
+        on the spot, semi-axes the 4-sigma diameters), so 2 or 3 close in on
+        a spot that the first, whole-image aperture measures with too much
+        background.  The last pass's records are returned.
+
+    Returns a list of `spots` SpotMeasurement.  Diameters are the 4-sigma
+    diameters along x and y (major_diameter is x's), angle is 90.  Loads the
+    array camera on first use and raises RuntimeError when another camera
+    SDK was loaded into the process before it.
+    """
+    if int(passes) < 1:
+        raise ValueError(f"passes must be at least 1, got {passes!r}")
+    if dark_level is not None:  # once for all passes
+        image, _ = _spot_array.subtract_dark(_spot_array.frame_of(image)[0], dark_level)
+    with SpotSession(spot_count=spots) as session:
+        if roi is not None:
+            session.set_roi(*roi)
+        if aperture is not None:
+            session.set_aperture(*aperture)
+        for _ in range(int(passes)):
+            records = session.measure(image, raw_bits=raw_bits)
+        return records

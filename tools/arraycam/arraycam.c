@@ -308,10 +308,17 @@ ARRAYCAM_API int32_t arraycam_first_sdk(char* other, size_t size) {
 #else
   dl_iterate_phdr(collectName, &list);
 #endif
+  /* This library is recognised by the object its pull lives in.  The address
+   * of the exported pull, taken here, could be another SDK's: an SDK loaded
+   * earlier into the global scope interposes the same name.  A static
+   * function's address cannot be interposed. */
   void* self = NULL;
   {
-    int32_t (*own)(void*, void*, int32_t, int32_t, void*) = DllPullImageWithRowPitchV2;
-    memcpy(&self, &own, sizeof self);
+    ArraycamCamera* (*anchor)(void*) = lockCamera;
+    void* address = NULL;
+    memcpy(&address, &anchor, sizeof address);
+    Dl_info info;
+    if (dladdr(address, &info) != 0) self = info.dli_fbase;
   }
   int32_t first = 0;
   const char* firstName = NULL;
@@ -320,9 +327,10 @@ ARRAYCAM_API int32_t arraycam_first_sdk(char* other, size_t size) {
     if (handle == NULL) continue;
     if (dlsym(handle, "DllPrefix") != NULL) {
       void* pull = dlsym(handle, "DllPullImageWithRowPitchV2");
+      Dl_info info;
       if (pull != NULL) {
         firstName = list.names[i];
-        first = pull == self ? 1 : 0;
+        first = self != NULL && dladdr(pull, &info) != 0 && info.dli_fbase == self ? 1 : 0;
       }
     }
     dlclose(handle);
