@@ -1,7 +1,8 @@
 // "vantix spot", run as a separate process on image files written here; the
-// tool feeds them through the simulated camera and vantix_spot_pull.
+// tool feeds them through the array camera and vantix_spot_pull.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,7 +25,9 @@ double cell(const vtest::ToolRun& run, size_t row, size_t column) {
 }
 
 TEST_F(CliSpot, RecordsOfPulledFilesAgainstTheImagesMoments) {
-  const cv::Mat image = spottest::beamImage(200, 150, {97.4, 76.2, 9.0, 6.0, 0.0, 240.0}, CV_8UC1);
+  // A turned 12-bit beam in a 16-bit file, measured at its full depth.
+  const cv::Mat image =
+      spottest::beamImage(200, 150, {97.4, 76.2, 9.0, 6.0, 25.0, 4000.0}, CV_16UC1);
   const std::string file = write("beam.png", image);
   // The first frame's aperture is the ellipse inscribed in the frame, which
   // holds the whole beam: the record is the exact moments of the file.
@@ -40,6 +43,16 @@ TEST_F(CliSpot, RecordsOfPulledFilesAgainstTheImagesMoments) {
   EXPECT_NEAR(cell(r, 1, 6), truth.dX(), 1e-6);
   EXPECT_NEAR(cell(r, 1, 7), truth.dY(), 1e-6);
 
+  // The same beam on a 200-count offset: --dark corners finds the offset in
+  // the beam-free corners and takes it off, giving the clean record back.
+  cv::Mat lifted;
+  cv::add(image, cv::Scalar(200), lifted);
+  const vtest::ToolRun dark = run({"spot", write("lifted.png", lifted), "--dark", "corners",
+                                   "--csv"});
+  ASSERT_EQ(dark.status, 0) << dark.err;
+  EXPECT_NE(dark.err.find("dark level 200 subtracted"), std::string::npos) << dark.err;
+  for (size_t column = 3; column < 14; ++column) EXPECT_EQ(cell(dark, 1, column), cell(r, 1, column));
+
   // A fixed aperture in a ROI, averaged over two frames: the total is the
   // sum of the pixels in both, counted here.
   r = run({"spot", file, file, "--average", "2", "--roi", "90,50,40,40", "--aperture",
@@ -49,7 +62,7 @@ TEST_F(CliSpot, RecordsOfPulledFilesAgainstTheImagesMoments) {
   for (int y = 50; y < 90; ++y) {
     for (int x = 90; x < 130; ++x) {
       const double dx = x - 100.0, dy = y - 70.0;
-      if (dx * dx / 144.0 + dy * dy / 64.0 <= 1.0) expected += image.at<uint8_t>(y, x);
+      if (dx * dx / 144.0 + dy * dy / 64.0 <= 1.0) expected += image.at<uint16_t>(y, x);
     }
   }
   EXPECT_EQ(cell(r, 1, 3), 0.0);  // the block of two is not complete yet
@@ -64,11 +77,15 @@ TEST_F(CliSpot, BadArgumentsAndMissingCameraFailWithOneLine) {
       {"2", "IMAGE", "spot"},
       {"2", "--roi", "spot", file, "--roi", "1,2,3"},
       {"2", "--aperture", "spot", file, "--aperture", "10,10,0,5"},
-      {"1", "simulated camera", "spot", file, "--simcam", path("none.so")}};
+      {"2", "--dark", "spot", file, "--dark", "edges"}};
   for (const auto& c : cases) {
     vtest::expectOneErrorLine(run(std::vector<std::string>(c.begin() + 2, c.end())),
                               "vantix: spot: ", c[1], std::stoi(c[0]));
   }
+  ASSERT_EQ(setenv("VANTIX_ARRAYCAM", path("none.so").c_str(), 1), 0);
+  const vtest::ToolRun missing = run({"spot", file});
+  unsetenv("VANTIX_ARRAYCAM");
+  vtest::expectOneErrorLine(missing, "vantix: spot: ", "array camera", 1);
 }
 
 }  // namespace

@@ -137,7 +137,8 @@ def corner_dark_level(image):
 
 
 def subtract_dark(image, dark_level):
-    """(image minus its dark level, clamped at 0 and rounded, level used).
+    """(image minus its dark level rounded to whole counts, clamped at 0;
+    the level subtracted).
 
     dark_level: "corners" (corner_dark_level) or a number >= 0."""
     if isinstance(dark_level, str):
@@ -150,12 +151,14 @@ def subtract_dark(image, dark_level):
             raise ValueError(f"dark_level must be >= 0, got {dark_level!r}")
         if image.ndim == 3:
             level = (level,) * 3
-    top = np.iinfo(image.dtype).max
+    # Whole counts, as the vantix tool subtracts them.
+    level = float(np.rint(level)) if image.ndim == 2 else tuple(float(v) for v in np.rint(level))
     out = image.copy()
     if image.ndim == 2:
-        out[...] = np.clip(np.rint(image - np.float64(level)), 0, top)
+        out[...] = np.clip(image.astype(np.int64) - int(level), 0, None)
     else:
-        out[:, :, :3] = np.clip(np.rint(image[:, :, :3] - np.asarray(level)), 0, top)
+        out[:, :, :3] = np.clip(image[:, :, :3].astype(np.int64) - np.asarray(level, np.int64),
+                                0, None)
     return out, level
 
 

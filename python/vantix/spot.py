@@ -165,8 +165,9 @@ class SpotSession(Session):
             yourself (the diameters weigh every raw value).
         dark_level: None (default: measured as given), "corners" (the mean
             of the four corner patches, each 5 % of the height and width,
-            per colour channel), or a number: subtracted from the image,
-            rounded and clamped at 0, before the frame is measured.  This
+            per colour channel), or a number: rounded to whole counts and
+            subtracted from the image, clamping at 0, before the frame is
+            measured (``last_dark_level`` tells what was taken off).  This
             is a step of the binding, outside the library's measurement,
             which takes every value inside the aperture as signal.
         raw_bits: the sensor bit depth the data holds (8..16; default the

@@ -1,8 +1,9 @@
 // vantix spot IMAGE... [--spots N] [--average N] [--roi X,Y,W,H]
-//                      [--aperture CX,CY,A,B] [--csv] [--simcam PATH]
+//                      [--aperture CX,CY,A,B] [--dark corners|LEVEL] [--csv]
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,25 +18,34 @@ namespace {
 
 const char kUsage[] =
     "usage: vantix spot IMAGE... [--spots N] [--average N] [--roi X,Y,W,H]\n"
-    "                   [--aperture CX,CY,A,B] [--csv] [--simcam PATH]\n"
+    "                   [--aperture CX,CY,A,B] [--dark corners|LEVEL] [--csv]\n"
     "\n"
     "Measures the bright spots of each image with one spot session, in the\n"
-    "order given: every image is shown to the simulated camera SDK and pulled\n"
-    "from it with vantix_spot_pull, as a host pulls live frames.  Prints the\n"
-    "eleven fields of every spot record of every frame.\n"
+    "order given: every image is handed to the array camera and pulled from\n"
+    "it with vantix_spot_pull at its own bit depth, as a host pulls live\n"
+    "frames.  Prints the eleven fields of every spot record of every frame.\n"
     "\n"
     "  IMAGE            8- or 16-bit grey or colour image; grey images are\n"
     "                   pulled as 8- or 16-bit grey frames, colour ones as\n"
-    "                   24- or 48-bit B G R frames\n"
+    "                   24- or 48-bit B G R frames; values as stored (raw\n"
+    "                   counts), colour weighed into grey by the library\n"
     "  --spots N        spots a frame (default 1: one spot in a self-adjusting\n"
     "                   elliptical aperture; 2 or more: found by segmentation)\n"
     "  --average N      average over blocks of N frames (default 1: none)\n"
     "  --roi X,Y,W,H    measure only this rectangle (frame pixels)\n"
     "  --aperture CX,CY,A,B\n"
     "                   fixed elliptical aperture: centre and semi-axes\n"
+    "  --dark corners|LEVEL\n"
+    "                   subtract a dark level from each image before it is\n"
+    "                   measured, clamping at 0: the mean of its four corner\n"
+    "                   patches (5 % of each side; per channel), or LEVEL\n"
+    "                   counts.  The measurement takes every value in the\n"
+    "                   aperture as signal, so an offset widens the spot.\n"
+    "                   The level used is reported on stderr.\n"
     "  --csv            comma-separated values with a header line\n"
-    "  --simcam PATH    the simulated camera library (default: $VANTIX_SIMCAM,\n"
-    "                   or tools/simcam/libvantix_simcam.so of the build)\n";
+    "\n"
+    "The array camera library is $VANTIX_ARRAYCAM, or libvantix_arraycam.so of\n"
+    "the build or installation.\n";
 
 // "a,b,c,d" into four numbers.
 std::vector<double> parseFour(const std::string& text, const std::string& what, bool integers) {
@@ -85,7 +95,20 @@ int run(const Args& args) {
     if (!(v[2] > 0 && v[3] > 0)) throwUsage("--aperture needs semi-axes greater than 0");
     session.setAperture({v[0], v[1], v[2], v[3]});
   }
-  const std::string library = simcamLibraryPath(args.option("simcam").value_or(""));
+  // --dark: "corners", or a level in counts.
+  bool darkCorners = false;
+  double darkLevel = -1;
+  if (const auto dark = args.option("dark")) {
+    if (*dark == "corners") {
+      darkCorners = true;
+    } else {
+      char* end = nullptr;
+      darkLevel = std::strtod(dark->c_str(), &end);
+      if (dark->empty() || *end != '\0' || !(darkLevel >= 0 && darkLevel <= 65535)) {
+        throwUsage("--dark is 'corners' or a level of 0 to 65535, not '" + *dark + "'");
+      }
+    }
+  }
 
   // Read every file first, so that a bad one fails before any output.
   std::vector<cv::Mat> images;
@@ -98,9 +121,9 @@ int run(const Args& args) {
     images.push_back(image);
   }
 
-  // The camera of the first image is opened before any output, so that a
-  // missing camera library fails cleanly.
-  auto camera = std::make_unique<SimCamera>(library, images[0].size());
+  // The camera is opened before any output, so that a missing camera
+  // library fails cleanly.
+  ArrayCamera camera(arraycamLibraryPath());
 
   const std::vector<std::string>& names = spotFieldNames();
   if (csv) {
@@ -113,14 +136,21 @@ int run(const Args& args) {
                 "apA", "apB", "file");
   }
   for (size_t i = 0; i < images.size(); ++i) {
-    const cv::Mat& image = images[i];
-    if (i > 0) {
-      camera.reset();
-      camera = std::make_unique<SimCamera>(library, image.size());
+    cv::Mat image = images[i];
+    if (darkCorners || darkLevel >= 0) {
+      const cv::Scalar level = darkCorners ? cornerDarkLevel(image) : cv::Scalar::all(darkLevel);
+      image = subtractDarkLevel(image, level);
+      std::string text;
+      for (int c = 0; c < std::min(image.channels(), 3); ++c) {
+        char value[32];
+        std::snprintf(value, sizeof value, "%s%.0f", c > 0 ? " " : "", std::round(level[c]));
+        text += value;
+      }
+      std::fprintf(stderr, "vantix: spot: %s: dark level %s subtracted\n",
+                   args.positional(i).c_str(), text.c_str());
     }
-    camera->showStill(image);
-    camera->setRawBits(16);  // 16-bit grey frames use the full range
-    const std::vector<SpotResult> records = session.pull(*camera, pullBits(image));
+    camera.show(image);  // raw bit depth: the sample size
+    const std::vector<SpotResult> records = session.pull(camera, pullBits(image));
     for (uint32_t k = 0; k < spots; ++k) {
       const std::vector<double> f = spotFields(records[k]);
       if (csv) {
@@ -145,7 +175,7 @@ Command spotCommand() {
           kUsage,
           {"IMAGE..."},
           {{"spots", true}, {"average", true}, {"roi", true}, {"aperture", true}, {"csv", false},
-           {"simcam", true}},
+           {"dark", true}},
           &run};
 }
 
