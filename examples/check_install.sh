@@ -63,7 +63,7 @@ if [[ ! -f $build/CMakeCache.txt ]]; then
   fi
   cmake "${args[@]}"
 fi
-cmake --build "$build" -j "$(nproc)" --target vantix vantix_tool vantix_simcam
+cmake --build "$build" -j "$(nproc)" --target vantix vantix_tool vantix_simcam vantix_arraycam
 rm -rf "$prefix"
 cmake --install "$build" --prefix "$prefix"
 pass "configure, build and install into $prefix"
@@ -91,6 +91,9 @@ check "no OpenCV in the exported target or vantix.pc" \
   bash -c "! grep -qi opencv '$libdir'/cmake/vantix/*.cmake '$pc'"
 check "simulated camera lib/vantix/libvantix_simcam.so + include/vantix/simcam.h" \
   test -f "$libdir/vantix/libvantix_simcam.so" -a -f "$prefix/include/vantix/simcam.h"
+arraycam_exports=$(nm -D --defined-only "$libdir/libvantix_arraycam.so" 2>/dev/null | awk '$2 == "T"' | wc -l)
+check "array camera lib/libvantix_arraycam.so (8 exports, found $arraycam_exports) + include/vantix/arraycam.h" \
+  test "$arraycam_exports" -eq 8 -a -f "$prefix/include/vantix/arraycam.h"
 leftovers=$(find "$prefix" \( -name '*.a' -o -name '*legacy*' -o -name '*partial*' -o -name 'test_*' \
   -o -name 'bench_*' \) | wc -l)
 check "no static library, test, benchmark or simulator variant installed" test "$leftovers" -eq 0
@@ -109,6 +112,13 @@ import numpy as np, vantix
 assert vantix.library_path.startswith('$prefix'), vantix.library_path
 out = vantix.resize(np.full((4, 6, 3), 7, np.uint8), (12, 8), interpolation='nearest')
 assert out.shape == (8, 12, 3) and (out == 7).all()"
+  check "installed Python package measures an array through the installed array camera" \
+    env -u VANTIX_LIBRARY -u VANTIX_ARRAYCAM PYTHONPATH="$(dirname "$pydir")" /usr/bin/python3 -c "
+import numpy as np, vantix
+image = np.zeros((40, 50), np.uint16)
+image[18:23, 20:27] = 1000
+(spot,) = vantix.measure_spots(image)
+assert (spot.center_x, spot.center_y) == (23.0, 20.0), spot"
   version=$(sed -n 's/^project(vantix VERSION \([0-9.]*\).*/\1/p' "$src/CMakeLists.txt")
   check "python -m vantix self-check reports the library's version $version" \
     bash -c "env -u VANTIX_LIBRARY PYTHONPATH='$(dirname "$pydir")' /usr/bin/python3 -m vantix |
