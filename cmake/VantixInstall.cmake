@@ -4,6 +4,8 @@
 # Components: "runtime" (libvantix.so.1 and its versioned file), "devel"
 # (header, libvantix.so link, CMake package, vantix.pc), plus "tool" and
 # "simcam" from tools/.  A plain `cmake --install` installs all of them.
+# tools/arraycam/ adds the array camera to "runtime" (lib/) and its header
+# to "devel" (include/vantix/).
 #
 # The static archive is not installed: it only exists so that the unit tests
 # reach internal functions, it carries OpenCV as a link dependency its users
