@@ -37,10 +37,15 @@ def test_area_halving_averages_blocks_and_strided_input_is_read_right():
     out = vantix.resize(image, (16, 10), interpolation="area")
     blocks = image.astype(np.float64).reshape(10, 2, 16, 2, 3).mean(axis=(1, 3))
     assert np.abs(out - blocks).max() <= 0.5 + 1e-9
-    # A row-padded view (pitch larger than a row) is passed without a copy.
+    # A row-padded view (pitch larger than a row) is passed without a copy,
+    # and the result may go into a row-padded view too.
     padded = base[:20, :32]
-    np.testing.assert_array_equal(vantix.resize(padded, (64, 40), "nearest"),
-                                  padded.repeat(2, 0).repeat(2, 1))
+    target = np.zeros((50, 70, 3), np.uint8)
+    assert vantix.resize(padded, (64, 40), "nearest", out=target[5:45, 3:67]) is not None
+    np.testing.assert_array_equal(target[5:45, 3:67], padded.repeat(2, 0).repeat(2, 1))
+    assert not target[:5].any() and not target[:, 67:].any()
+    with pytest.raises(ValueError):
+        vantix.resize(padded, (64, 40), out=np.zeros((40, 64, 3), np.uint16))
 
 
 def test_layouts_the_library_does_not_take_are_refused():
@@ -86,7 +91,8 @@ def test_demosaic_restores_flat_colours(dtype, bits, top, pattern):
         out = vantix.demosaic(raw, pattern=pattern.lower(), bits=bits, algorithm=algorithm)
         assert out.shape == bgr.shape and out.dtype == dtype and out.flags.c_contiguous
         np.testing.assert_array_equal(_interiors(out), _interiors(bgr))
-    rgba = vantix.demosaic(raw, pattern=pattern, bits=bits, order="RGBA")
+    rgba = np.empty(bgr.shape[:2] + (4,), dtype)
+    assert vantix.demosaic(raw, pattern=pattern, bits=bits, order="RGBA", out=rgba) is rgba
     np.testing.assert_array_equal(_interiors(rgba[:, :, 2::-1]), _interiors(bgr))
 
 

@@ -37,8 +37,25 @@ def _header(width: int, height: int, bit_count: int) -> ImageHeader:
                        biBitCount=bit_count, biCompression=0)
 
 
+def _check_out(out: np.ndarray, shape: Tuple[int, ...], dtype: np.dtype,
+               pitch: Optional[int] = None) -> np.ndarray:
+    """Validates a caller's output array: shape, dtype, pixels contiguous
+    within rows (and the row pitch the library writes, when it has one)."""
+    if not isinstance(out, np.ndarray) or out.shape != shape or out.dtype != dtype:
+        raise ValueError(f"out must be a {np.dtype(dtype).name} array of shape {shape}, got "
+                         f"{getattr(out, 'dtype', type(out).__name__)} "
+                         f"{getattr(out, 'shape', '')}")
+    pixel = out.itemsize * (1 if out.ndim == 2 else out.shape[2])
+    rows_ok = out.strides[1] == pixel and (out.ndim == 2 or out.strides[2] == out.itemsize)
+    if not (rows_ok and out.flags.writeable and out.flags.aligned and
+            out.strides[0] >= pixel * out.shape[1] and (pitch is None or out.strides[0] == pitch)):
+        need = f" and rows {pitch} bytes apart" if pitch is not None else ""
+        raise ValueError(f"out needs writable pixels contiguous within rows{need}")
+    return out
+
+
 def resize(img: np.ndarray, size: Tuple[int, int], interpolation: Union[str, int] = "auto",
-           bits: Optional[int] = None) -> np.ndarray:
+           bits: Optional[int] = None, out: Optional[np.ndarray] = None) -> np.ndarray:
     """Resizes an image and returns the result as a new array.
 
     Args:
@@ -52,10 +69,13 @@ def resize(img: np.ndarray, size: Tuple[int, int], interpolation: Union[str, int
             or one of their codes; the names are the command-line tool's.
         bits: for uint16 images, the significant bits (9..16 for one
             channel; 10, 11, 12, 14 or 16 for three).  Default 16.
+        out: an array to write the result into (shape and dtype of the
+            result, pixels contiguous within rows).  Reusing one saves the
+            cost of fresh memory (page faults) on every call.
 
     Returns:
-        A C-contiguous array of shape (size[1], size[0][, channels]) and
-        img's dtype.
+        `out`, or a new C-contiguous array of shape (size[1], size[0][,
+        channels]) and img's dtype.
 
     Raises:
         ValueError: an unknown interpolation, a size below 1 or an image
@@ -69,7 +89,7 @@ def resize(img: np.ndarray, size: Tuple[int, int], interpolation: Union[str, int
         raise ValueError(f"size is (width, height), each at least 1; got {tuple(size)!r}")
     method = _names.code("interp", interpolation, "interpolation")
     shape = (height, width) if src.ndim == 2 else (height, width, src.shape[2])
-    dst = np.empty(shape, src.dtype)
+    dst = np.empty(shape, src.dtype) if out is None else _check_out(out, shape, src.dtype)
     code = lib.vantix_resizeV2(
         _header(src.shape[1], src.shape[0], bit_count), src_pitch, pointer(src),
         _header(width, height, bit_count), dst.strides[0], pointer(dst), method)
@@ -78,8 +98,8 @@ def resize(img: np.ndarray, size: Tuple[int, int], interpolation: Union[str, int
 
 
 def demosaic(raw: np.ndarray, pattern: Union[str, int] = "RGGB", bits: Optional[int] = None,
-             algorithm: Union[str, int] = "bilinear", order: Union[str, int] = "BGR"
-             ) -> np.ndarray:
+             algorithm: Union[str, int] = "bilinear", order: Union[str, int] = "BGR",
+             out: Optional[np.ndarray] = None) -> np.ndarray:
     """Demosaics a raw Bayer frame into a colour image.
 
     Args:
@@ -95,9 +115,14 @@ def demosaic(raw: np.ndarray, pattern: Union[str, int] = "RGGB", bits: Optional[
             "ea").
         order: output channel order "bgr", "bgra", "rgb" or "rgba" (the
             four-channel orders with bilinear only).
+        out: an array to write the result into: (height, width, 3 or 4) of
+            raw's dtype, rows padded to 4 bytes for 3 channels (a
+            C-contiguous array when a row's bytes are a multiple of 4).
+            Reusing one saves the cost of fresh memory on every call.
 
     Returns:
-        A C-contiguous (height, width, 3 or 4) array of raw's dtype.
+        `out`, or a new C-contiguous (height, width, 3 or 4) array of raw's
+        dtype.
 
     Raises:
         ValueError: unknown names (the message lists the choices), a frame
@@ -134,9 +159,10 @@ def demosaic(raw: np.ndarray, pattern: Union[str, int] = "RGGB", bits: Optional[
     # Three-channel rows are padded to 4 bytes, four-channel rows are not.
     row_bytes = width * channels * item
     pitch = padded_pitch(width, 24 * item) if channels == 3 else row_bytes
-    if pitch == row_bytes:
-        out = np.empty((height, width, channels), src.dtype)
-        buffer = out
+    if out is not None:
+        buffer = _check_out(out, (height, width, channels), src.dtype, pitch)
+    elif pitch == row_bytes:
+        out = buffer = np.empty((height, width, channels), src.dtype)
     else:
         buffer = np.empty((height, pitch), np.uint8)
     code = lib.vantix_demosaic(pointer(src), pointer(buffer), width, height, int(bits),
@@ -144,7 +170,7 @@ def demosaic(raw: np.ndarray, pattern: Union[str, int] = "RGGB", bits: Optional[
     # VANTIX_E_FAIL is what a conversion that ran reports; see the docstring.
     if code != 0x80004005:
         _native.check(code, "vantix_demosaic")
-    if pitch != row_bytes:
+    if out is None:
         out = np.ascontiguousarray(buffer[:, :row_bytes]).view(src.dtype).reshape(
             height, width, channels)
     return out
