@@ -21,6 +21,12 @@ using vtest::ToolRun;
 
 constexpr char kPhoto[] = "/usr/share/doc/opencv-doc/examples/data/aloeL.jpg";
 
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
 class CliStitch : public vtest::CliTest {
  protected:
   void SetUp() override {
@@ -31,13 +37,24 @@ class CliStitch : public vtest::CliTest {
   }
 
   // Frames of 320 x 240 cut from the photo with their top-left corners at
-  // `origin` + i * `step`; returns their paths.
-  std::vector<std::string> writeFrames(int count, cv::Point origin, cv::Point step) const {
+  // `origin` + i * `step`.
+  std::vector<cv::Mat> cut(int count, cv::Point origin, cv::Point step) const {
+    std::vector<cv::Mat> frames;
+    for (int i = 0; i < count; ++i) frames.push_back(photo_(cv::Rect(origin + i * step, cv::Size(320, 240))));
+    return frames;
+  }
+
+  // The frames as files frame<i>.png in `folder` (created; "" for the test's
+  // own folder), numbered from 8 so that name order differs from byte order
+  // (frame8, frame9, frame10, ...); returns their paths.
+  std::vector<std::string> writeFrames(const std::vector<cv::Mat>& frames,
+                                       const std::string& folder = "") const {
+    if (!folder.empty()) fs::create_directories(path(folder));
     std::vector<std::string> paths;
-    for (int i = 0; i < count; ++i) {
-      const cv::Rect window(origin + i * step, cv::Size(320, 240));
-      paths.push_back(path("frame" + std::to_string(100 + i) + ".png"));
-      EXPECT_TRUE(cv::imwrite(paths.back(), photo_(window)));
+    for (size_t i = 0; i < frames.size(); ++i) {
+      paths.push_back(path((folder.empty() ? "" : folder + "/") + "frame" +
+                           std::to_string(8 + i) + ".png"));
+      EXPECT_TRUE(cv::imwrite(paths.back(), frames[i]));
     }
     return paths;
   }
@@ -52,11 +69,12 @@ class CliStitch : public vtest::CliTest {
 };
 
 TEST_F(CliStitch, BadArgumentsGiveOneLineAndNoPanorama) {
-  const std::vector<std::string> frames = writeFrames(2, {0, 0}, {30, 0});
+  const std::vector<std::string> frames = writeFrames(cut(2, {0, 0}, {30, 0}));
   const std::string other = path("other.png");
   cv::imwrite(other, photo_(cv::Rect(0, 0, 200, 100)));
   const std::string floats = path("float.tiff");
   cv::imwrite(floats, cv::Mat(240, 320, CV_32FC1, cv::Scalar(0.5)));
+  fs::create_directories(path("empty"));
   const std::string out = path("pano.png");
   struct Case {
     std::vector<std::string> args;
@@ -70,10 +88,13 @@ TEST_F(CliStitch, BadArgumentsGiveOneLineAndNoPanorama) {
       {{frames[0], "-o", out, "--scale-level", "5"}, 2, "--scale-level"},
       {{frames[0], "-o", out, "--strict-level", "-1"}, 2, "--strict-level"},
       {{frames[0], "-o", out, "--fps", "fast"}, 2, "--fps"},
+      {{frames[0], "-o", out, "--crop", "--whole-canvas"}, 2, "exclude each other"},
+      {{frames[0], "-o", out, "--background", "grey"}, 2, "checkerboard, white or black"},
       {{frames[0], "-o", out, "-x"}, 2, "unknown option"},
       {{frames[0], "-o", path("pano.xyz")}, 1, ".xyz"},
-      {{frames[0], path("missing.png"), "-o", out, "--fps", "0"}, 1, "no such file"},
-      {{frames[0], other, "-o", out, "--fps", "0"}, 1, "200x100, the first frame is 320x240"},
+      {{frames[0], path("missing.png"), "-o", out}, 1, "no such file"},
+      {{path("empty"), "-o", out}, 1, "holds no image files"},
+      {{frames[0], other, "-o", out}, 1, "200x100, the first frame is 320x240"},
       {{floats, "-o", out}, 1, "32-bit float"},
   };
   for (const Case& c : cases) {
@@ -89,19 +110,23 @@ TEST_F(CliStitch, BadArgumentsGiveOneLineAndNoPanorama) {
   EXPECT_FALSE(fs::exists(out));
 }
 
-TEST_F(CliStitch, StitchesFramesWhereTheyWereCut) {
-  // Twelve frames moving 40 px left and 3 px down each: the cropped
-  // panorama is the photo's window they cover, upright and in B G R order.
-  const cv::Point origin(500, 100), step(-40, 3);
-  const int count = 12;
-  std::vector<std::string> args = writeFrames(count, origin, step);
+// A folder of frames is taken in name order, every frame is processed (one
+// CSV line each, naming its file), each lies where it was cut, and the
+// panorama is the covered rectangle unless the whole canvas is asked for.
+TEST_F(CliStitch, StitchesEveryFrameOfAFolderAndCropsByDefault) {
+  // Twenty frames moving 40 px left and 3 px down each: the 17th leaves the
+  // four-frame canvas, which grows to the left.
+  const cv::Point origin(900, 100), step(-40, 3);
+  const int count = 20;
+  const std::vector<std::string> files = writeFrames(cut(count, origin, step), "frames");
   const std::string out = path("pano.png"), csv = path("positions.csv");
-  args.insert(args.end(), {"-o", out, "--crop", "--fps", "0", "--positions", csv});
-  const ToolRun r = run(args);
+  const ToolRun r = run({path("frames"), "-o", out, "--positions", csv});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("12 frames processed"), std::string::npos) << r.out;
+  EXPECT_EQ(r.err, "");
+  EXPECT_NE(r.out.find("20 frames processed: 20 placed"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(": canvas grew"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("canvas growing"), std::string::npos) << r.out;
 
-  // One CSV line per frame, each placed near its true offset from the first.
   std::ifstream in(csv);
   std::string line;
   std::getline(in, line);
@@ -112,7 +137,8 @@ TEST_F(CliStitch, StitchesFramesWhereTheyWereCut) {
     std::vector<std::string> f;
     for (std::string field; std::getline(fields, field, ',');) f.push_back(field);
     ASSERT_EQ(f.size(), 11u) << line;
-    EXPECT_EQ(f[1], "\"" + path("frame" + std::to_string(100 + placed.size()) + ".png") + "\"");
+    ASSERT_LT(placed.size(), files.size());
+    EXPECT_EQ(f[1], "\"" + files[placed.size()] + "\"");
     EXPECT_EQ(f[2], "placed") << line;
     placed.emplace_back(std::stoi(f[7]), std::stoi(f[8]));
   }
@@ -122,35 +148,71 @@ TEST_F(CliStitch, StitchesFramesWhereTheyWereCut) {
     EXPECT_LE(cv::norm(error), 3.0) << "frame " << i << " at " << placed[i];
   }
 
-  // The panorama: the covered rectangle, showing the photo where the frames
-  // were cut (compared where the first frame lies, which no drift can move).
+  // The covered rectangle, showing the photo where the first frame was cut
+  // (upright and in B G R order).
   const cv::Mat panorama = cv::imread(out, cv::IMREAD_UNCHANGED);
   ASSERT_EQ(panorama.type(), CV_8UC3);
   const cv::Size covered(320 + (count - 1) * std::abs(step.x), 240 + (count - 1) * step.y);
   EXPECT_LE(std::abs(panorama.cols - covered.width), 4) << panorama.size();
   EXPECT_LE(std::abs(panorama.rows - covered.height), 4) << panorama.size();
-  ASSERT_GE(panorama.cols, 320 + placed[0].x);
-  ASSERT_GE(panorama.rows, 240 + placed[0].y);
-  const cv::Mat first = panorama(cv::Rect(placed[0], cv::Size(320, 240)));
+  ASSERT_GE(panorama.cols, 100 + placed[0].x);
+  ASSERT_GE(panorama.rows, 100 + placed[0].y);
   cv::Mat difference;
-  cv::absdiff(first(cv::Rect(0, 0, 100, 100)), photo_(cv::Rect(origin, cv::Size(100, 100))),
-              difference);
+  cv::absdiff(panorama(cv::Rect(placed[0], cv::Size(100, 100))),
+              photo_(cv::Rect(origin, cv::Size(100, 100))), difference);
   EXPECT_LT(cv::mean(difference)[0] + cv::mean(difference)[1] + cv::mean(difference)[2], 6.0);
+
+  // --whole-canvas: the canvas grown by four frame widths, 2560 x 960.
+  const ToolRun whole = run({path("frames"), "-o", path("whole.png"), "--whole-canvas"});
+  ASSERT_EQ(whole.status, 0) << whole.err;
+  EXPECT_EQ(cv::imread(path("whole.png")).size(), cv::Size(2560, 960));
 }
 
-TEST_F(CliStitch, LiveRateShowsEventsAndWritesTheWholeCanvas) {
-  // Frames moving left: the first lies at canvas (640, 480) of a 1280 x 960
-  // canvas, so the 17th (640 px further left) needs the canvas to grow.
-  std::vector<std::string> args = writeFrames(20, {900, 200}, {-40, 0});
-  args.insert(args.end(), {"-o", path("pano.png"), "--fps", "30"});
+// At a live rate the session may skip frames; the summary accounts for
+// every frame either way.  Steps of 4 px keep any subset stitchable.
+TEST_F(CliStitch, LiveRateAccountsForEveryFrame) {
+  std::vector<std::string> args = writeFrames(cut(20, {600, 100}, {-4, 0}));
+  args.insert(args.end(), {"-o", path("pano.png"), "--fps", "1000"});
   const ToolRun r = run(args);
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("30 frames a second"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find(": canvas grew"), std::string::npos) << r.out;
-  EXPECT_EQ(r.out.find("canvas growing"), std::string::npos) << r.out;
-  const cv::Mat panorama = cv::imread(path("pano.png"), cv::IMREAD_UNCHANGED);
-  // Grown by four frame widths to the left: 2560 x 960.
-  EXPECT_EQ(panorama.size(), cv::Size(2560, 960));
+  EXPECT_NE(r.out.find("1000 frames a second"), std::string::npos) << r.out;
+  const size_t at = r.out.find(" frames processed: ");
+  ASSERT_NE(at, std::string::npos) << r.out;
+  const size_t start = r.out.rfind('\n', at) + 1;
+  const int processed = std::stoi(r.out.substr(start, at - start));
+  int skipped = 0;
+  const size_t skip = r.out.find("(", at);
+  if (skip != std::string::npos && r.out.find("skipped by the session", skip) != std::string::npos) {
+    skipped = std::stoi(r.out.substr(skip + 1));
+  }
+  EXPECT_EQ(processed + skipped, 20) << r.out;
+}
+
+// Tiles that overlap by 22 %, as 16-bit pages of one TIFF: too little for
+// live tracking.  The run fails, says why with the measured overlap, and
+// notes once that the 16-bit frames were stitched at 8 bits.
+TEST_F(CliStitch, TooLittleOverlapFailsWithTheReason) {
+  std::vector<cv::Mat> pages;
+  for (const cv::Mat& frame : cut(4, {40, 200}, {250, 0})) {
+    pages.emplace_back();
+    frame.convertTo(pages.back(), CV_16U, 257.0);
+  }
+  ASSERT_TRUE(cv::imwritemulti(path("scan.tif"), pages));
+  const ToolRun r = run({path("scan.tif"), "-o", path("pano.png")});
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.out.find("4 frames processed"), std::string::npos) << r.out;
+  EXPECT_EQ(occurrences(r.err, "16-bit frames are stitched at 8 bits"), 1u) << r.err;
+  EXPECT_NE(r.err.find("frames were not placed"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("too little overlap: 3 of 3 successive frame pairs"), std::string::npos)
+      << r.err;
+  // 70 of 320 pixels shared, as measured by the tool.
+  EXPECT_TRUE(r.err.find("least 21 %") != std::string::npos ||
+              r.err.find("least 22 %") != std::string::npos ||
+              r.err.find("least 23 %") != std::string::npos)
+      << r.err;
+  EXPECT_NE(r.err.find("scan.tif page "), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("too smooth"), std::string::npos) << r.err;
+  EXPECT_TRUE(fs::exists(path("pano.png")));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// vantix edf [--kind 0|1|2] [--format 0..3] FRAME... -o OUT
+// vantix edf FRAME... -o OUT [--kind KIND] [--format 0..3]
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -7,48 +7,69 @@
 #include "edf_session.h"
 #include "errors.h"
 #include "image_io.h"
+#include "names.h"
 
 namespace vtool {
 
 namespace {
 
 const char kUsage[] =
-    "usage: vantix edf [--kind 0|1|2] [--format 0..3] FRAME... -o OUT\n"
+    "usage: vantix edf FRAME... -o OUT [--kind KIND] [--format 0..3]\n"
     "\n"
     "Fuses photographs of one scene taken at different focus into one image\n"
     "that is sharp everywhere, with an EDF session (vantix_edf_*).  The frames\n"
     "are pushed in the order given, each waited for, and must all have the\n"
     "size of the first.\n"
     "\n"
-    "  FRAME...       8- or 16-bit grey, BGR or BGRA images\n"
-    "  -o, --out OUT  the fused image (16-bit formats keep 16 bits where the\n"
-    "                 file format can hold them, e.g. PNG or TIFF)\n"
-    "  --kind K       0 pyramid, largest detail wins (default)\n"
-    "                 1 pyramid, detail-weighted blend\n"
-    "                 2 focus-measure blend\n"
-    "  --format F     session pixel format: 0 8-bit BGR (default), 1 16-bit BGR,\n"
-    "                 2 8-bit BGRA, 3 16-bit BGRA\n";
+    "  FRAME...       8- or 16-bit grey, BGR or BGRA images; a multi-page TIFF\n"
+    "                 gives all its pages, a folder its image files in name\n"
+    "                 order (numbers by value: f2 before f10)\n"
+    "  -o, --out OUT  the fused image\n"
+    "  --kind KIND    pyramid_max    pyramid, largest detail wins (default)\n"
+    "                 pyramid_blend  pyramid, detail-weighted blend\n"
+    "                 stack          focus-measure blend\n"
+    "                 (0, 1 and 2 name the same kinds)\n"
+    "  --format F     pixel format of the session: 0 8-bit BGR (default),\n"
+    "                 1 16-bit BGR, 2 8-bit BGRA, 3 16-bit BGRA\n"
+    "\n"
+    "The session works on 8 bits a channel whatever the format: 16-bit frames\n"
+    "are reduced to 8 bits before fusion (a note on stderr says so once).\n"
+    "Formats 1 and 3 hand the 8-bit result back in 16-bit layout, each sample\n"
+    "times 257 (255 becomes 65535); formats 2 and 3 add an opaque alpha\n"
+    "channel.  OUT keeps that layout where its file format can (PNG, TIFF,\n"
+    "PPM); other formats get 8-bit samples.\n";
 
 int run(const Args& args) {
-  const auto kind = static_cast<uint32_t>(parseInteger(args.option("kind").value_or("0"), "--kind", 0, 2));
+  const uint32_t kind = parseName(kEdfKindNames, args.option("kind").value_or("pyramid_max"), "--kind");
   const auto format =
       static_cast<uint32_t>(parseInteger(args.option("format").value_or("0"), "--format", 0, 3));
   const std::optional<std::string> out = args.option("out");
   if (!out) throw UsageError("missing -o OUT");
   checkOutputPath(*out);
 
-  const size_t count = args.positionalCount();
+  std::vector<std::string> paths;
+  for (size_t i = 0; i < args.positionalCount(); ++i) paths.push_back(args.positional(i));
+  const std::vector<FrameSource> sources = listFrames(paths);
+  const size_t count = sources.size();
   // Every frame is read before the session starts, so that a bad file stops
   // the command before any work.
   std::vector<cv::Mat> frames;
-  for (size_t i = 0; i < count; ++i) {
-    const std::string& path = args.positional(i);
-    cv::Mat frame = toEdfFormat(readImage(path), format);
+  bool sixteenBit = false;
+  for (const FrameSource& source : sources) {
+    const cv::Mat image = readFrame(source);
+    sixteenBit = sixteenBit || image.depth() == CV_16U;
+    cv::Mat frame = toEdfFormat(image, format);
     if (!frames.empty() && frame.size() != frames.front().size()) {
-      throw ToolError("'" + path + "' is " + sizeText(frame.size()) + ", the first frame " +
+      throw ToolError(source.label() + " is " + sizeText(frame.size()) + ", the first frame " +
                       sizeText(frames.front().size()) + ": all frames need the same size");
     }
     frames.push_back(std::move(frame));
+  }
+  if (sixteenBit) {
+    std::fprintf(stderr,
+                 "vantix: edf: note: 16-bit frames are fused at 8 bits a channel (the "
+                 "session's working image)\n");
+    std::fflush(stderr);
   }
 
   EdfSession session(format, kind);
@@ -58,18 +79,18 @@ int run(const Args& args) {
     try {
       ms = session.fuse(frames[i]);
     } catch (const ToolError& e) {
-      throw ToolError("frame " + std::to_string(i + 1) + " of " + std::to_string(count) + " ('" +
-                      args.positional(i) + "'): " + e.what());
+      throw ToolError("frame " + std::to_string(i + 1) + " of " + std::to_string(count) + " (" +
+                      sources[i].label() + "): " + e.what());
     }
     total += ms;
-    std::printf("frame %zu of %zu: %s, %.1f ms\n", i + 1, count, args.positional(i).c_str(), ms);
+    std::printf("frame %zu of %zu: %s, %.1f ms\n", i + 1, count, sources[i].label().c_str(), ms);
     std::fflush(stdout);
   }
   const cv::Mat fused = session.fused();
   const bool reduced = writeImage(*out, fused);
-  std::printf("fused %zu frames (kind %u, format %u) in %.1f ms -> %s (%s%s)\n", count, kind,
-              format, total, out->c_str(), sizeText(fused.size()).c_str(),
-              reduced ? ", written as 8-bit" : "");
+  std::printf("fused %zu frames (kind %s, format %u) in %.1f ms -> %s (%s%s)\n", count,
+              nameOf(kEdfKindNames, kind).c_str(), format, total, out->c_str(),
+              sizeText(fused.size()).c_str(), reduced ? ", written as 8-bit" : "");
   return 0;
 }
 

@@ -1,5 +1,6 @@
-// vantix stitch FRAME... -o PANO [--crop] [--scale-level 0..4] [--strict-level 0..4]
-//                        [--fps N] [--positions FILE.csv]
+// vantix stitch FRAME... -o PANO [--whole-canvas] [--background B] [--scale-level 0..4]
+//                        [--strict-level 0..4] [--fps N] [--positions FILE.csv]
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -10,6 +11,8 @@
 #include "commands.h"
 #include "errors.h"
 #include "image_io.h"
+#include "names.h"
+#include "stitch_overlap.h"
 #include "stitch_session.h"
 
 namespace vtool {
@@ -17,49 +20,104 @@ namespace vtool {
 namespace {
 
 const char kUsage[] =
-    "usage: vantix stitch FRAME... -o PANO [--crop] [--scale-level 0..4]\n"
-    "                     [--strict-level 0..4] [--fps N] [--positions FILE.csv]\n"
+    "usage: vantix stitch FRAME... -o PANO [--whole-canvas] [--background B]\n"
+    "                     [--scale-level 0..4] [--strict-level 0..4] [--fps N]\n"
+    "                     [--positions FILE.csv]\n"
     "\n"
     "Stitches the frames, in the order given, into a panorama with a live stitch\n"
     "session (vantix_stitch_*), as if they came from a camera moving over the\n"
-    "scene, and writes the panorama that vantix_stitch_stop returns.\n"
+    "scene, and writes the panorama that vantix_stitch_stop returns.  Each frame\n"
+    "is pushed once the session has reported the one before, so every frame is\n"
+    "registered against the last reference frame (--fps simulates a live camera\n"
+    "instead).\n"
     "\n"
-    "  FRAME...            images of one size: 8- or 16-bit grey, BGR or BGRA\n"
-    "                      (16-bit samples and alpha are reduced to 8-bit BGR)\n"
+    "  FRAME...            images of one size: 8- or 16-bit grey, BGR or BGRA;\n"
+    "                      a multi-page TIFF gives all its pages, a folder its\n"
+    "                      image files in name order (numbers by value)\n"
     "  -o, --out PANO      the panorama file (PNG, TIFF, JPEG, ...)\n"
-    "  --crop              only the covered rectangle (default: the whole canvas,\n"
-    "                      uncovered parts shown as a checkerboard)\n"
+    "  --whole-canvas      write the whole canvas, uncovered parts filled with the\n"
+    "                      background (default: only the covered rectangle)\n"
+    "  --crop              the default; accepted for older scripts\n"
+    "  --background B      checkerboard (default), white or black (also 0, 1, 2)\n"
     "  --scale-level L     working-copy size 10, 15, 20, 30, 40 % for L = 0..4\n"
     "                      (default 2)\n"
     "  --strict-level L    how sharp and well matched a frame must be to be\n"
     "                      placed, 0 (lenient) .. 4 (strict) (default 2)\n"
     "  --fps N             push N frames a second, as a camera would: the session\n"
-    "                      then skips frames it cannot keep up with; 0 waits for\n"
-    "                      each frame to be processed before the next (default 30)\n"
+    "                      then skips frames it cannot keep up with (default 0:\n"
+    "                      every frame, each after the previous one's report)\n"
     "  --positions F.csv   one line per processed frame: where it went on the\n"
     "                      canvas and in the written panorama, and what happened\n"
     "\n"
-    "Progress and the session's events (tracking lost, tracking regained, canvas\n"
-    "grew) are printed as they happen.\n";
+    "The session works on 8 bits a channel: 16-bit frames are reduced to 8 bits\n"
+    "and alpha is dropped (a note on stderr says so once); the panorama is 8-bit\n"
+    "BGR.  Progress and the session's events (tracking lost, tracking regained,\n"
+    "canvas grew) are printed as they happen.\n"
+    "\n"
+    "Exit status 1 when more than half the frames were not placed (the panorama\n"
+    "is still written): a line on stderr for each cause the tool finds, with its\n"
+    "figures: successive frames sharing less than the 40 % of a frame live\n"
+    "tracking needs (measured between the frames by phase correlation), or frames\n"
+    "too smooth for the sharpness the strictness level asks.\n";
+
+// Live tracking follows a scan whose successive frames move at most 60 % of
+// the frame's width or height: the session's registration treats a larger
+// move as out of reach, and its template needs that much shared content.
+constexpr double kTrackingOverlap = 0.40;
+
+// Minimum sharpness of strictness levels 0..4 (vantix_stitch_newV3), and the
+// floor the session's registration applies at every level while it tracks:
+// a frame scoring 0.07 or less is turned away.
+constexpr float kLevelSharpness[5] = {0.0f, 0.04f, 0.06f, 0.08f, 0.1f};
+constexpr float kTrackingSharpness = 0.07f;
+
+float sharpnessGate(uint32_t strictLevel) {
+  return std::max(kLevelSharpness[strictLevel], kTrackingSharpness);
+}
 
 // The frame as the session takes it: 8-bit B G R.  The panorama of
 // vantix_stitch_stop is always 3 bytes a pixel, so the tool converts here
-// rather than push 16-bit or BGRA frames.
-cv::Mat toBgr8(const cv::Mat& image, const std::string& path) {
+// rather than push 16-bit or BGRA frames (the session would reduce them to
+// its 8-bit working image all the same).
+cv::Mat toBgr8(const cv::Mat& image, const std::string& label) {
   cv::Mat frame = image;
   if (frame.depth() == CV_16U) frame.convertTo(frame, CV_8U, 1.0 / 257.0);
   if (frame.depth() != CV_8U) {
-    throw ToolError("'" + path + "' is " + describeType(image.type()) +
+    throw ToolError(label + " is " + describeType(image.type()) +
                     "; frames must be 8- or 16-bit grey, BGR or BGRA");
   }
   if (frame.channels() == 1) cv::cvtColor(frame, frame, cv::COLOR_GRAY2BGR);
   if (frame.channels() == 4) cv::cvtColor(frame, frame, cv::COLOR_BGRA2BGR);
   if (frame.type() != CV_8UC3) {
-    throw ToolError("'" + path + "' is " + describeType(image.type()) +
+    throw ToolError(label + " is " + describeType(image.type()) +
                     "; frames must be 8- or 16-bit grey, BGR or BGRA");
   }
   return frame;
 }
+
+// Reads frames for the session, saying once per run that 16-bit frames are
+// reduced to 8 bits.
+class FrameReader {
+ public:
+  explicit FrameReader(const std::vector<FrameSource>& sources) : sources_(sources) {}
+
+  cv::Mat read(size_t index) {
+    const cv::Mat image = readFrame(sources_[index]);
+    if (image.depth() == CV_16U && !noted_) {
+      noted_ = true;
+      std::fflush(stdout);
+      std::fprintf(stderr,
+                   "vantix: stitch: note: 16-bit frames are stitched at 8 bits a channel (the "
+                   "session's working image)\n");
+      std::fflush(stderr);
+    }
+    return toBgr8(image, sources_[index].label());
+  }
+
+ private:
+  const std::vector<FrameSource>& sources_;
+  bool noted_ = false;
+};
 
 void printEvents(StitchSession& session, size_t pushed) {
   for (uint32_t code : session.takeEvents()) {
@@ -82,7 +140,7 @@ void writePositions(const std::string& path, const std::vector<StitchReport>& re
     const cv::Point p = finals[i] - panoramaOrigin;
     // The frame's file is known only when each frame was waited for.
     const std::string frame = i < frameNames.size() ? frameNames[i] : std::string();
-    char line[512];
+    char line[1024];
     std::snprintf(line, sizeof line, "%zu,\"%s\",%s,%d,%d,%d,%d,%d,%d,%.4f,%.3f\n", i,
                   frame.c_str(), stitchModeName(r.mode).c_str(), r.position.x, r.position.y,
                   r.canvas.width, r.canvas.height, p.x, p.y, static_cast<double>(r.score),
@@ -90,6 +148,110 @@ void writePositions(const std::string& path, const std::vector<StitchReport>& re
     out << line;
   }
   if (!out) throw ToolError("cannot write '" + path + "'");
+}
+
+template <typename T>
+T median(std::vector<T> values) {
+  if (values.empty()) return T();
+  std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+  return values[values.size() / 2];
+}
+
+std::string percent(double fraction) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.0f %%", 100.0 * fraction);
+  return text;
+}
+
+std::string sharpnessText(double score) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.3f", score);
+  return text;
+}
+
+// Why most frames were not placed: one line per cause found, each with its
+// figures, in the tool's "vantix: stitch: ..." form.
+std::vector<std::string> explainUnplaced(const std::vector<FrameSource>& sources,
+                                         FrameReader& reader,
+                                         const std::vector<StitchReport>& reports,
+                                         uint32_t strictLevel) {
+  std::vector<std::string> lines;
+
+  // Overlap of successive frames, measured between the frames themselves.
+  struct Pair {
+    size_t index;  // frames index and index + 1
+    FrameShift shift;
+  };
+  std::vector<Pair> pairs;
+  cv::Mat previous = sources.empty() ? cv::Mat() : reader.read(0);
+  for (size_t i = 1; i < sources.size(); ++i) {
+    cv::Mat frame = reader.read(i);
+    pairs.push_back({i - 1, measureShift(previous, frame)});
+    previous = std::move(frame);
+  }
+  std::vector<double> overlaps;
+  size_t narrow = 0;
+  const Pair* least = nullptr;
+  for (const Pair& pair : pairs) {
+    overlaps.push_back(pair.shift.overlap);
+    if (pair.shift.overlap < kTrackingOverlap) ++narrow;
+    if (least == nullptr || pair.shift.overlap < least->shift.overlap) least = &pair;
+  }
+  auto overlapText = [](const FrameShift& shift) {
+    return shift.found ? percent(shift.overlap) : std::string("none found");
+  };
+  if (narrow > 0) {
+    lines.push_back(
+        "too little overlap: " + std::to_string(narrow) + " of " + std::to_string(pairs.size()) +
+        " successive frame pairs share less than the " + percent(kTrackingOverlap) +
+        " of a frame live tracking needs (least " + overlapText(least->shift) + ", " +
+        sources[least->index].label() + " to " + sources[least->index + 1].label() +
+        "; median " + percent(median(overlaps)) + ")");
+  }
+
+  // Sharpness of the frames not placed, as the session scored them.
+  const float gate = sharpnessGate(strictLevel);
+  std::vector<float> scores, smooth;
+  size_t kept = 0;
+  for (const StitchReport& r : reports) {
+    if (r.mode == 1) continue;
+    scores.push_back(r.score);
+    if (!(r.score > gate)) smooth.push_back(r.score);
+    if (r.mode == 2) ++kept;
+  }
+  if (!smooth.empty()) {
+    std::string line = "too smooth: " + std::to_string(smooth.size()) + " of the " +
+                       std::to_string(scores.size()) + " frames not placed score a sharpness of " +
+                       sharpnessText(gate) + " or less, which strict level " +
+                       std::to_string(strictLevel) + " does not place (median " +
+                       sharpnessText(median(smooth)) + ", highest " +
+                       sharpnessText(*std::max_element(smooth.begin(), smooth.end())) + ")";
+    // A lower level helps only frames above the floor every level keeps.
+    const float typical = median(smooth);
+    for (uint32_t level = strictLevel; level-- > 0;) {
+      if (typical > sharpnessGate(level)) {
+        line += "; --strict-level " + std::to_string(level) + " takes frames above " +
+                sharpnessText(sharpnessGate(level));
+        break;
+      }
+    }
+    lines.push_back(line);
+  }
+
+  if (lines.empty()) {
+    // What the session said of the frames is all there is to go on.
+    const std::string guess =
+        2 * kept > scores.size()
+            ? std::to_string(kept) + " were matched, but not surely enough to place (kept): the "
+                                     "frames may lack distinct detail"
+            : "the frames may not show one scene";
+    lines.push_back("neither too little overlap nor too smooth frames: successive frames share " +
+                    (pairs.empty() ? std::string("nothing to measure")
+                                   : "at least " + overlapText(least->shift)) +
+                    " and the frames not placed score a sharpness above " + sharpnessText(gate) +
+                    " (median " + sharpnessText(median(scores)) + "); " + guess);
+  }
+  return lines;
 }
 
 int run(const Args& args) {
@@ -101,21 +263,31 @@ int run(const Args& args) {
       static_cast<uint32_t>(parseInteger(args.option("scale-level").value_or("2"), "--scale-level", 0, 4));
   const auto strictLevel = static_cast<uint32_t>(
       parseInteger(args.option("strict-level").value_or("2"), "--strict-level", 0, 4));
-  const int64_t fps = parseInteger(args.option("fps").value_or("30"), "--fps", 0, 1000);
-  const bool cropped = args.flag("crop");
+  const int64_t fps = parseInteger(args.option("fps").value_or("0"), "--fps", 0, 1000);
+  const uint32_t background =
+      parseName(kBackgroundNames, args.option("background").value_or("checkerboard"), "--background");
+  // The cropped panorama is the default now.  --crop, which used to ask for
+  // it, stays accepted so that scripts written for the old default keep
+  // working and get what they asked for; only its clash with --whole-canvas
+  // is an error.
+  const bool wholeCanvas = args.flag("whole-canvas");
+  if (wholeCanvas && args.flag("crop")) throwUsage("--crop and --whole-canvas exclude each other");
+  const bool cropped = !wholeCanvas;
   const std::optional<std::string> positionsPath = args.option("positions");
   checkOutputPath(out);
 
+  const std::vector<FrameSource> sources = listFrames(paths);
+  FrameReader reader(sources);
   // The first frame fixes the session's frame size; the others are read as
   // they are pushed (a scan can be longer than memory allows to hold).
-  cv::Mat first = toBgr8(readImage(paths[0]), paths[0]);
+  cv::Mat first = reader.read(0);
   if (first.cols < 16 || first.rows < 16) {
-    throw ToolError("'" + paths[0] + "' is " + sizeText(first.size()) +
+    throw ToolError(sources[0].label() + " is " + sizeText(first.size()) +
                     "; frames must be at least 16x16");
   }
-  StitchSession session(first.size(), scaleLevel, strictLevel, 0);
-  std::printf("stitching %zu frames of %s (scale level %u, strict level %u, %s)\n", paths.size(),
-              sizeText(first.size()).c_str(), scaleLevel, strictLevel,
+  StitchSession session(first.size(), scaleLevel, strictLevel, background);
+  std::printf("stitching %zu frames of %s (scale level %u, strict level %u, %s)\n",
+              sources.size(), sizeText(first.size()).c_str(), scaleLevel, strictLevel,
               fps > 0 ? (std::to_string(fps) + " frames a second").c_str()
                       : "every frame processed");
   std::fflush(stdout);
@@ -123,57 +295,83 @@ int run(const Args& args) {
   session.start();
   using Clock = std::chrono::steady_clock;
   const auto begin = Clock::now();
-  const size_t progressStep = std::max<size_t>(1, paths.size() / 10);
-  for (size_t i = 0; i < paths.size(); ++i) {
-    cv::Mat frame = i == 0 ? first : toBgr8(readImage(paths[i]), paths[i]);
+  const size_t progressStep = std::max<size_t>(1, sources.size() / 10);
+  for (size_t i = 0; i < sources.size(); ++i) {
+    cv::Mat frame = i == 0 ? first : reader.read(i);
     if (frame.size() != first.size()) {
-      throw ToolError("'" + paths[i] + "' is " + sizeText(frame.size()) + ", the first frame is " +
-                      sizeText(first.size()));
+      throw ToolError(sources[i].label() + " is " + sizeText(frame.size()) +
+                      ", the first frame is " + sizeText(first.size()));
     }
     if (fps > 0) {
+      // A live camera: frames arrive on the clock, whether or not the
+      // session has finished the previous ones.
       std::this_thread::sleep_until(begin + std::chrono::microseconds(i * 1000000 / fps));
     }
     session.push(frame);
-    if (fps == 0 && !session.waitForReports(i + 1, std::chrono::seconds(60))) {
+    // In lockstep the next frame waits for this one's report (onFrame), so
+    // the session's queue never holds more than one frame and none is
+    // skipped.
+    if (fps == 0 && !session.waitForReports(i + 1)) {
       printEvents(session, i + 1);
-      if (session.failed()) throw ToolError("the stitch session stopped after a failure");
-      throw ToolError("no report from the stitch session for '" + paths[i] + "'");
+      throw ToolError("the stitch session stopped after a failure at " + sources[i].label());
     }
     printEvents(session, i + 1);
     if (session.failed()) throw ToolError("the stitch session stopped after a failure");
-    if ((i + 1) % progressStep == 0 || i + 1 == paths.size()) {
-      std::printf("  %zu/%zu frames pushed, %zu processed\n", i + 1, paths.size(),
+    if ((i + 1) % progressStep == 0 || i + 1 == sources.size()) {
+      std::printf("  %zu/%zu frames pushed, %zu processed\n", i + 1, sources.size(),
                   session.reportCount());
       std::fflush(stdout);
     }
   }
-  if (fps > 0 && paths.size() > 1) {
+  if (fps > 0 && sources.size() > 1) {
     // Reading the files can be slower than the rate asked for; say so.
     const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
-    const double rate = (paths.size() - 1) / std::max(seconds, 1e-6);
+    const double rate = (sources.size() - 1) / std::max(seconds, 1e-6);
     if (rate < 0.95 * static_cast<double>(fps)) {
       std::printf("  frames were read and pushed at only %.1f a second\n", rate);
     }
   }
   // At a live rate the queue still holds frames: let the worker finish them.
   if (fps > 0) session.waitUntilQuiet(std::chrono::milliseconds(500), std::chrono::seconds(30));
-  printEvents(session, paths.size());
+  printEvents(session, sources.size());
 
   const cv::Mat panorama = session.stop(cropped);
   const cv::Rect crop = session.cropRect();
-  printEvents(session, paths.size());
+  printEvents(session, sources.size());
   const std::vector<StitchReport> reports = session.reports();
   size_t byMode[5] = {0, 0, 0, 0, 0};
   for (const StitchReport& r : reports) ++byMode[r.mode < 5 ? r.mode : 0];
-  std::printf("%zu frames processed: %zu placed, %zu kept, %zu lost, %zu not placed\n",
+  std::printf("%zu frames processed: %zu placed, %zu kept, %zu lost, %zu not placed",
               reports.size(), byMode[1], byMode[2], byMode[3], byMode[4]);
+  if (reports.size() < sources.size()) {
+    std::printf(" (%zu skipped by the session at %lld frames a second)",
+                sources.size() - reports.size(), static_cast<long long>(fps));
+  }
+  std::printf("\n");
   if (panorama.empty()) throw ToolError("the stitch session returned no panorama");
   if (positionsPath) {
-    writePositions(*positionsPath, reports, fps == 0 ? paths : std::vector<std::string>(),
-                   cropped ? crop.tl() : cv::Point(0, 0));
+    std::vector<std::string> labels;
+    if (fps == 0) {
+      for (const FrameSource& source : sources) labels.push_back(source.label());
+    }
+    writePositions(*positionsPath, reports, labels, cropped ? crop.tl() : cv::Point(0, 0));
   }
   writeImage(out, panorama);
   std::printf("panorama %s written to %s\n", sizeText(panorama.size()).c_str(), out.c_str());
+  std::fflush(stdout);
+
+  // Most frames not placed: the panorama is not what the scan showed.  Say
+  // why, as far as the tool can tell, and fail.
+  const size_t unplaced = reports.size() - byMode[1];
+  if (reports.empty() || 2 * unplaced > reports.size()) {
+    std::fprintf(stderr, "vantix: stitch: %zu of %zu frames were not placed\n", unplaced,
+                 reports.size());
+    std::fflush(stderr);
+    for (const std::string& line : explainUnplaced(sources, reader, reports, strictLevel)) {
+      std::fprintf(stderr, "vantix: stitch: %s\n", line.c_str());
+    }
+    return 1;
+  }
   return 0;
 }
 
@@ -185,7 +383,9 @@ Command stitchCommand() {
           kUsage,
           {"FRAME..."},
           {{"out", true, 'o'},
+           {"whole-canvas", false},
            {"crop", false},
+           {"background", true},
            {"scale-level", true},
            {"strict-level", true},
            {"fps", true},

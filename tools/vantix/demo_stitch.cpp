@@ -101,8 +101,8 @@ void demoStitch(DemoContext& context) {
     truth.emplace_back(where.x, where.y);
     // One frame at a time, so that every frame is stitched (a host pulling
     // at the camera's rate would let the session skip some).
-    if (!session.waitForReports(i + 1, std::chrono::seconds(30))) {
-      throw ToolError("no report from the stitch session for frame " + std::to_string(i));
+    if (!session.waitForReports(i + 1)) {
+      throw ToolError("the stitch session stopped after a failure at frame " + std::to_string(i));
     }
     for (uint32_t code : session.takeEvents()) {
       if (code != VANTIX_STITCH_EVENT_CANVAS_GROWING) {

@@ -50,7 +50,115 @@ std::string lowerExtension(const std::string& path) {
   return extension;
 }
 
+// Name order for a folder's files: runs of digits compare by value, so that
+// frame2 comes before frame10; equal-valued runs ("7", "007") and everything
+// else compare byte by byte.
+bool nameBefore(const std::string& a, const std::string& b) {
+  size_t i = 0, j = 0;
+  while (i < a.size() && j < b.size()) {
+    const bool digitA = std::isdigit(static_cast<unsigned char>(a[i])) != 0;
+    const bool digitB = std::isdigit(static_cast<unsigned char>(b[j])) != 0;
+    if (digitA && digitB) {
+      size_t endA = i, endB = j;
+      while (endA < a.size() && std::isdigit(static_cast<unsigned char>(a[endA]))) ++endA;
+      while (endB < b.size() && std::isdigit(static_cast<unsigned char>(b[endB]))) ++endB;
+      size_t startA = i, startB = j;
+      while (startA + 1 < endA && a[startA] == '0') ++startA;
+      while (startB + 1 < endB && b[startB] == '0') ++startB;
+      const size_t lengthA = endA - startA, lengthB = endB - startB;
+      if (lengthA != lengthB) return lengthA < lengthB;
+      const int order = a.compare(startA, lengthA, b, startB, lengthB);
+      if (order != 0) return order < 0;
+      i = endA;
+      j = endB;
+      continue;
+    }
+    if (a[i] != b[j]) return static_cast<unsigned char>(a[i]) < static_cast<unsigned char>(b[j]);
+    ++i;
+    ++j;
+  }
+  if (a.size() - i != b.size() - j) return a.size() - i < b.size() - j;
+  return a < b;
+}
+
+// Pages of a TIFF file (1 for any other file or when they cannot be counted:
+// reading the file then reports the problem).
+int pageCount(const std::string& path) {
+  const std::string extension = lowerExtension(path);
+  if (extension != ".tif" && extension != ".tiff") return 1;
+  size_t count = 1;
+  try {
+    QuietStderr quiet;
+    count = cv::imcount(path, cv::IMREAD_UNCHANGED);
+  } catch (const cv::Exception&) {
+    count = 1;
+  }
+  return count > 1 ? static_cast<int>(std::min<size_t>(count, 1u << 20)) : 1;
+}
+
+void addFile(const std::string& path, std::vector<FrameSource>& frames) {
+  const int pages = pageCount(path);
+  if (pages == 1) {
+    frames.push_back({path, -1, 1});
+    return;
+  }
+  for (int page = 0; page < pages; ++page) frames.push_back({path, page, pages});
+}
+
 }  // namespace
+
+std::string FrameSource::label() const {
+  if (page < 0) return path;
+  return path + " page " + std::to_string(page + 1) + " of " + std::to_string(pages);
+}
+
+std::vector<FrameSource> listFrames(const std::vector<std::string>& paths) {
+  std::vector<FrameSource> frames;
+  for (const std::string& path : paths) {
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (!fs::exists(status)) throw ToolError("cannot open '" + path + "': no such file");
+    if (!fs::is_directory(status)) {
+      addFile(path, frames);
+      continue;
+    }
+    std::vector<std::string> names;
+    for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error)) {
+      const std::string name = it->path().filename().string();
+      if (name.empty() || name[0] == '.') continue;
+      std::error_code statError;
+      if (!fs::is_regular_file(it->path(), statError)) continue;
+      bool image = false;
+      try {
+        QuietStderr quiet;
+        image = cv::haveImageReader(it->path().string());
+      } catch (const cv::Exception&) {
+        image = false;
+      }
+      if (image) names.push_back(name);
+    }
+    if (error) throw ToolError("cannot read folder '" + path + "': " + error.message());
+    if (names.empty()) throw ToolError("folder '" + path + "' holds no image files");
+    std::sort(names.begin(), names.end(), nameBefore);
+    for (const std::string& name : names) addFile((fs::path(path) / name).string(), frames);
+  }
+  return frames;
+}
+
+cv::Mat readFrame(const FrameSource& source) {
+  if (source.page < 0) return readImage(source.path);
+  std::vector<cv::Mat> pages;
+  try {
+    QuietStderr quiet;
+    cv::imreadmulti(source.path, pages, source.page, 1, cv::IMREAD_UNCHANGED);
+  } catch (const cv::Exception&) {
+    pages.clear();
+  }
+  if (pages.empty() || pages[0].empty()) {
+    throw ToolError("cannot read " + source.label() + ": not an image OpenCV can decode");
+  }
+  return pages[0];
+}
 
 cv::Mat readImage(const std::string& path) {
   std::error_code error;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <opencv2/core.hpp>
 
@@ -10,6 +11,27 @@ namespace vtool {
 // Reads a file as it is stored (cv::IMREAD_UNCHANGED).  Throws ToolError for
 // a missing file, a directory or data that is not a readable image.
 cv::Mat readImage(const std::string& path);
+
+// One frame of a command's input: an image file, or one page of a
+// multi-page TIFF.
+struct FrameSource {
+  std::string path;
+  int page = -1;  // 0-based page of a multi-page file; -1 for a one-image file
+  int pages = 1;  // pages in the file
+  // "a.png", or "stack.tif page 3 of 30" (1-based) for a page.
+  std::string label() const;
+};
+
+// The frames that command-line arguments name, in order: a multi-page TIFF
+// gives each of its pages, a folder its image files (those OpenCV
+// recognises; hidden files skipped) in name order with runs of digits
+// compared by value (f2 before f10), a multi-page TIFF inside it its pages;
+// any other path is taken as one image file (read errors come later, from
+// readFrame).  Throws ToolError for a missing path or a folder without images.
+std::vector<FrameSource> listFrames(const std::vector<std::string>& paths);
+
+// Reads one frame as stored (cv::IMREAD_UNCHANGED), with readImage's errors.
+cv::Mat readFrame(const FrameSource& source);
 
 // Throws ToolError unless an image can probably be written to `path`: its
 // extension names a format OpenCV writes and its directory exists.  Lets a

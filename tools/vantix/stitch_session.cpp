@@ -95,9 +95,9 @@ void StitchSession::push(const cv::Mat& frame) {
   if (VANTIX_FAILED(result)) throw ToolError("vantix_stitch_pushback failed");
 }
 
-bool StitchSession::waitForReports(size_t count, std::chrono::milliseconds timeout) {
+bool StitchSession::waitForReports(size_t count) {
   std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, timeout, [&] { return reports_.size() >= count || failed_; });
+  changed_.wait(lock, [&] { return reports_.size() >= count || failed_; });
   return reports_.size() >= count;
 }
 

@@ -55,9 +55,11 @@ class StitchSession {
   // Pushes an 8-bit B G R frame of the session's size.
   void push(const cv::Mat& frame);
 
-  // Waits until `count` reports have arrived, the worker stopped after a
-  // failure, or the timeout passed; true when the reports are there.
-  bool waitForReports(size_t count, std::chrono::milliseconds timeout);
+  // Waits (on the onFrame callback) until `count` reports have arrived or
+  // the worker stopped after a failure; true when the reports are there.
+  // Every frame the worker takes reaches onFrame, so a frame pushed after
+  // the previous one's report is always reported.
+  bool waitForReports(size_t count);
   // Waits until no report has arrived for `quiet` (the queue has drained),
   // at most `limit`.
   void waitUntilQuiet(std::chrono::milliseconds quiet, std::chrono::milliseconds limit);
