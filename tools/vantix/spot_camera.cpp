@@ -49,7 +49,7 @@ SimCamera::SimCamera(const std::string& libraryPath, cv::Size frameSize) : size_
     const char* why = dlerror();
     throw ToolError("cannot load the simulated camera '" + libraryPath + "'" +
                     (why != nullptr ? std::string(": ") + why : std::string()) +
-                    " (give its path with --simcam or VANTIX_SIMCAM)");
+                    " (give its path with VANTIX_SIMCAM)");
   }
   if (!simcam_load_api(library, &api_)) {
     throw ToolError("'" + libraryPath + "' is not the simulated camera library");
