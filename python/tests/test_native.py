@@ -87,13 +87,3 @@ def test_result_codes_become_their_exceptions():
     error = vantix.VantixError.from_code(0x80001234)
     assert type(error) is vantix.VantixError and error.name == "0x80001234"
     assert _native.check(5, "f") == 5  # positive codes are successes
-
-
-def test_the_readme_example_runs():
-    readme = os.path.join(os.path.dirname(__file__), "..", "README.md")
-    with open(readme) as f:
-        code = re.search(r"```python\n(.*?)```", f.read(), flags=re.S)[1]
-    namespace = {}
-    exec(compile(code, "README.md", "exec"), namespace)
-    assert namespace["panorama"].shape == (240, 480, 3)
-    assert namespace["colour"].shape == (64, 64, 3)
