@@ -105,5 +105,42 @@ def main():
     _native.lib  # keep the library referenced to the end
 
 
+def sessions():
+    """Frames processed and time per frame: a 163-frame pan (640 x 480) and
+    a 20-frame focus stack, pushed as fast as possible (the queues drop
+    frames), with push(wait=True), and through the one-call functions."""
+    rng = np.random.default_rng(1)
+    noise = rng.integers(0, 256, (100, 260, 3), dtype=np.uint8)
+    scene = vantix.resize(noise, (2600, 1000), interpolation="cubic")
+    pan = [np.ascontiguousarray(scene[200:680, 10 * i:10 * i + 640]) for i in range(163)]
+    stack = [pan[0]] * 20
+
+    def report(name, count, total, seconds):
+        print(f"{name:<44} {count:4d} of {total} frames  {seconds / total * 1e3:7.2f} ms a frame")
+
+    for what, frames, make, kind in (("stitch", pan, vantix.StitchSession, vantix.StitchFrame),
+                                     ("edf", stack, vantix.EdfSession, vantix.EdfFrame)):
+        for wait in (False, True):
+            start = time.perf_counter()
+            with (make(640, 480) if what == "stitch" else make("stack")) as session:
+                session.start()
+                for frame in frames:
+                    session.push(frame, wait=wait)
+                session.drain()
+                session.stop()
+                count = sum(isinstance(e, kind) for e in session.events(timeout=0))
+            report(f"{what}: session push(wait={wait}), drain, stop", count, len(frames),
+                   time.perf_counter() - start)
+        start = time.perf_counter()
+        if what == "stitch":
+            count = sum(f.mode == "placed" for f in vantix.stitch(iter(frames)).frames)
+        else:
+            vantix.fuse(iter(frames), kind="stack")
+            count = len(frames)
+        report(f"{what}: vantix.{'stitch' if what == 'stitch' else 'fuse'}", count, len(frames),
+               time.perf_counter() - start)
+
+
 if __name__ == "__main__":
     main()
+    sessions()

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import threading
 from collections import namedtuple
-from typing import Any, Iterable, Optional, Union
+from typing import Any, Iterable, List, Optional, Union
 
 import numpy as np
 
@@ -12,7 +12,6 @@ from . import _names, _native
 from ._arrays import (FORMATS, format_code, from_address, from_session_layout, layout_of,
                       pointer, session_frame)
 from ._errors import ProcessingError
-from ._feeder import Feeder
 from ._native import lib
 from ._pull import FORMAT_BITS, pull as _pull
 from ._session import ThreadedSession
@@ -91,6 +90,11 @@ class EdfSession(ThreadedSession):
         else:
             handle = lib.vantix_edf_newV2(self.format, self.kind, frame_fn, error_fn, None)
         self._attach(handle, "vantix_edf_new")
+        # The push of a frame kept waiting, run by the frame callback (on
+        # the worker thread, which close() joins before the delete).
+        push = lib.vantix_edf_pushback
+        bridge.pusher = lambda frame, pitch: push(handle, pointer(frame), frame.shape[1],
+                                                  frame.shape[0], 0, pitch)
 
     def push(self, frame: np.ndarray, wait: bool = False,
              channels: Optional[str] = None) -> None:
@@ -106,18 +110,14 @@ class EdfSession(ThreadedSession):
         ("bgr", "rgb", "bgra", "rgba", "grey") says otherwise.  Frames not
         in the session's layout are converted (a copy).
         """
-        prepared = session_frame(frame, self.format, self.size, channels)
-        if wait:
-            self._wait_idle()
-        self._push_prepared(*prepared)
+        self._push_prepared(*session_frame(frame, self.format, self.size, channels), wait)
 
-    def _push_prepared(self, frame: np.ndarray, pitch: int) -> None:
+    def _push_now(self, frame: np.ndarray, pitch: int) -> None:
         handle = self._enter(push=True)
         if handle is None:
             return
         try:
             self.size = self.size or (frame.shape[1], frame.shape[0])
-            self._mark_pushed()
             code = lib.vantix_edf_pushback(handle, pointer(frame), frame.shape[1],
                                            frame.shape[0], 0, pitch)
         finally:
@@ -207,38 +207,30 @@ def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
         return None
     layout = layout_of(first, channels)
     fmt = (1 if first.dtype == np.uint16 else 0) + (2 if layout in ("bgra", "rgba") else 0)
-    feeder = Feeder()
+    halt: List[EdfError] = []
 
     def on_item(item: Any) -> None:
-        try:
-            if isinstance(item, EdfFrame):
-                feeder.on_report()
-            else:
-                feeder.on_failure(item)
-        except BaseException as error:  # noqa: BLE001 - must not leave the caller waiting
-            feeder.on_failure(error)
-            raise
+        if isinstance(item, EdfError) and not halt:
+            halt.append(item)
 
     session = EdfSession(kind_code, format=fmt, callback=on_item, copy_images=False)
-    feeder.session = session
     with session:
         session.start()
         size = None
-        for index, frame in enumerate(_chain(first, iterator)):
+        for frame in _chain(first, iterator):
             if frame.size == 0:
                 continue
             prepared = session_frame(frame, fmt, size, channels)
             size = size or (frame.shape[1], frame.shape[0])
-            if not feeder.offer(index, prepared):
+            if session.halted:
                 break
-        feeder.finish()
+            session._push_prepared(*prepared, wait=True)
+        session.drain()
         session.stop()
         fused = session.readdata()
-    if isinstance(feeder.failure, BaseException):
-        raise feeder.failure
     result = None if fused is None else from_session_layout(fused, layout)
-    if feeder.failure is not None:
-        raise ProcessingError(feeder.failure.code, feeder.failure.name, result)
+    if halt:
+        raise ProcessingError(halt[0].code, halt[0].name, result)
     return result
 
 

@@ -67,11 +67,13 @@ class Bridge:
         self.callbacks = ()  # ctypes function objects, kept until delete returns
         self.lock = threading.Lock()  # only ever held for a few instructions
         self.arrived = threading.Condition(self.lock)  # notified after each item
-        # Frames in flight (see ThreadedSession._wait_idle); its own lock,
+        # Lossless pushing (see ThreadedSession.push_waiting); its own lock,
         # never held while calling into the library or a user callback.
         self.flow = threading.Condition()
-        self.in_flight = False
-        self.halted = False
+        self.in_flight = False  # a frame pushed, not yet reported on
+        self.pending = None  # (array, pitch) to push after that report
+        self.halted = False  # the worker stopped itself after a failure
+        self.pusher = None  # callable(array, pitch): the library's push
 
     def run(self, make_item):
         """Body of every C-side callback: make the item (copying what is
@@ -95,16 +97,23 @@ class Bridge:
             _in_callback.bridge = None
 
     def frame_reported(self):
-        """The worker reported on a frame: the next one may be pushed."""
+        """The worker reported on a frame (called on the worker thread, in
+        the frame callback): the waiting frame, if any, is pushed now, so
+        that the worker finds it on its next pass instead of sleeping."""
         with self.flow:
-            self.in_flight = False
+            pending, self.pending = self.pending, None
+            self.in_flight = pending is not None
             self.flow.notify_all()
+        if pending is not None:
+            self.pusher(*pending)
 
     def worker_halted(self):
-        """The worker stopped itself after a failure."""
+        """The worker stopped itself after a failure: a waiting frame is
+        dropped, as the library drops frames pushed to a halted session."""
         with self.flow:
             self.halted = True
             self.in_flight = False
+            self.pending = None
             self.flow.notify_all()
 
     def count(self, kind):
@@ -275,26 +284,39 @@ class ThreadedSession(Session):
     #
     # The library's queues drop frames (the oldest when full; the stitch
     # worker also skips all but the sharpest of the frames waiting), so the
-    # only way to have every frame processed is to have at most one waiting:
-    # push the next frame once the worker has reported on the previous one.
-    # The bridge's in_flight is true from a push until the worker's report
-    # on a frame (or until the worker halts, or the session stops).
+    # only way to have every frame processed is to have at most one waiting
+    # in the library.  A waiting push keeps the next frame on the Python
+    # side until the worker reports on the one in flight; the report's
+    # callback pushes it (on the worker thread, before the worker looks at
+    # its queue again), so the worker runs at its own speed.
 
     def _init_flow(self) -> None:
         self._flow = self._bridge.flow
 
-    def _mark_pushed(self) -> None:
+    def _push_now(self, frame, pitch) -> None:
+        """Subclasses: the library's push of a prepared frame."""
+        raise NotImplementedError
+
+    def _push_prepared(self, frame, pitch, wait: bool = False) -> None:
+        bridge = self._bridge
+        if wait and getattr(_in_callback, "bridge", None) is not bridge:
+            with self._flow:
+                self._flow.wait_for(lambda: bridge.pending is None or bridge.halted or
+                                    not self._running or self._closed)
+                if bridge.in_flight and not bridge.halted and self._running and \
+                        not self._closed:
+                    bridge.pending = (frame, pitch)
+                    return
         with self._flow:
-            if self._running and not self._bridge.halted:
-                self._bridge.in_flight = True
+            if self._running and not bridge.halted:
+                bridge.in_flight = True
+        self._push_now(frame, pitch)
 
     def _wait_idle(self) -> None:
-        if getattr(_in_callback, "bridge", None) is self._bridge:
-            return  # a callback never waits for its own worker
         bridge = self._bridge
         with self._flow:
-            self._flow.wait_for(lambda: not bridge.in_flight or bridge.halted or
-                                not self._running or self._closed)
+            self._flow.wait_for(lambda: (not bridge.in_flight and bridge.pending is None) or
+                                bridge.halted or not self._running or self._closed)
 
     @property
     def halted(self) -> bool:
@@ -306,7 +328,8 @@ class ThreadedSession(Session):
         """Waits until the worker has reported on the frame pushed last (or
         has halted, or the session was stopped).  With every frame pushed
         with ``push(frame, wait=True)`` that means every frame was
-        processed.  Re-raises a callback error."""
+        processed; call it before stop(), which does not wait for frames
+        still queued.  Re-raises a callback error."""
         self._refuse_in_callback("drain")
         self._wait_idle()
         self._raise_pending()
@@ -337,6 +360,7 @@ class ThreadedSession(Session):
         with self._flow:
             self._running = False
             self._bridge.in_flight = False
+            self._bridge.pending = None
             self._flow.notify_all()
 
     def _native_stop(self, handle):

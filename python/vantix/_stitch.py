@@ -15,7 +15,6 @@ from . import _names, _native
 from ._arrays import (format_code, from_address, from_rows, from_session_layout, layout_of,
                       pointer, session_frame)
 from ._errors import ProcessingError
-from ._feeder import Feeder
 from ._native import lib
 from ._pull import FORMAT_BITS, pull as _pull
 from ._session import ThreadedSession
@@ -144,6 +143,11 @@ class StitchSession(ThreadedSession):
         else:
             handle = lib.vantix_stitch_new(0, w, h, background, frame_fn, event_fn, None)
         self._attach(handle, "vantix_stitch_new")
+        # The push of a frame kept waiting, run by the frame callback (on
+        # the worker thread, which close() joins before the delete).
+        push = lib.vantix_stitch_pushback
+        bridge.pusher = lambda frame, pitch: push(handle, pointer(frame), frame.shape[1],
+                                                  frame.shape[0], 0, pitch)
 
     def push(self, frame: np.ndarray, wait: bool = False,
              channels: Optional[str] = None) -> None:
@@ -162,17 +166,13 @@ class StitchSession(ThreadedSession):
         in the session's layout are converted (a copy); views whose pixels
         are contiguous within rows are passed as they are.
         """
-        prepared = session_frame(frame, self.format, self.size, channels)
-        if wait:
-            self._wait_idle()
-        self._push_prepared(*prepared)
+        self._push_prepared(*session_frame(frame, self.format, self.size, channels), wait)
 
-    def _push_prepared(self, frame: np.ndarray, pitch: int) -> None:
+    def _push_now(self, frame: np.ndarray, pitch: int) -> None:
         handle = self._enter(push=True)
         if handle is None:
             return
         try:
-            self._mark_pushed()
             code = lib.vantix_stitch_pushback(handle, pointer(frame), frame.shape[1],
                                               frame.shape[0], 0, pitch)
         finally:
@@ -374,12 +374,11 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
             holds the panorama and frames up to there (frames not yet read
             from the iterable are not read).
     """
-    iterator = iter(frames)
-    entries: List[Optional[StitchedFrame]] = []
+    iterator = (np.asarray(f) for f in frames)
+    entries: List[StitchedFrame] = []
     empty = StitchedFrame("empty", None, None)
     first = None
     for first in iterator:
-        first = np.asarray(first)
         if first.size:
             break
         entries.append(empty)
@@ -389,56 +388,50 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
     layout = layout_of(first, channels)
     fmt = 1 if first.dtype == np.uint16 else 0
     size = (first.shape[1], first.shape[0])
-    feeder = Feeder()
     positions = _Positions((4 * size[0], 4 * size[1]))
-    reports: List[Tuple[int, StitchFrame, Tuple[int, int]]] = []
+    reports: List[Tuple[StitchFrame, Tuple[int, int]]] = []
     events: List[StitchEvent] = []
+    halt: List[StitchEvent] = []
 
-    def on_item(item: Any) -> None:
-        try:
-            if isinstance(item, StitchFrame):
-                reports.append((feeder.on_report(), item, positions.add(item)))
-            else:
-                events.append(item)
-                if session.halted:
-                    feeder.on_failure(item)
-        except BaseException as error:  # noqa: BLE001 - must not leave the caller waiting
-            feeder.on_failure(error)
-            raise
+    def on_item(item: Any) -> None:  # on the worker thread, reports in push order
+        if isinstance(item, StitchFrame):
+            reports.append((item, positions.add(item)))
+        else:
+            events.append(item)
+            if session.halted and not halt:
+                halt.append(item)
 
     session = StitchSession(size[0], size[1], format=fmt, background=background,
                             scale_level=scale_level, strict_level=strict_level,
                             callback=on_item)
-    feeder.session = session
+    offered: List[int] = []  # input indices pushed, in order
     with session:
         session.start()
-        frame: Optional[np.ndarray] = first
-        while frame is not None:
+        for frame in _chain(first, iterator):
             if frame.size == 0:
                 entries.append(empty)
-            else:
-                prepared = session_frame(frame, fmt, size, channels)
-                entries.append(None)
-                if not feeder.offer(len(entries) - 1, prepared):
-                    entries.pop()
-                    break
-            frame = next(iterator, None)
-            if frame is not None:
-                frame = np.asarray(frame)
-        feeder.finish()
+                continue
+            prepared = session_frame(frame, fmt, size, channels)
+            if session.halted:
+                break
+            offered.append(len(entries))
+            entries.append(StitchedFrame("not processed", None, None))
+            session._push_prepared(*prepared, wait=True)
+        session.drain()
         panorama = session.stop()
         crop = session.crop_rect()
-        offset = positions.offset
-    if isinstance(feeder.failure, BaseException):
-        raise feeder.failure
-    for index, report, (x, y) in reports:
+    offset = positions.offset
+    for index, (report, (x, y)) in zip(offered, reports):
         entries[index] = StitchedFrame(MODE_NAMES.get(report.mode, str(report.mode)),
                                        (x + offset[0] - crop[0], y + offset[1] - crop[1]),
                                        float(report.score))
-    lost = StitchedFrame("not processed", None, None)
     result = StitchResult(None if panorama is None else from_session_layout(panorama, layout),
-                          [lost if e is None else e for e in entries], events)
-    if feeder.failure is not None:
-        item = feeder.failure
-        raise ProcessingError(item.code, item.name, result)
+                          entries, events)
+    if halt:
+        raise ProcessingError(halt[0].code, halt[0].name, result)
     return result
+
+
+def _chain(first, rest):
+    yield first
+    yield from rest
