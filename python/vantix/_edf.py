@@ -101,9 +101,11 @@ class EdfSession(ThreadedSession):
         """Queues a copy of `frame`, of the first frame's size.  Dropped
         while the session is not running (or halted after an error).
 
-        ``wait=True`` first waits until the worker has reported on the
-        previous frame, so that the queue (3 frames, the oldest dropped)
-        never loses one; call ``drain()`` after the last.
+        The queue holds 3 frames and drops the oldest.  With ``wait=True``
+        no frame is lost: while the worker fuses a frame, the next one
+        waits on the Python side (the call returns) and the worker's report
+        pushes it; a further waiting push blocks until then.  Call
+        ``drain()`` after the last frame, before stop().
 
         `frame` is of the session's dtype: (height, width, 3) B G R,
         (height, width, 4) B G R A, or (height, width) grey; ``channels``

@@ -155,10 +155,12 @@ class StitchSession(ThreadedSession):
 
         The session's queue holds 21 frames and drops the oldest, and the
         worker takes the sharpest of up to six waiting frames and drops
-        those before it.  ``wait=True`` first waits until the worker has
-        reported on the previous frame, so that no frame is dropped (use
-        ``drain()`` after the last one); without it, pushing faster than
-        the worker keeps pace loses frames.
+        those before it: pushing faster than the worker keeps pace loses
+        frames.  With ``wait=True`` no frame is lost: while the worker
+        processes a frame, the next one waits on the Python side (the call
+        returns) and the worker's report pushes it; a further waiting push
+        blocks until then.  The worker runs at its own speed.  Call
+        ``drain()`` after the last frame, before stop().
 
         `frame` is of the session's dtype: (height, width, 3) B G R,
         (height, width, 4) B G R A, or (height, width) grey; ``channels``
