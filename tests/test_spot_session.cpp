@@ -9,7 +9,9 @@
 #include <cstring>
 #include <limits>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -77,23 +79,24 @@ TEST(SpotAperture, RefusedValuesLeaveTheApertureInUse) {
   const SpotAperture refused[] = {{nan, 50, 20, 20}, {70, nan, 20, 20}, {inf, 50, 20, 20},
                                   {70, -inf, 20, 20}, {70, 50, 0, 20},  {70, 50, 20, nan}};
   const cv::Mat image = beamImage(160, 120, {70.0, 50.0, 5.0, 4.0, 0.0, 3000});
-  CSpotSession session(1, 0);
-  for (const SpotAperture& bad : refused) session.setAperture(bad);
-  EXPECT_TRUE(session.usesAutoAperture());
-  SpotResult r = feed(session, image);
-  EXPECT_NEAR(r.centerX, 70.0, 0.05);
-  EXPECT_NEAR(r.centerY, 50.0, 0.05);
-
-  session.setAperture({72, 49, 20, 18});
-  for (const SpotAperture& bad : refused) session.setAperture(bad);
-  EXPECT_FALSE(session.usesAutoAperture());
-  r = feed(session, image);
-  EXPECT_EQ(r.apertureX, 72.0);
-  EXPECT_EQ(r.apertureY, 49.0);
-  EXPECT_EQ(r.apertureA, 20.0);
-  EXPECT_EQ(r.apertureB, 18.0);
-  EXPECT_NEAR(r.centerX, 70.0, 0.05);
-  EXPECT_NEAR(r.centerY, 50.0, 0.05);
+  CSpotSession automatic(1, 0), fixed(1, 0);
+  fixed.setAperture({72, 49, 20, 18});
+  for (const SpotAperture& bad : refused) {
+    const std::string what = std::to_string(bad.centerX) + " " + std::to_string(bad.centerY) +
+                             " " + std::to_string(bad.a) + " " + std::to_string(bad.b);
+    automatic.setAperture(bad);
+    fixed.setAperture(bad);
+    EXPECT_TRUE(automatic.usesAutoAperture()) << what;
+    SpotResult r = feed(automatic, image);
+    EXPECT_NEAR(r.centerX, 70.0, 0.05) << what;
+    EXPECT_NEAR(r.centerY, 50.0, 0.05) << what;
+    r = feed(fixed, image);
+    EXPECT_EQ(std::make_tuple(r.apertureX, r.apertureY, r.apertureA, r.apertureB),
+              std::make_tuple(72.0, 49.0, 20.0, 18.0))
+        << what;
+    EXPECT_NEAR(r.centerX, 70.0, 0.05) << what;
+    EXPECT_NEAR(r.centerY, 50.0, 0.05) << what;
+  }
 }
 
 // ---------------------------------------------------------------------------
