@@ -40,7 +40,9 @@ class CliStitch : public vtest::CliTest {
   // `origin` + i * `step`.
   std::vector<cv::Mat> cut(int count, cv::Point origin, cv::Point step) const {
     std::vector<cv::Mat> frames;
-    for (int i = 0; i < count; ++i) frames.push_back(photo_(cv::Rect(origin + i * step, cv::Size(320, 240))));
+    for (int i = 0; i < count; ++i) {
+      frames.push_back(photo_(cv::Rect(origin + i * step, cv::Size(320, 240))));
+    }
     return frames;
   }
 
@@ -182,7 +184,8 @@ TEST_F(CliStitch, LiveRateAccountsForEveryFrame) {
   const int processed = std::stoi(r.out.substr(start, at - start));
   int skipped = 0;
   const size_t skip = r.out.find("(", at);
-  if (skip != std::string::npos && r.out.find("skipped by the session", skip) != std::string::npos) {
+  if (skip != std::string::npos &&
+      r.out.find("skipped by the session", skip) != std::string::npos) {
     skipped = std::stoi(r.out.substr(skip + 1));
   }
   EXPECT_EQ(processed + skipped, 20) << r.out;

@@ -1,5 +1,6 @@
 // vantix edf FRAME... -o OUT [--kind KIND] [--format 0..3]
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -36,16 +37,28 @@ const char kUsage[] =
     "are reduced to 8 bits before fusion (a note on stderr says so once).\n"
     "Formats 1 and 3 hand the 8-bit result back in 16-bit layout, each sample\n"
     "times 257 (255 becomes 65535); formats 2 and 3 add an opaque alpha\n"
-    "channel.  OUT keeps that layout where its file format can (PNG, TIFF,\n"
-    "PPM); other formats get 8-bit samples.\n";
+    "channel.  PNG and TIFF files keep that layout; PPM keeps 16-bit BGR but no\n"
+    "alpha; other formats get 8-bit samples.\n";
 
 int run(const Args& args) {
-  const uint32_t kind = parseName(kEdfKindNames, args.option("kind").value_or("pyramid_max"), "--kind");
+  const uint32_t kind =
+      parseName(kEdfKindNames, args.option("kind").value_or("pyramid_max"), "--kind");
   const auto format =
       static_cast<uint32_t>(parseInteger(args.option("format").value_or("0"), "--format", 0, 3));
   const std::optional<std::string> out = args.option("out");
   if (!out) throw UsageError("missing -o OUT");
   checkOutputPath(*out);
+  // The PNM formats hold no alpha channel: refuse before the work, not after.
+  const std::string extension = std::filesystem::path(*out).extension().string();
+  if (CV_MAT_CN(edfFormatType(format)) == 4) {
+    for (const char* pnm : {".ppm", ".pgm", ".pnm", ".pxm", ".pbm"}) {
+      if (equalsIgnoringCase(extension, pnm)) {
+        throw ToolError("cannot write '" + *out + "': " + pnm +
+                        " files hold no alpha channel (--format " + std::to_string(format) +
+                        "); use .png or .tif");
+      }
+    }
+  }
 
   std::vector<std::string> paths;
   for (size_t i = 0; i < args.positionalCount(); ++i) paths.push_back(args.positional(i));

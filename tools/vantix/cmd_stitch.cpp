@@ -259,13 +259,13 @@ int run(const Args& args) {
   for (size_t i = 0; i < args.positionalCount(); ++i) paths.push_back(args.positional(i));
   const std::string out = args.option("out").value_or("");
   if (out.empty()) throwUsage("missing option -o PANO");
-  const auto scaleLevel =
-      static_cast<uint32_t>(parseInteger(args.option("scale-level").value_or("2"), "--scale-level", 0, 4));
+  const auto scaleLevel = static_cast<uint32_t>(
+      parseInteger(args.option("scale-level").value_or("2"), "--scale-level", 0, 4));
   const auto strictLevel = static_cast<uint32_t>(
       parseInteger(args.option("strict-level").value_or("2"), "--strict-level", 0, 4));
   const int64_t fps = parseInteger(args.option("fps").value_or("0"), "--fps", 0, 1000);
-  const uint32_t background =
-      parseName(kBackgroundNames, args.option("background").value_or("checkerboard"), "--background");
+  const uint32_t background = parseName(
+      kBackgroundNames, args.option("background").value_or("checkerboard"), "--background");
   // The cropped panorama is the default now.  --crop, which used to ask for
   // it, stays accepted so that scripts written for the old default keep
   // working and get what they asked for; only its clash with --whole-canvas

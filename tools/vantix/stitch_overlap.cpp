@@ -10,12 +10,12 @@ namespace vtool {
 
 namespace {
 
-constexpr int kSide = 256;             // longest side of the measured copies
-constexpr int kPeaks = 6;              // correlation peaks tried
+constexpr int kSide = 256;  // longest side of the measured copies
+constexpr int kPeaks = 6;   // correlation peaks tried
 constexpr double kMinCorrelation = 0.6;
-constexpr double kMinShared = 0.05;    // of the frame's area
-constexpr int kMinSharedSide = 16;     // pixels of the small copies
-constexpr int kTaper = 12;             // pixels of the small copies
+constexpr double kMinShared = 0.05;  // of the frame's area
+constexpr int kMinSharedSide = 16;   // pixels of the small copies
+constexpr int kTaper = 12;           // pixels of the small copies
 
 cv::Mat smallGrey(const cv::Mat& image, double scale) {
   cv::Mat grey = image;
@@ -65,8 +65,7 @@ double sharedCorrelation(const cv::Mat& a, const cv::Mat& b, cv::Point d) {
 
 FrameShift measureShift(const cv::Mat& first, const cv::Mat& second) {
   CV_Assert(first.size() == second.size());
-  const double scale =
-      std::min(1.0, static_cast<double>(kSide) / std::max(first.cols, first.rows));
+  const double scale = std::min(1.0, static_cast<double>(kSide) / std::max(first.cols, first.rows));
   const cv::Mat a = smallGrey(first, scale), b = smallGrey(second, scale);
   const cv::Size padded(cv::getOptimalDFTSize(a.cols), cv::getOptimalDFTSize(a.rows));
 

@@ -8,9 +8,9 @@
 namespace vtool {
 
 struct FrameShift {
-  bool found = false;   // false: no common content found (little or no overlap)
-  cv::Point2d shift;    // where the second frame's top-left corner lies in the first
-  double overlap = 0;   // the smaller of the shared fractions of width and height
+  bool found = false;      // false: no common content found (little or no overlap)
+  cv::Point2d shift;       // where the second frame's top-left corner lies in the first
+  double overlap = 0;      // the smaller of the shared fractions of width and height
   double correlation = 0;  // normalised correlation of the shared parts
 };
 
