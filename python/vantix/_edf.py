@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import threading
 from collections import namedtuple
-from typing import Any, Iterable, List, Optional, Union
+from typing import Any, Iterable, List, Optional, Tuple, Union
 
 import numpy as np
 
@@ -13,7 +13,7 @@ from ._arrays import (FORMATS, format_code, from_address, from_session_layout, l
                       pointer, session_frame)
 from ._errors import ProcessingError
 from ._native import lib
-from ._pull import FORMAT_BITS, pull as _pull
+from ._pull import FORMAT_BITS, Pulled, pull as _pull
 from ._session import ThreadedSession
 ERROR_NAMES = {1: "VANTIX_EDF_ERROR_FAILED", 2: "VANTIX_EDF_ERROR_OUT_OF_MEMORY"}
 # OpenCV type codes of the fused image: (dtype, channels).
@@ -126,7 +126,8 @@ class EdfSession(ThreadedSession):
             self._leave()
         _native.check(code, "vantix_edf_pushback")
 
-    def pull(self, camera, size=None, push=True, bits=None, version=2):
+    def pull(self, camera: Any, size: Optional[Tuple[int, int]] = None, push: bool = True,
+             bits: Optional[int] = None, version: Union[int, str] = 2) -> Pulled:
         """Pulls one frame from the camera SDK and (with `push`) queues it;
         see StitchSession.pull.  Returns a Pulled (image, result, info)."""
         bits = FORMAT_BITS[self.format] if bits is None else bits
@@ -140,11 +141,11 @@ class EdfSession(ThreadedSession):
         return pulled
 
     @property
-    def fused_count(self):
+    def fused_count(self) -> int:
         """Number of fused images reported so far."""
         return self._bridge.count(EdfFrame)
 
-    def readdata(self):
+    def readdata(self) -> Optional[np.ndarray]:
         """A stable copy of the current fused image in the session's format,
         (height, width, channels); None before the first fused image."""
         if self.fused_count == 0 or self.size is None:
@@ -159,7 +160,7 @@ class EdfSession(ThreadedSession):
             self._leave()
         return out
 
-    def stop(self):
+    def stop(self) -> None:
         """Stops the worker (after the frame in progress).  The stack and
         the fused image are kept; start() continues the same stack."""
         self._refuse_in_callback("stop")

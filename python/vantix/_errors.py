@@ -1,5 +1,7 @@
 """Exceptions for the result codes of libvantix."""
 
+from __future__ import annotations
+
 #: The library's failure codes and their names as in vantix.h.
 RESULT_NAMES = {
     0x00000000: "VANTIX_S_OK",
@@ -11,7 +13,7 @@ RESULT_NAMES = {
 }
 
 
-def result_name(code):
+def result_name(code: int) -> str:
     """The header's name of a result code, or its hex value (codes of a
     camera SDK, passed through by the pull functions, have no name)."""
     code &= 0xFFFFFFFF

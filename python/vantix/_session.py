@@ -181,7 +181,7 @@ class Session:
 
     # -- closing ------------------------------------------------------------
 
-    def close(self):
+    def close(self) -> None:
         """Stops the worker if it runs, then deletes the native session.
 
         Idempotent.  Safe from any thread except a callback of the session.
@@ -207,7 +207,7 @@ class Session:
             raise CallbackError(f"a callback raised {error!r}") from error
 
     @property
-    def closed(self):
+    def closed(self) -> bool:
         return self._closed
 
     def __enter__(self):
@@ -252,7 +252,7 @@ class ThreadedSession(Session):
 
     # -- events -------------------------------------------------------------
 
-    def events(self, timeout=1.0):
+    def events(self, timeout: float = 1.0) -> Iterator[Any]:
         """Yields callback results in arrival order until none arrives for
         `timeout` seconds (0: only those already waiting).  Empty when the
         session was created with a callback.  Re-raises a callback error."""
@@ -337,11 +337,11 @@ class ThreadedSession(Session):
     # -- running ------------------------------------------------------------
 
     @property
-    def running(self):
+    def running(self) -> bool:
         """True between start() and stop()."""
         return self._running
 
-    def start(self):
+    def start(self) -> "ThreadedSession":
         """Starts the worker thread; returns self."""
         self._refuse_in_callback("start")
         with self._run_lock:

@@ -16,7 +16,7 @@ from ._arrays import (format_code, from_address, from_rows, from_session_layout,
                       pointer, session_frame)
 from ._errors import ProcessingError
 from ._native import lib
-from ._pull import FORMAT_BITS, pull as _pull
+from ._pull import FORMAT_BITS, Pulled, pull as _pull
 from ._session import ThreadedSession
 
 PLACED, KEPT, LOST, NOT_PLACED = 1, 2, 3, 4
@@ -181,7 +181,8 @@ class StitchSession(ThreadedSession):
             self._leave()
         _native.check(code, "vantix_stitch_pushback")
 
-    def pull(self, camera, size=None, push=True, bits=None, version=2):
+    def pull(self, camera: Any, size: Optional[Tuple[int, int]] = None, push: bool = True,
+             bits: Optional[int] = None, version: Union[int, str] = 2) -> Pulled:
         """Pulls one frame from the camera SDK loaded in the process and
         (with `push`) queues it.  Returns a Pulled (image, result, info).
 
@@ -198,7 +199,7 @@ class StitchSession(ThreadedSession):
         finally:
             self._leave()
 
-    def stop(self, cropped=True):
+    def stop(self, cropped: bool = True) -> Optional[np.ndarray]:
         """Stops the worker (frames already placed are drawn first) and
         returns the panorama as a (height, width, 3) uint8 B G R array (the
         canvas is 8-bit whatever the frame format), rows in canvas order (the
@@ -237,7 +238,9 @@ class StitchSession(ThreadedSession):
     def _native_stop(self, handle):
         lib.vantix_stitch_stop(handle, 0, 0)
 
-    def readdata(self, width=None, height=None, roi=None, timeout=1.0):
+    def readdata(self, width: Optional[int] = None, height: Optional[int] = None,
+                 roi: Optional[Tuple[int, int, int, int]] = None,
+                 timeout: float = 1.0) -> Optional[np.ndarray]:
         """A scaled copy of the canvas (or of `roi` = (x, y, w, h) of it) as
         a (height, width, 3) uint8 array (4 channels for formats 1..3).
         Default size: the canvas's (or the roi's) own.  Retries while the
@@ -265,7 +268,7 @@ class StitchSession(ThreadedSession):
                 return None
             time.sleep(0.005)
 
-    def crop_rect(self):
+    def crop_rect(self) -> Tuple[int, int, int, int]:
         """The covered rectangle of the canvas as (x, y, width, height)."""
         values = [ctypes.c_uint32(0) for _ in range(4)]
         handle = self._enter()
@@ -275,7 +278,7 @@ class StitchSession(ThreadedSession):
             self._leave()
         return tuple(v.value for v in values)
 
-    def canvas_size(self):
+    def canvas_size(self) -> Tuple[int, int]:
         """(width, height) of the canvas as of the latest frame report, else
         the initial canvas of 4 x 4 frames."""
         return self._bridge.latest.get("canvas", (4 * self.size[0], 4 * self.size[1]))

@@ -1,10 +1,13 @@
 """Edge snapping: EdgeSession."""
 
+from __future__ import annotations
+
 import ctypes
+from typing import Optional, Tuple, Union
 
 import numpy as np
 
-from ._arrays import FORMATS, check_frame, format_code, padded_pitch, pointer
+from ._arrays import FORMATS, check_frame, format_code, padded_pitch, pointer, to_session_layout
 from ._native import lib
 from ._session import Session
 
@@ -21,17 +24,21 @@ class EdgeSession(Session):
 
     _delete = "vantix_edge_delete"
 
-    def __init__(self, width, height, format=0, size=10):
+    def __init__(self, width: int, height: int, format: Union[str, int] = 0,
+                 size: int = 10) -> None:
         super().__init__()
         self.format = format_code(format)
         self.frame_size = (int(width), int(height))
         if self.frame_size[0] < 2 or self.frame_size[1] < 2:
             raise ValueError("edge frames need at least 2 x 2 pixels")
+        if not 1 <= int(size) <= 50:
+            raise ValueError(f"search size is 1..50, got {size!r}")
         self.size = int(size)
         self._attach(lib.vantix_edge_new(self.format, *self.frame_size, self.size),
                      "vantix_edge_new")
 
-    def snap(self, frame, x, y, size=0):
+    def snap(self, frame: np.ndarray, x: int, y: int, size: int = 0,
+             channels: Optional[str] = None) -> Tuple[bool, int, int]:
         """Snaps point (x, y) of `frame` onto the nearest edge.
 
         frame: (height, width, channels) array of the session's format and
@@ -39,9 +46,13 @@ class EdgeSession(Session):
         later calls (0 keeps it).  Returns (moved, x, y): moved is True when
         an edge point lay closer than the size, and (x, y) is then that
         point; otherwise the point is returned unchanged.  The point must
-        lie inside the frame.
+        lie inside the frame.  Grey (2-D) frames and other channel orders
+        (``channels="rgb"``, ...) are converted to the session's layout.
         """
-        frame = check_frame(frame, self.format, self.frame_size)
+        if not (int(size) == 0 or 1 <= int(size) <= 50):
+            raise ValueError(f"search size is 1..50 (0 keeps the session's), got {size!r}")
+        frame = check_frame(to_session_layout(frame, self.format, channels), self.format,
+                            self.frame_size)
         width, height = self.frame_size
         # The library raises a C++ exception (which would end the process)
         # when the search area misses the frame: keep the point inside.
@@ -50,9 +61,12 @@ class EdgeSession(Session):
         _, dtype, channels = FORMATS[self.format]
         # The session reads rows at the format's default stride.
         pitch = padded_pitch(width, 8 * channels * np.dtype(dtype).itemsize)
-        packed = np.zeros((height, pitch), np.uint8)
-        packed[:, :frame.shape[1] * frame.shape[2] * frame.itemsize] = \
-            np.ascontiguousarray(frame).view(np.uint8).reshape(height, -1)
+        row_bytes = frame.shape[1] * frame.shape[2] * frame.itemsize
+        if frame.flags.c_contiguous and row_bytes == pitch:
+            packed = frame  # already at the default stride: no copy
+        else:
+            packed = np.empty((height, pitch), np.uint8)
+            packed[:, :row_bytes] = np.ascontiguousarray(frame).view(np.uint8).reshape(height, -1)
         cx, cy = ctypes.c_int32(int(x)), ctypes.c_int32(int(y))
         handle = self._enter()
         try:
