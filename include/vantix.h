@@ -226,7 +226,9 @@ VANTIX_STATIC_ASSERT(sizeof(SpotRoi) == 16, spot_roi_is_16_bytes);
  *   1       16-bit B G R                     ((width * 48 + 31) >> 3) & ~3
  *   2       8-bit B G R A                    width * 4
  *   3       16-bit B G R A                   width * 8
- *   other   treated exactly as format 0
+ *   other   read as format 0, except that a stitch session's canvas, its
+ *           vantix_stitch_readdata and its panorama have 4 bytes a pixel
+ *           as for formats 1 to 3
  *
  * Sessions work on 8-bit B G R internally: 16-bit samples are scaled by 1/257
  * (65535 -> 255) and alpha is dropped.  Images handed back in a session's

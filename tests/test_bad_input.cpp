@@ -137,6 +137,28 @@ TEST(BadInput, StitchSession) {
   ASSERT_TRUE(host.settle(1));
   EXPECT_EQ(host.frames.load(), 1);
   EXPECT_EQ(host.failures.load(), 0);
+  // Its frames are read as format 0, but its canvas has 4 bytes a pixel, as
+  // for formats 1 to 3: readdata writes B G R and an opaque fourth byte, and
+  // nothing past 4 bytes a pixel (rows of 40 bytes need no padding).  The
+  // first frame lies at (128, 96); the region is away from its blended band.
+  std::free(vantix_stitch_stop(odd, 1, 0));  // returns once the frame was drawn
+  constexpr int kSide = 10;
+  constexpr uint8_t kGuard = 0xA5;
+  std::vector<uint8_t> read(kSide * kSide * 4 + 128, kGuard);
+  ASSERT_EQ(vantix_stitch_readdata(odd, read.data(), kSide, kSide, 128 + 20, 96 + 15, kSide, kSide),
+            1);
+  EXPECT_TRUE(std::all_of(read.begin() + kSide * kSide * 4, read.end(),
+                          [](uint8_t b) { return b == kGuard; }))
+      << "readdata wrote past 4 bytes a pixel";
+  int wrong = 0;
+  for (int row = 0; row < kSide; ++row) {
+    for (int col = 0; col < kSide; ++col) {
+      const uint8_t* got = &read[(row * kSide + col) * 4];
+      const cv::Vec3b want = frame.at<cv::Vec3b>(15 + row, 20 + col);
+      wrong += got[0] != want[0] || got[1] != want[1] || got[2] != want[2] || got[3] != 255;
+    }
+  }
+  EXPECT_EQ(wrong, 0);
   vantix_stitch_delete(odd);
   // Without callbacks the frames are processed unheard.
   VantixStitch* mute = vantix_stitch_new(0, 64, 48, 0, nullptr, nullptr, nullptr);
