@@ -264,9 +264,17 @@ class StitchSession(ThreadedSession):
                 self._leave()
             if done:
                 return from_rows(buffer, int(height), int(width), pitch, np.uint8, channels)
-            if time.monotonic() > deadline:
+            remaining = deadline - time.monotonic()
+            if remaining <= 0:
                 return None
-            time.sleep(0.005)
+            # A growth ends with an event (5, or 4 or 2 when it failed):
+            # retry when the next report arrives (at the latest after a
+            # short while, in case it came before this wait began).
+            bridge = self._bridge
+            with bridge.arrived:
+                seen = sum(bridge.counts.values())
+                bridge.arrived.wait_for(lambda: sum(bridge.counts.values()) > seen,
+                                        min(remaining, 0.05))
 
     def crop_rect(self) -> Tuple[int, int, int, int]:
         """The covered rectangle of the canvas as (x, y, width, height)."""
