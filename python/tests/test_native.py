@@ -42,8 +42,16 @@ def test_every_export_of_the_header_has_its_signature():
             assert function.restype is _RETURNS[ret], name
 
 
-def test_the_library_comes_from_vantix_library():
+def test_the_library_comes_from_vantix_library_and_python_m_vantix_checks_it():
     assert os.path.samefile(vantix.library_path, os.environ["VANTIX_LIBRARY"])
+    with open(os.path.join(os.path.dirname(HEADER), "..", "CMakeLists.txt")) as cmake:
+        version = re.search(r"project\(vantix VERSION ([0-9.]+)", cmake.read())[1]
+    assert vantix.__version__ == version
+    python_dir = os.path.join(os.path.dirname(__file__), "..")
+    run = subprocess.run([sys.executable, "-m", "vantix"], cwd=python_dir,
+                         capture_output=True, text=True)
+    assert run.returncode == 0, run.stderr
+    assert run.stdout.splitlines()[0] == f"vantix {version}" and "ok" in run.stdout
 
 
 def test_a_missing_library_names_what_was_tried():
