@@ -50,7 +50,7 @@ const char kUsage[] =
     "                      canvas and in the written panorama, and what happened\n"
     "\n"
     "The session works on 8 bits a channel: 16-bit frames are reduced to 8 bits\n"
-    "and alpha is dropped (a note on stderr says so once); the panorama is 8-bit\n"
+    "(a note on stderr says so once) and alpha is dropped; the panorama is 8-bit\n"
     "BGR.  Progress and the session's events (tracking lost, tracking regained,\n"
     "canvas grew) are printed as they happen.\n"
     "\n"
