@@ -2,6 +2,7 @@
 //                        [--strict-level 0..4] [--fps N] [--positions FILE.csv]
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <thread>
@@ -54,11 +55,12 @@ const char kUsage[] =
     "BGR.  Progress and the session's events (tracking lost, tracking regained,\n"
     "canvas grew) are printed as they happen.\n"
     "\n"
-    "Exit status 1 when more than half the frames were not placed (the panorama\n"
-    "is still written): a line on stderr for each cause the tool finds, with its\n"
+    "Exit status 1 when half the frames or more were not placed (the panorama is\n"
+    "still written): a line on stderr for each cause the tool finds, with its\n"
     "figures: successive frames sharing less than the 40 % of a frame live\n"
-    "tracking needs (measured between the frames by phase correlation), or frames\n"
-    "too smooth for the sharpness the strictness level asks.\n";
+    "tracking needs (measured between the frames by phase correlation), frames\n"
+    "too smooth for the sharpness the strictness level asks, or frames placed\n"
+    "elsewhere than the frames show.\n";
 
 // Live tracking follows a scan whose successive frames move at most 60 % of
 // the frame's width or height: the session's registration treats a larger
@@ -184,6 +186,7 @@ std::vector<std::string> explainUnplaced(const std::vector<FrameSource>& sources
   };
   std::vector<Pair> pairs;
   cv::Mat previous = sources.empty() ? cv::Mat() : reader.read(0);
+  const cv::Size frameSize = previous.size();
   for (size_t i = 1; i < sources.size(); ++i) {
     cv::Mat frame = reader.read(i);
     pairs.push_back({i - 1, measureShift(previous, frame)});
@@ -236,6 +239,34 @@ std::vector<std::string> explainUnplaced(const std::vector<FrameSource>& sources
       }
     }
     lines.push_back(line);
+  }
+
+  // Frames placed next to each other where the frames themselves do not put
+  // them: a false match (reports follow the files one to one in lockstep).
+  if (reports.size() == sources.size()) {
+    const std::vector<cv::Point> placed = finalCanvasPositions(reports);
+    const double tolerance = std::max(8.0, 0.05 * std::max(frameSize.width, frameSize.height));
+    size_t checked = 0, wrong = 0;
+    std::string example;
+    for (const Pair& pair : pairs) {
+      const size_t i = pair.index;
+      if (reports[i].mode != 1 || reports[i + 1].mode != 1 || !pair.shift.found) continue;
+      ++checked;
+      const cv::Point moved = placed[i + 1] - placed[i];
+      if (cv::norm(cv::Point2d(moved) - pair.shift.shift) <= tolerance) continue;
+      ++wrong;
+      if (example.empty()) {
+        example = sources[i + 1].label() + " placed (" + std::to_string(moved.x) + ", " +
+                  std::to_string(moved.y) + ") px from the frame before, which the frames put at (" +
+                  std::to_string(static_cast<int>(std::lround(pair.shift.shift.x))) + ", " +
+                  std::to_string(static_cast<int>(std::lround(pair.shift.shift.y))) + ")";
+      }
+    }
+    if (wrong > 0) {
+      lines.push_back("misplaced: " + std::to_string(wrong) + " of " + std::to_string(checked) +
+                      " frames placed after a placed frame lie elsewhere than the frames show (" +
+                      example + ")");
+    }
   }
 
   if (lines.empty()) {
@@ -360,10 +391,10 @@ int run(const Args& args) {
   std::printf("panorama %s written to %s\n", sizeText(panorama.size()).c_str(), out.c_str());
   std::fflush(stdout);
 
-  // Most frames not placed: the panorama is not what the scan showed.  Say
-  // why, as far as the tool can tell, and fail.
+  // Half the frames or more not placed: the panorama is not what the scan
+  // showed.  Say why, as far as the tool can tell, and fail.
   const size_t unplaced = reports.size() - byMode[1];
-  if (reports.empty() || 2 * unplaced > reports.size()) {
+  if (reports.empty() || 2 * unplaced >= reports.size()) {
     std::fprintf(stderr, "vantix: stitch: %zu of %zu frames were not placed\n", unplaced,
                  reports.size());
     std::fflush(stderr);
