@@ -367,8 +367,10 @@ bool nearestEdgePoint(const std::vector<std::vector<cv::Point>>& contours, const
     double contourBest = none;
     cv::Point contourPoint;
     for (const cv::Point& p : contour) {
-      const double dx = p.x - centre.x;
-      const double dy = p.y - centre.y;
+      // In doubles: a centre saturated by a huge search size lies near the
+      // int range's end, where the difference would overflow an int.
+      const double dx = static_cast<double>(p.x) - centre.x;
+      const double dy = static_cast<double>(p.y) - centre.y;
       const double d = std::sqrt(dx * dx + dy * dy);
       if (d < contourBest) {
         contourBest = d;
@@ -440,8 +442,16 @@ int32_t CEdgeSession::get(const void* buffer, int32_t* x, int32_t* y, uint32_t s
 
   cv::Point target;
   if (!nearestEdgePoint(contours_, centre_, size_, &target)) return 0;
-  *x += target.x - centre_.x;
-  *y += target.y - centre_.y;
+  // In 64 bits, for the same reason; a point that would leave the int32
+  // range is not moved.
+  const int64_t movedX = int64_t{*x} + target.x - centre_.x;
+  const int64_t movedY = int64_t{*y} + target.y - centre_.y;
+  const auto representable = [](int64_t v) {
+    return v >= std::numeric_limits<int32_t>::min() && v <= std::numeric_limits<int32_t>::max();
+  };
+  if (!representable(movedX) || !representable(movedY)) return 0;
+  *x = static_cast<int32_t>(movedX);
+  *y = static_cast<int32_t>(movedY);
   return 1;
 }
 

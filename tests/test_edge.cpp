@@ -213,6 +213,22 @@ TEST(EdgeSnap, LandsOnTheDrawnOutlineInEveryFormat) {
   }
 }
 
+// The size given at creation is not limited.  With 2809473810 and a point
+// 2^31 left of and above the frame, the area arithmetic saturates: the area
+// is the whole frame, with the point at (INT_MIN, INT_MIN) relative to it.
+// Every contour point is farther than the size, so nothing moves; measuring
+// those distances must not overflow (the sanitizer build checks that).
+TEST(EdgeSession, SaturatedCentreOfAHugeSize) {
+  cv::Mat bgr(48, 64, CV_8UC3, cv::Scalar::all(30));
+  cv::rectangle(bgr, cv::Rect(20, 10, 16, 16), cv::Scalar::all(220), cv::FILLED);
+  const std::vector<uint8_t> frame = frameInFormat(bgr, 0);
+  CEdgeSession session(0, 64, 48, 2809473810u);
+  int32_t x = -2147475748, y = INT32_MIN;
+  EXPECT_EQ(session.get(frame.data(), &x, &y, 0), 0);
+  EXPECT_EQ(session.searchRect(), cv::Rect(0, 0, 64, 48));
+  EXPECT_EQ(cv::Point(x, y), cv::Point(-2147475748, INT32_MIN));
+}
+
 TEST(EdgeExports, LifecycleAndExceptions) {
   vantix::setHostAllocator(nullptr);  // the state of a fresh process
   EXPECT_EQ(vantix_edge_new(0, 640, 480, 20), nullptr);
