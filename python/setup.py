@@ -1,8 +1,16 @@
 """Supplies the package version from the project version in
-../CMakeLists.txt (the library's version), so that it is written once."""
+../CMakeLists.txt (the library's version), so that it is written once.
 
+Builds happen in a temporary directory, removed at the end: setuptools
+would otherwise leave build/ and vantix.egg-info/ in the source tree (pip
+builds in place), and a stale build/lib could slip modules deleted since
+into the next wheel."""
+
+import atexit
 import os
 import re
+import shutil
+import tempfile
 
 from setuptools import setup
 
@@ -21,4 +29,9 @@ def project_version():
         return re.search(r"^Version:\s*(\S+)", f.read(), re.M)[1]
 
 
-setup(version=project_version())
+SCRATCH = tempfile.mkdtemp(prefix="vantix-build-")
+atexit.register(shutil.rmtree, SCRATCH, True)
+
+setup(version=project_version(),
+      options={"build": {"build_base": os.path.join(SCRATCH, "build")},
+               "egg_info": {"egg_base": SCRATCH}})

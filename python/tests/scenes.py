@@ -1,4 +1,5 @@
-"""Synthetic images for the tests, made with numpy only."""
+"""Images for the tests: synthetic ones made with numpy, and photographs
+of opencv-doc."""
 
 import numpy as np
 
@@ -25,3 +26,26 @@ def textured_scene(height, width, seed=1):
     scene = sum(layers)
     scene = (scene - scene.mean()) / scene.std()
     return np.clip(128 + 45 * scene, 0, 255).astype(np.uint8)
+
+
+PHOTOS = "/usr/share/doc/opencv-doc/examples/data"
+
+
+def photo(name):
+    """A photograph of opencv-doc as a B G R uint8 array (the test is
+    skipped without opencv-doc or PIL)."""
+    import os
+
+    import pytest
+    image = pytest.importorskip("PIL.Image")
+    path = os.path.join(PHOTOS, name)
+    if not os.path.exists(path):
+        pytest.skip(f"{path} (opencv-doc) is not installed")
+    return np.ascontiguousarray(np.asarray(image.open(path).convert("RGB"))[:, :, ::-1])
+
+
+def twelve_bit(image):
+    """8-bit samples as 12-bit ones (the top bits repeated below): exactly
+    what a 12-bit sensor would give for the same scene, and reduced by the
+    library to the same 8-bit values once shifted up to 16 bits."""
+    return image.astype(np.uint16) * 16 + image // 16

@@ -3,8 +3,8 @@ block of README.md, docs/getting-started.md and python/README.md (the blocks
 of one page in order, sharing their names, as a reader would type them),
 those of docs/spot-arrays.md in a process of their own (the array camera
 must be the process's only camera SDK), the example of the package
-docstring, and every ```c block, compiled against the built library and
-run."""
+docstring, and every ```c block, compiled against the built library
+(-Wall -Wextra -Werror: a result tested with < 0 is an error) and run."""
 
 import os
 import re
@@ -79,7 +79,8 @@ def test_the_c_examples_of_a_page_compile_and_run(page, tmp_path):
         source = tmp_path / f"example{i}.c"
         source.write_text(block)
         program = tmp_path / f"example{i}"
-        command = [compiler, "-std=c99", "-Wall", "-Werror", str(source), "-o", str(program),
+        command = [compiler, "-std=c99", "-Wall", "-Wextra", "-Werror", str(source),
+                   "-o", str(program),
                    "-I", os.path.join(ROOT, "include"), "-I", str(tmp_path),
                    library, f"-Wl,-rpath,{os.path.dirname(library)}", "-lm"]
         if "arraycam" in block:

@@ -1,12 +1,13 @@
 """EdfSession end to end: stacks whose sharp parts are known."""
 
 import threading
+import warnings
 
 import numpy as np
 import pytest
 
 import vantix
-from scenes import gaussian_blur, textured_scene
+from scenes import gaussian_blur, photo, textured_scene, twelve_bit
 
 SHARP = textured_scene(120, 160, seed=5)
 BLURRED = np.clip(gaussian_blur(SHARP, 3), 0, 255).astype(np.uint8)
@@ -74,6 +75,33 @@ def test_sixteen_bit_frames_come_back_in_the_session_format():
         fused = session.readdata()
     assert fused.dtype == np.uint16 and fused.shape == SHARP.shape
     assert max(_error(fused / 257.0)) < 1
+
+
+def test_a_twelve_bit_stack_with_bits_12_fuses_as_its_eight_bit_original():
+    """Each frame of a photo is sharp on one strip; as 12-bit data given as
+    16-bit it would keep 17 grey levels: one warning a call or session."""
+    sharp = photo("fruits.jpg")[120:360, 100:420]
+    soft = np.clip(gaussian_blur(sharp, 3), 0, 255).astype(np.uint8)
+    stack = []
+    for i in range(4):
+        frame = soft.copy()
+        frame[:, 80 * i:80 * i + 80] = sharp[:, 80 * i:80 * i + 80]
+        stack.append(frame)
+    eight = vantix.fuse(stack, kind="stack")
+    np.testing.assert_array_equal(vantix.fuse(map(twelve_bit, stack), kind="stack", bits=12),
+                                  twelve_bit(eight))  # shifted back to 12 bits
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        assert len(np.unique(vantix.fuse(map(twelve_bit, stack), kind="stack"))) <= 17
+        for bits in (None, 12):
+            with vantix.EdfSession("stack", format="BGR16") as session:
+                session.start()
+                for frame in stack:
+                    session.push(twelve_bit(frame), wait=True, bits=bits)
+                session.drain()
+                fused = session.readdata()
+    assert [(w.category, "bits=12" in str(w.message)) for w in caught] == [(UserWarning, True)] * 2
+    np.testing.assert_array_equal(fused, eight.astype(np.uint16) * 257)  # the session's format
 
 
 def test_a_focus_sweep_pulled_from_the_camera_is_sharper_than_every_slice(simcam):

@@ -165,6 +165,16 @@ with vantix.SpotSession() as session:
     np.testing.assert_array_equal(session.last_frame, grey)
     session.reset()  # the next frame's aperture starts from the whole frame again
     check(session.measure(lifted, dark_level=200)[0], truth)
+    # A frame of another size would be measured inside the last frame's
+    # aperture: refused, until a reset.
+    wider = np.pad(grey, ((0, 40), (0, 60)))
+    try:
+        session.measure(wider)
+        raise AssertionError("a frame of another size was measured")
+    except ValueError as error:
+        assert all(s in str(error) for s in ("540x440", "480x400", "reset()")), error
+    session.reset()
+    check(session.measure(wider)[0], truth)
 try:
     vantix.measure_spots(grey.astype(np.float32))
 except ValueError:

@@ -5,13 +5,14 @@ worker-thread callbacks."""
 import gc
 import os
 import threading
+import warnings
 import weakref
 
 import numpy as np
 import pytest
 
 import vantix
-from scenes import textured_scene
+from scenes import photo, textured_scene, twelve_bit
 
 W, H = 160, 120
 SCENE = textured_scene(400, 760, seed=3)
@@ -63,6 +64,51 @@ def test_one_call_accounts_for_all_163_frames_of_a_grey_scan():
     assert result.image.shape == (H + 4, W + 2 * 162)
     region = grey[100:104 + H, 20:20 + W + 2 * 162].astype(int)
     assert np.median(np.abs(result.image - region)) <= 1
+
+
+def test_a_twelve_bit_scan_with_bits_12_stitches_as_its_eight_bit_original():
+    """12-bit data in uint16 words, given as 16-bit, keep 17 grey levels:
+    one warning says so; with bits=12 the scan is the 8-bit one."""
+    building = photo("building.jpg")
+    path = [(6 * i, 40 + i % 4) for i in range(87)]
+    scan = lambda image: (image[y:y + 240, x:x + 320] for x, y in path)  # noqa: E731
+    eight = vantix.stitch(scan(building))
+    assert [f.mode for f in eight.frames] == ["placed"] * len(path)
+    twelve = vantix.stitch(scan(twelve_bit(building)), bits=12)
+    np.testing.assert_array_equal(twelve.image, eight.image)
+    assert twelve.frames == eight.frames
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        vantix.stitch(scan(twelve_bit(building)))
+    assert [(w.category, "bits=12" in str(w.message)) for w in caught] == [(UserWarning, True)]
+
+
+@pytest.mark.parametrize("path", [
+    [(8 * i, 100) for i in range(30)],                   # right in 8-pixel steps
+    [(700 - 12 * i, 400 - 7 * i) for i in range(40)],    # left and up, the canvas growing
+])
+def test_painted_is_what_the_canvas_drew(path):
+    """On a black background: the frames the canvas draws (the first, then
+    each more than a tenth of a frame from the last drawn) show the scene,
+    the rest of the covered rectangle stays black."""
+    scene = np.maximum(BIG_SCENE, 1)  # no black in the scene itself
+    result = vantix.stitch((scene[y:y + H, x:x + W] for x, y in path), background="black")
+    x0, y0 = min(x for x, _ in path), min(y for _, y in path)
+    drawn = [path[0]]
+    for x, y in path[1:]:
+        if abs(x - drawn[-1][0]) > W // 10 or abs(y - drawn[-1][1]) > H // 10:
+            drawn.append((x, y))
+    assert len(drawn) < len(path)  # some frames are not drawn
+    painted = np.zeros(result.image.shape[:2], bool)
+    for x, y in drawn:
+        painted[y - y0:y - y0 + H, x - x0:x - x0 + W] = True
+    rows, cols = np.nonzero(painted)
+    assert result.painted == (cols.min(), rows.min(), cols.max() + 1 - cols.min(),
+                              rows.max() + 1 - rows.min())
+    black = (result.image == 0).all(axis=2)
+    assert not black[painted].any() and black[~painted].all()
+    x, y, w, h = result.painted
+    np.testing.assert_array_equal(result.painted_image, result.image[y:y + h, x:x + w])
 
 
 def _push_all(session, frames):

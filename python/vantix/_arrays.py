@@ -133,6 +133,62 @@ def from_session_layout(image: np.ndarray, layout: str) -> np.ndarray:
     return image
 
 
+# --------------------------------------------------------------------------
+# Sample depth of 16-bit frames
+# --------------------------------------------------------------------------
+#
+# Stitching and fusion work on 8 bits a channel; the library maps 16-bit
+# samples onto them by dividing by 257, as if they spanned 0..65535.  Data
+# of fewer significant bits (12-bit camera data in uint16 words) are
+# therefore shifted up to the full range first, or they would be left with
+# a handful of grey levels.
+
+
+def sample_bits(bits: Optional[int]) -> Optional[int]:
+    """Checks a `bits=` argument: None or 9..16."""
+    if bits is None:
+        return None
+    if isinstance(bits, bool) or not isinstance(bits, (int, np.integer)) or \
+            not 9 <= int(bits) <= 16:
+        raise ValueError(f"bits is the number of significant bits of uint16 samples, 9..16; "
+                         f"got {bits!r}")
+    return int(bits)
+
+
+def widen_samples(frame: np.ndarray, bits: Optional[int]) -> np.ndarray:
+    """A uint16 `frame` of `bits` significant bits scaled to 16 bits: shifted
+    left by 16 - bits, samples above 2**bits - 1 saturating at 65535.
+    Other frames, and bits None or 16, are returned as they are."""
+    if bits is None or bits == 16 or frame.dtype != np.uint16:
+        return frame
+    wide = np.left_shift(frame, np.uint16(16 - bits))
+    np.putmask(wide, frame > (1 << bits) - 1, np.uint16(65535))
+    return wide
+
+
+def narrow_samples(image: np.ndarray, bits: Optional[int]) -> np.ndarray:
+    """The inverse of widen_samples for a result: back to `bits` bits."""
+    if bits is None or bits == 16 or image.dtype != np.uint16:
+        return image
+    return np.right_shift(image, np.uint16(16 - bits))
+
+
+def depth_warning(frame: np.ndarray) -> Optional[str]:
+    """A warning text when a uint16 frame looks like data of fewer bits
+    (its largest sample is below 2**15), else None."""
+    if frame.dtype != np.uint16 or frame.size == 0:
+        return None
+    largest = int(frame.max())
+    if largest >= 1 << 15:
+        return None
+    guess = max(9, largest.bit_length())
+    return (f"the uint16 frames' largest sample is {largest}, which fits in {guess} bits: "
+            f"16-bit samples are reduced to the 8-bit working image as if they spanned "
+            f"0..65535 (divided by 257), leaving only {round(largest / 257) + 1} grey levels.  "
+            f"Pass bits={guess} if the data are {guess}-bit (bits=16 silences this "
+            f"warning).")
+
+
 def check_frame(frame, fmt, size=None):
     """Validates a session frame of pixel format `fmt` (and `size` (w, h))."""
     frame = np.asarray(frame)

@@ -3,14 +3,16 @@
 from __future__ import annotations
 
 import threading
+import warnings
 from collections import namedtuple
 from typing import Any, Iterable, List, Optional, Tuple, Union
 
 import numpy as np
 
 from . import _names, _native
-from ._arrays import (FORMATS, format_code, from_address, from_session_layout, layout_of,
-                      pointer, session_frame)
+from ._arrays import (FORMATS, depth_warning, format_code, from_address, from_session_layout,
+                      layout_of, narrow_samples, pointer, sample_bits, session_frame,
+                      widen_samples)
 from ._errors import ProcessingError
 from ._native import lib
 from ._pull import FORMAT_BITS, Pulled, pull as _pull
@@ -49,7 +51,8 @@ class EdfSession(ThreadedSession):
         format: pixel format 0..3 or "BGR8", "BGR16", "BGRA8", "BGRA16";
             the working image is 8 bits a channel whatever the format (the
             fused image is handed back in the format, 16-bit samples being
-            8-bit values times 257).
+            8-bit values times 257).  16-bit frames of fewer significant
+            bits: see push's `bits`.
         callback: optional callable(item), run on the worker thread.
         copy_images: copy the fused image into every EdfFrame (default);
             False leaves ``EdfFrame.image`` None (use readdata()).
@@ -97,7 +100,7 @@ class EdfSession(ThreadedSession):
                                                   frame.shape[0], 0, pitch)
 
     def push(self, frame: np.ndarray, wait: bool = False,
-             channels: Optional[str] = None) -> None:
+             channels: Optional[str] = None, bits: Optional[int] = None) -> None:
         """Queues a copy of `frame`, of the first frame's size.  Dropped
         while the session is not running (or halted after an error).
 
@@ -111,7 +114,19 @@ class EdfSession(ThreadedSession):
         (height, width, 4) B G R A, or (height, width) grey; ``channels``
         ("bgr", "rgb", "bgra", "rgba", "grey") says otherwise.  Frames not
         in the session's layout are converted (a copy).
+
+        `bits` (9..16, default 16): the significant bits of uint16 samples
+        (12 for 12-bit camera data in 16-bit words).  The library reduces
+        16-bit samples to its 8-bit working image as if they spanned
+        0..65535, so they are first shifted left by 16 - bits (a copy;
+        samples above 2**bits - 1 saturate at 65535).  Without `bits`, the
+        session's first uint16 frame is looked at: when its largest sample
+        fits in fewer bits (below 32768), one UserWarning suggests the
+        matching bits=N.  Ignored for uint8 frames.  The fused image
+        (readdata, EdfFrame) stays in the session's format: 8-bit values
+        times 257 (shift it right by 16 - bits to compare with the frames).
         """
+        frame = self._widen(np.asarray(frame), bits)
         self._push_prepared(*session_frame(frame, self.format, self.size, channels), wait)
 
     def _push_now(self, frame: np.ndarray, pitch: int) -> None:
@@ -172,7 +187,7 @@ class EdfSession(ThreadedSession):
 
 
 def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
-         channels: Optional[str] = None) -> Optional[np.ndarray]:
+         channels: Optional[str] = None, bits: Optional[int] = None) -> Optional[np.ndarray]:
     """Fuses a focus stack (every frame of `frames`) into one image that is
     sharp wherever some frame was, and returns it.
 
@@ -184,14 +199,24 @@ def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
             scene, one size and one dtype: (height, width, 3) B G R,
             (height, width, 4) B G R A or (height, width) grey; uint8 or
             uint16.  The working image is 8 bits a channel: 16-bit frames
-            are scaled down, and the fused image comes back as uint16
-            holding 8-bit values times 257.  Views with strides are read in
+            are scaled down (divided by 257), and the fused image comes
+            back as uint16 holding 8-bit values times 257 (scaled back to
+            `bits` bits when `bits` is given).  Views with strides are read in
             place when their pixels are contiguous within rows; other
             layouts are converted before the push.  Empty frames are
             skipped.
         kind: "pyramid_max", "pyramid_blend" or "stack" (or 0, 1, 2).
         channels: "bgr", "rgb", "bgra", "rgba" or "grey" to say how the
             frames are ordered (default: by shape, as above).
+        bits: significant bits of uint16 samples, 9..16 (default 16); 12
+            for 12-bit camera data in 16-bit words.  The library reduces
+            16-bit samples to 8 bits as if they spanned 0..65535, so each
+            frame is first shifted left by 16 - bits (samples above
+            2**bits - 1 saturate at 65535), and the fused image is shifted
+            back (0..2**bits - 1).  Without `bits`, when the first uint16
+            frame's largest sample fits in fewer bits (below 32768), one
+            UserWarning suggests the matching bits=N: 12-bit data given as
+            16-bit keep only 17 grey levels.  Ignored for uint8 frames.
 
     Returns:
         The fused image in the frames' layout (B G R, R G B, grey; an
@@ -204,10 +229,14 @@ def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
             is the image fused before it (or None).
     """
     kind_code = _names.code("edf_kind", kind, "EDF kind")
+    bits = sample_bits(bits)
     iterator = (np.asarray(f) for f in frames)
     first = next((f for f in iterator if f.size), None)
     if first is None:
         return None
+    message = depth_warning(first) if bits is None else None
+    if message is not None:
+        warnings.warn(message, UserWarning, stacklevel=2)
     layout = layout_of(first, channels)
     fmt = (1 if first.dtype == np.uint16 else 0) + (2 if layout in ("bgra", "rgba") else 0)
     halt: List[EdfError] = []
@@ -223,7 +252,7 @@ def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
         for frame in _chain(first, iterator):
             if frame.size == 0:
                 continue
-            prepared = session_frame(frame, fmt, size, channels)
+            prepared = session_frame(widen_samples(frame, bits), fmt, size, channels)
             size = size or (frame.shape[1], frame.shape[0])
             if session.halted:
                 break
@@ -231,7 +260,7 @@ def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
         session.drain()
         session.stop()
         fused = session.readdata()
-    result = None if fused is None else from_session_layout(fused, layout)
+    result = None if fused is None else narrow_samples(from_session_layout(fused, layout), bits)
     if halt:
         raise ProcessingError(halt[0].code, halt[0].name, result)
     return result

@@ -20,6 +20,9 @@ import warnings
 import weakref
 from typing import Any, Callable, Iterator, Optional
 
+import numpy as np
+
+from ._arrays import depth_warning, sample_bits, widen_samples
 from ._native import lib
 
 # The bridge whose callback the current thread is running, if any.  A
@@ -249,6 +252,19 @@ class ThreadedSession(Session):
     def __init__(self, user_callback: Optional[Callable[[Any], None]] = None) -> None:
         super().__init__(user_callback)
         self._init_flow()
+        self._depth_checked = False  # the first uint16 frame was looked at
+
+    def _widen(self, frame, bits):
+        """`frame` (an array) with its uint16 samples of `bits` bits scaled
+        to 16 bits; warns once a session when the first uint16 frame, pushed
+        without `bits`, looks like data of fewer bits."""
+        bits = sample_bits(bits)
+        if frame.dtype == np.uint16 and not self._depth_checked:
+            self._depth_checked = True
+            message = depth_warning(frame) if bits is None else None
+            if message is not None:
+                warnings.warn(message, UserWarning, stacklevel=3)
+        return widen_samples(frame, bits)
 
     # -- events -------------------------------------------------------------
 

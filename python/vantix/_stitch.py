@@ -5,6 +5,7 @@ from __future__ import annotations
 import ctypes
 import threading
 import time
+import warnings
 from collections import namedtuple
 from dataclasses import dataclass, field
 from typing import Any, Callable, Iterable, List, Optional, Tuple, Union
@@ -12,8 +13,9 @@ from typing import Any, Callable, Iterable, List, Optional, Tuple, Union
 import numpy as np
 
 from . import _names, _native
-from ._arrays import (format_code, from_address, from_rows, from_session_layout, layout_of,
-                      pointer, session_frame)
+from ._arrays import (depth_warning, format_code, from_address, from_rows,
+                      from_session_layout, layout_of, pointer, sample_bits, session_frame,
+                      widen_samples)
 from ._errors import ProcessingError
 from ._native import lib
 from ._pull import FORMAT_BITS, Pulled, pull as _pull
@@ -79,7 +81,8 @@ class StitchSession(ThreadedSession):
             dtype (uint8, uint16) and the layout handed to the library.
             Grey (2-D) frames and other channel orders are converted on
             push (see push).  The working image is 8 bits a channel:
-            16-bit frames are scaled down to it.
+            16-bit frames are scaled down to it (divided by 257; see
+            push's `bits` for data of fewer significant bits).
         background: "checkerboard", "white", "black" (or 0, 1, 2).
         scale_level, strict_level: quality levels 0..4 (default 2).
         callback: optional callable(item), run on the worker thread.
@@ -150,7 +153,7 @@ class StitchSession(ThreadedSession):
                                                   frame.shape[0], 0, pitch)
 
     def push(self, frame: np.ndarray, wait: bool = False,
-             channels: Optional[str] = None) -> None:
+             channels: Optional[str] = None, bits: Optional[int] = None) -> None:
         """Queues a copy of `frame` (dropped while the session is not running).
 
         The session's queue holds 21 frames and drops the oldest, and the
@@ -167,7 +170,17 @@ class StitchSession(ThreadedSession):
         ("bgr", "rgb", "bgra", "rgba", "grey") says otherwise.  Frames not
         in the session's layout are converted (a copy); views whose pixels
         are contiguous within rows are passed as they are.
+
+        `bits` (9..16, default 16): the significant bits of uint16 samples
+        (12 for 12-bit camera data in 16-bit words).  The library reduces
+        16-bit samples to its 8-bit working image as if they spanned
+        0..65535, so they are first shifted left by 16 - bits (a copy;
+        samples above 2**bits - 1 saturate at 65535).  Without `bits`, the
+        session's first uint16 frame is looked at: when its largest sample
+        fits in fewer bits (below 32768), one UserWarning suggests the
+        matching bits=N.  Ignored for uint8 frames.
         """
+        frame = self._widen(np.asarray(frame), bits)
         self._push_prepared(*session_frame(frame, self.format, self.size, channels), wait)
 
     def _push_now(self, frame: np.ndarray, pitch: int) -> None:
@@ -299,11 +312,13 @@ class StitchSession(ThreadedSession):
 StitchedFrame = namedtuple("StitchedFrame", "mode position score")
 StitchedFrame.__doc__ = """What became of one input frame in vantix.stitch.
 
-mode: "placed" (drawn into the panorama), "kept" (the view had not moved
-enough: nothing drawn), "lost" (tracking lost), "not placed" (registered
-but not drawn, e.g. blurrier than what is there), "empty" (a frame
-without pixels: not pushed) or "not processed" (the worker had stopped
-after a failure); position: (x, y) of the frame's top-left corner in the
+mode: "placed" (placed on the canvas: its rectangle is part of the
+panorama, and it is drawn unless it lies within a tenth of a frame of the
+last frame drawn, see StitchResult.painted), "kept" (the view had not
+moved enough: nothing drawn), "lost" (tracking lost), "not placed"
+(registered but not drawn, e.g. blurrier than what is there), "empty" (a
+frame without pixels: not pushed) or "not processed" (the worker had
+stopped after a failure); position: (x, y) of the frame's top-left corner in the
 returned image's pixels (where the worker found it; None when not
 processed); score: the frame's sharpness score (None when not processed)."""
 
@@ -312,16 +327,43 @@ processed); score: the frame's sharpness score (None when not processed)."""
 class StitchResult:
     """The result of vantix.stitch.
 
-    image: the panorama cropped to the covered rectangle, uint8, in the
-    frames' channel order (B G R by default; R G B with channels="rgb";
-    2-D for grey frames); None when nothing was placed.  frames: one
-    StitchedFrame per input frame, in input order.  events: the
-    StitchEvents the session reported (canvas growth, tracking lost, ...).
+    image: the panorama cropped to the covered rectangle (the bounding
+    rectangle of every placed frame), uint8, in the frames' channel order
+    (B G R by default; R G B with channels="rgb"; 2-D for grey frames);
+    None when nothing was placed.  frames: one StitchedFrame per input
+    frame, in input order.  events: the StitchEvents the session reported
+    (canvas growth, tracking lost, ...).
+
+    painted: (x, y, width, height) in ``image`` pixels, the bounding
+    rectangle of the frames actually drawn (None without image).  The
+    canvas draws a placed frame only when it lies more than a tenth of the
+    frame width in x, or a tenth of the height in y, from the last frame
+    it drew; frames closer than that count for the covered rectangle but
+    are not drawn.  So when a scan ends with small steps, up to a tenth of
+    a frame at its end (in the direction of travel) is inside ``image``
+    but shows the background: 30 frames 8 pixels apart, 320 wide, give a
+    552-pixel-wide image of which the first 520 columns are painted.
+    ``painted_image`` is ``image`` cropped to this rectangle.  Like the
+    covered rectangle, it may hold background between the frames of a
+    path that is not straight.  It is computed from the reported
+    positions and the rule above; the canvas may additionally skip a
+    frame when its drawing queue overflows (11 frames waiting) and draw
+    the frame after one it failed to draw, neither of which the binding
+    sees.
     """
 
     image: Optional[np.ndarray]
     frames: List[StitchedFrame] = field(default_factory=list)
     events: List[StitchEvent] = field(default_factory=list)
+    painted: Optional[Tuple[int, int, int, int]] = None
+
+    @property
+    def painted_image(self) -> Optional[np.ndarray]:
+        """``image`` cropped to ``painted`` (a view), or None."""
+        if self.image is None or self.painted is None:
+            return None
+        x, y, w, h = self.painted
+        return self.image[y:y + h, x:x + w]
 
 
 class _Positions:
@@ -353,11 +395,37 @@ class _Positions:
         return report.x - self.offset[0], report.y - self.offset[1]
 
 
+def _painted(drawn_at: List[Tuple[int, int]], size: Tuple[int, int],
+             image_size: Tuple[int, int]) -> Optional[Tuple[int, int, int, int]]:
+    """Bounding rectangle (x, y, w, h) of frames of `size` drawn at
+    `drawn_at` (image pixels), clipped to the image."""
+    if not drawn_at:
+        return None
+    x0 = max(0, min(x for x, _ in drawn_at))
+    y0 = max(0, min(y for _, y in drawn_at))
+    x1 = min(image_size[0], max(x for x, _ in drawn_at) + size[0])
+    y1 = min(image_size[1], max(y for _, y in drawn_at) + size[1])
+    return (x0, y0, max(0, x1 - x0), max(0, y1 - y0))
+
+
+def _drawn(placed: List[Tuple[int, int]], size: Tuple[int, int]) -> List[Tuple[int, int]]:
+    """The positions among those of the placed frames (in placing order,
+    one coordinate system) that the canvas draws: the first, then each
+    one more than a tenth of the frame (integer division, as the canvas
+    computes it) from the last one drawn in x or in y."""
+    tenth = (size[0] // 10, size[1] // 10)
+    drawn: List[Tuple[int, int]] = []
+    for x, y in placed:
+        if not drawn or abs(x - drawn[-1][0]) > tenth[0] or abs(y - drawn[-1][1]) > tenth[1]:
+            drawn.append((x, y))
+    return drawn
+
+
 def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
            background: Union[str, int] = "checkerboard", scale_level: Optional[int] = None,
-           strict_level: Optional[int] = None) -> StitchResult:
+           strict_level: Optional[int] = None, bits: Optional[int] = None) -> StitchResult:
     """Stitches every frame of `frames` into a panorama and returns a
-    StitchResult (``.image``, ``.frames``, ``.events``).
+    StitchResult (``.image``, ``.painted``, ``.frames``, ``.events``).
 
     The live stitcher follows continuous video of a moving view: each frame
     is registered against the last reference frame, so successive frames
@@ -371,7 +439,7 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
             size and dtype: (height, width, 3) B G R, (height, width, 4)
             B G R A or (height, width) grey; uint8, or uint16 (the working
             image and the panorama are 8 bits a channel: 16-bit frames are
-            scaled down).  Views with strides are read in place when their
+            scaled down, divided by 257; see `bits`).  Views with strides are read in place when their
             pixels are contiguous within rows; other layouts are converted
             (grey spread over B G R, R G B reversed) before the push.
         channels: "bgr", "rgb", "bgra", "rgba" or "grey" to say how the
@@ -379,6 +447,21 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
         background: canvas outside the frames: "checkerboard", "white",
             "black".
         scale_level, strict_level: quality levels 0..4 (default 2).
+        bits: significant bits of uint16 samples, 9..16 (default 16); 12
+            for 12-bit camera data in 16-bit words.  The library reduces
+            16-bit samples to 8 bits as if they spanned 0..65535, so each
+            frame is first shifted left by 16 - bits (samples above
+            2**bits - 1 saturate at 65535).  Without `bits`, when the first
+            uint16 frame's largest sample fits in fewer bits (below 32768),
+            one UserWarning suggests the matching bits=N: 12-bit data given
+            as 16-bit keep only 17 grey levels, too few to register frames
+            on.  Ignored for uint8 frames.
+
+    ``.image`` is the covered rectangle of the canvas (every placed frame's
+    rectangle); ``.painted`` tells which part of it the canvas drew (a
+    frame within a tenth of a frame of the last one drawn is not drawn, so
+    the end of a scan that ends with small steps shows the background; see
+    StitchResult).
 
     Raises:
         ValueError: a frame of another size or dtype than the first, or an
@@ -387,6 +470,7 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
             holds the panorama and frames up to there (frames not yet read
             from the iterable are not read).
     """
+    bits = sample_bits(bits)
     iterator = (np.asarray(f) for f in frames)
     entries: List[StitchedFrame] = []
     empty = StitchedFrame("empty", None, None)
@@ -400,6 +484,9 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
         return StitchResult(None, entries)
     layout = layout_of(first, channels)
     fmt = 1 if first.dtype == np.uint16 else 0
+    message = depth_warning(first) if bits is None else None
+    if message is not None:
+        warnings.warn(message, UserWarning, stacklevel=2)
     size = (first.shape[1], first.shape[0])
     positions = _Positions((4 * size[0], 4 * size[1]))
     reports: List[Tuple[StitchFrame, Tuple[int, int]]] = []
@@ -424,7 +511,7 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
             if frame.size == 0:
                 entries.append(empty)
                 continue
-            prepared = session_frame(frame, fmt, size, channels)
+            prepared = session_frame(widen_samples(frame, bits), fmt, size, channels)
             if session.halted:
                 break
             offered.append(len(entries))
@@ -434,12 +521,17 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
         panorama = session.stop()
         crop = session.crop_rect()
     offset = positions.offset
+    placed: List[Tuple[int, int]] = []
     for index, (report, (x, y)) in zip(offered, reports):
+        position = (x + offset[0] - crop[0], y + offset[1] - crop[1])
         entries[index] = StitchedFrame(MODE_NAMES.get(report.mode, str(report.mode)),
-                                       (x + offset[0] - crop[0], y + offset[1] - crop[1]),
-                                       float(report.score))
-    result = StitchResult(None if panorama is None else from_session_layout(panorama, layout),
-                          entries, events)
+                                       position, float(report.score))
+        if report.mode == PLACED:
+            placed.append(position)
+    image = None if panorama is None else from_session_layout(panorama, layout)
+    painted = None if image is None else \
+        _painted(_drawn(placed, size), size, (image.shape[1], image.shape[0]))
+    result = StitchResult(image, entries, events, painted)
     if halt:
         raise ProcessingError(halt[0].code, halt[0].name, result)
     return result

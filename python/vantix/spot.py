@@ -72,6 +72,7 @@ class SpotSession(Session):
         self.last_frame = None
         self.last_dark_level = None
         self._array_camera = None  # made by the first measure()
+        self._frame_size = None  # (width, height) of the last frame measured
         self._measure_lock = threading.Lock()
         self._records = (_native.SpotResultRecord * self.spot_count)()
         self._attach(lib.vantix_spot_new(self.spot_count, int(average_count)),
@@ -100,12 +101,14 @@ class SpotSession(Session):
 
     def reset(self):
         """Restarts averaging, returns to the automatic aperture and zeroes
-        the averaged results (the ROI is kept)."""
+        the averaged results (the ROI is kept).  The next measure() may
+        take a frame of another size."""
         handle = self._enter()
         try:
             lib.vantix_spot_reset(handle)
         finally:
             self._leave()
+        self._frame_size = None
 
     def pull(self, camera, size=None, bits=8, measure=True, row_pitch=0):
         """Pulls one frame from the camera SDK and measures it.
@@ -142,6 +145,8 @@ class SpotSession(Session):
                              f"expected {width}x{height}")
         dtype, channels = PULL_LAYOUTS[bits]
         self.last_frame = from_rows(buffer, height, width, pitch, dtype, channels)
+        if measure:
+            self._frame_size = (width, height)
         if not measure:
             return None
         return [SpotMeasurement._from_record(r) for r in self._records]
@@ -177,8 +182,25 @@ class SpotSession(Session):
         Returns a list of spot_count SpotMeasurement, like pull().  Raises
         RuntimeError when another camera SDK was loaded into this process
         before the array camera (the library pulls only from the first).
+
+        A session measures frames of one size: the aperture (and averaging)
+        carried over from the previous frame is meaningless for a frame of
+        another size (the library then measures inside the old aperture, or
+        leaves the records untouched when no signal is inside it).  Such a
+        frame raises ValueError; call reset() first (it restarts the
+        aperture and averaging), or measure single arrays with
+        vantix.measure_spots, which uses a fresh session each call.
         """
         frame, channels, bits = _spot_array.frame_of(image)
+        size = (frame.shape[1], frame.shape[0])
+        previous = self._frame_size
+        if previous is not None and size != previous:
+            raise ValueError(
+                f"this frame is {size[0]}x{size[1]} pixels, the session's previous frame "
+                f"{previous[0]}x{previous[1]}: the aperture and averaging carried over "
+                f"from it do not apply to a frame of another size.  Call reset() before "
+                f"measuring frames of a new size, or vantix.measure_spots() for single "
+                f"arrays.")
         level = None
         if dark_level is not None:
             frame, level = _spot_array.subtract_dark(frame, dark_level)
@@ -201,6 +223,7 @@ class SpotSession(Session):
             dtype, out_channels = PULL_LAYOUTS[bits]
             self.last_frame = from_rows(buffer, height, width, pitch, dtype, out_channels)
             self.last_dark_level = level
+            self._frame_size = size
             return [SpotMeasurement._from_record(r) for r in self._records]
 
     def close(self):
