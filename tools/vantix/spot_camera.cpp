@@ -196,6 +196,10 @@ std::vector<SpotResult> SpotSession::pull(void* camera, cv::Size size, uint32_t 
   const size_t pitch = (static_cast<size_t>(size.width) * bitCount + 31) / 32 * 4;
   buffer_.resize(pitch * static_cast<size_t>(size.height));
   FrameInfoV2 info{};
+  // The library leaves the records as they were for a frame without signal;
+  // starting from zeros makes such a frame read as total 0 rather than as
+  // the frame before.
+  std::fill(records_.begin(), records_.end(), SpotResult{});
   const VantixResult hr = vantix_spot_pull(session_, camera, 1, buffer_.data(), bitCount, 0,
                                            &info, records_.data());
   if (VANTIX_FAILED(hr)) throw ToolError("vantix_spot_pull failed: " + resultName(hr));

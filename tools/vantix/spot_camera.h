@@ -99,7 +99,8 @@ class SpotSession {
   void setAperture(const SpotAperture& aperture);
 
   // Pulls one frame of `bitCount` bits from the camera and measures it;
-  // returns the records (spotCount of them).  `frame` receives the pulled
+  // returns the records (spotCount of them; all zero for a frame without
+  // signal).  `frame` receives the pulled
   // frame (one or three channels, 8 or 16 bits).  Throws ToolError when the
   // pull fails.
   std::vector<SpotResult> pull(SimCamera& camera, uint32_t bitCount, cv::Mat* frame = nullptr) {
@@ -116,8 +117,7 @@ class SpotSession {
   VantixSpot* session_ = nullptr;
   uint32_t spotCount_;
   std::vector<uint8_t> buffer_;
-  std::vector<SpotResult> records_;  // kept between pulls: a frame without
-                                     // signal leaves the last record
+  std::vector<SpotResult> records_;
 };
 
 // The eleven fields of a record, in order, and their column names.
