@@ -27,8 +27,11 @@ functions process every frame they are given::
     colour = vantix.demosaic(np.zeros((64, 64), np.uint16), pattern="GRBG", bits=12)
 
 Live stitching follows continuous video: successive frames must overlap by
-most of a frame and show texture.  The working image of stitching and
-fusion is 8 bits a channel (16-bit frames are scaled down).  Grey frames
+most of a frame and show texture; ``result.painted`` is the part of the
+panorama the canvas drew (it skips frames within a tenth of a frame of
+the last one drawn).  The working image of stitching and fusion is 8 bits
+a channel (16-bit frames are divided by 257): pass ``bits=12`` for 12-bit
+data in uint16 arrays.  Grey frames
 (2-D arrays) and R G B frames (``channels="rgb"``) are converted on the
 way in.  Names of choices (interpolation, Bayer pattern, EDF kind, ...)
 are those of the command-line tool, read from the package's names.tsv;
