@@ -205,7 +205,9 @@ def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
             place when their pixels are contiguous within rows; other
             layouts are converted before the push.  Empty frames are
             skipped.
-        kind: "pyramid_max", "pyramid_blend" or "stack" (or 0, 1, 2).
+        kind: "pyramid_max", "pyramid_blend" or "stack" (or 0, 1, 2);
+            "stack" came closest to the sharp scene on the stacks measured
+            (docs/getting-started.md, "Choosing options").
         channels: "bgr", "rgb", "bgra", "rgba" or "grey" to say how the
             frames are ordered (default: by shape, as above).
         bits: significant bits of uint16 samples, 9..16 (default 16); 12

@@ -8,7 +8,7 @@ import time
 import warnings
 from collections import namedtuple
 from dataclasses import dataclass, field
-from typing import Any, Callable, Iterable, List, Optional, Tuple, Union
+from typing import Any, Iterable, List, Optional, Tuple, Union
 
 import numpy as np
 
@@ -439,9 +439,10 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
             size and dtype: (height, width, 3) B G R, (height, width, 4)
             B G R A or (height, width) grey; uint8, or uint16 (the working
             image and the panorama are 8 bits a channel: 16-bit frames are
-            scaled down, divided by 257; see `bits`).  Views with strides are read in place when their
-            pixels are contiguous within rows; other layouts are converted
-            (grey spread over B G R, R G B reversed) before the push.
+            scaled down, divided by 257; see `bits`).  Views with strides
+            are read in place when their pixels are contiguous within rows;
+            other layouts are converted (grey spread over B G R, R G B
+            reversed) before the push.
         channels: "bgr", "rgb", "bgra", "rgba" or "grey" to say how the
             frames are ordered (default: by shape, as above).
         background: canvas outside the frames: "checkerboard", "white",
