@@ -63,6 +63,33 @@ TEST_F(CliEdf, FusesEveryPageOfATiffAndEveryFileOfAFolder) {
   EXPECT_EQ(cv::norm(read("named.png"), read("digit.png"), cv::NORM_INF), 0.0);
 }
 
+// A stack of 12-bit samples in 16-bit pages: the note says which --bits
+// fits, and with --bits 12 the fused image is exactly that of the stack's
+// 8-bit files (read as 16-bit samples they would keep 17 grey levels).
+TEST_F(CliEdf, TwelveBitStackWithBitsFusesLikeItsEightBitFiles) {
+  const cv::Mat sharp = vtest::edfSamplePhoto("baboon.jpg", {240, 160});
+  const std::vector<cv::Mat> slices =
+      vtest::focusStack(sharp, vtest::steppedDepth(sharp.size(), 3), 3, 4.0);
+  std::vector<cv::Mat> pages;
+  for (int i = 0; i < 3; ++i) {
+    write("slice" + std::to_string(i) + ".png", slices[i]);
+    pages.push_back(vtest::twelveBitOf(slices[i]));
+  }
+  ASSERT_TRUE(cv::imwritemulti(path("stack.tif"), pages));
+  ASSERT_EQ(run({"edf", path("slice0.png"), path("slice1.png"), path("slice2.png"), "-o",
+                 path("eight.png")})
+                .status,
+            0);
+  const ToolRun plain = run({"edf", path("stack.tif"), "-o", path("plain.png")});
+  ASSERT_EQ(plain.status, 0) << plain.err;
+  EXPECT_NE(plain.err.find("fits in 12 bits: for 12-bit data give --bits 12"), std::string::npos)
+      << plain.err;
+  const ToolRun scaled = run({"edf", path("stack.tif"), "-o", path("scaled.png"), "--bits", "12"});
+  ASSERT_EQ(scaled.status, 0) << scaled.err;
+  EXPECT_EQ(occurrences(scaled.err, "\n"), 1u) << scaled.err;  // the 16-bit note alone
+  EXPECT_EQ(cv::norm(read("scaled.png"), read("eight.png"), cv::NORM_INF), 0.0);
+}
+
 // One frame comes back as it went in; a 16-bit session writes 16-bit
 // samples (the 8-bit working values times 257).
 TEST_F(CliEdf, FormatsDecideTheOutputDepth) {
@@ -105,6 +132,7 @@ TEST_F(CliEdf, BadCommandLinesAndFrames) {
       {{"edf", "--format", "4", in, "-o", path("x.png")}, 2, "--format"},
       {{"edf", in, other, "-o", path("x.png")}, 1, "same size"},
       {{"edf", path("missing.png"), "-o", path("x.png")}, 1, "missing.png"},
+      {{"edf", "--bits", "17", in, "-o", path("x.png")}, 2, "--bits"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args.back());

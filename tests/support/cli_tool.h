@@ -76,6 +76,18 @@ class CliTest : public ::testing::Test {
   }
 };
 
+// An 8-bit image as a 12-bit camera's 16-bit samples (0..4095), each value
+// v as (v << 4) | (v >> 4): scaled back to 16 bits (<< 4) and reduced to 8
+// bits (/ 257, rounded) it is v again, exactly.
+inline cv::Mat twelveBitOf(const cv::Mat& image8) {
+  cv::Mat wide;
+  image8.convertTo(wide, CV_16U);
+  wide.reshape(1).forEach<uint16_t>([](uint16_t& v, const int*) {
+    v = static_cast<uint16_t>((v << 4) | (v >> 4));
+  });
+  return wide;
+}
+
 // A failure: the given exit status (1 or 2 when 0 is given, never a crash),
 // nothing on stdout and exactly one line on stderr that starts with `prefix`
 // and contains `mentions`.

@@ -1,5 +1,6 @@
 // vantix stitch FRAME... -o PANO [--whole-canvas] [--background B] [--scale-level 0..4]
 //                        [--strict-level 0..4] [--fps N] [--positions FILE.csv]
+//                        [--bits 9..16]
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -23,7 +24,7 @@ namespace {
 const char kUsage[] =
     "usage: vantix stitch FRAME... -o PANO [--whole-canvas] [--background B]\n"
     "                     [--scale-level 0..4] [--strict-level 0..4] [--fps N]\n"
-    "                     [--positions FILE.csv]\n"
+    "                     [--positions FILE.csv] [--bits 9..16]\n"
     "\n"
     "Stitches the frames, in the order given, into a panorama with a live stitch\n"
     "session (vantix_stitch_*), as if they came from a camera moving over the\n"
@@ -49,10 +50,15 @@ const char kUsage[] =
     "                      every frame, each after the previous one's report)\n"
     "  --positions F.csv   one line per processed frame: where it went on the\n"
     "                      canvas and in the written panorama, and what happened\n"
+    "  --bits N            16-bit frames hold N-bit samples (9..16, default 16),\n"
+    "                      e.g. 12 for a 12-bit camera's 0..4095: they are scaled\n"
+    "                      to the full 16-bit range (shifted left by 16 - N,\n"
+    "                      larger samples clipped) before the 8-bit reduction\n"
     "\n"
     "The session works on 8 bits a channel: 16-bit frames are reduced to 8 bits\n"
-    "(a note on stderr says so once) and alpha is dropped; the panorama is 8-bit\n"
-    "BGR.  Progress and the session's events (tracking lost, tracking regained,\n"
+    "(divided by 257; a note on stderr says so once and, when the first\n"
+    "frame's samples fit in fewer bits, suggests --bits) and alpha is dropped;\n"
+    "the panorama is 8-bit BGR.  Progress and the session's events (tracking lost, tracking regained,\n"
     "canvas grew) are printed as they happen.\n"
     "\n"
     "Exit status 1 when half the frames or more were not placed (the panorama is\n"
@@ -97,28 +103,54 @@ cv::Mat toBgr8(const cv::Mat& image, const std::string& label) {
   return frame;
 }
 
-// Reads frames for the session, saying once per run that 16-bit frames are
-// reduced to 8 bits.
+// Reads frames for the session: 16-bit samples of `bits` bits are scaled to
+// the full 16-bit range first.  Says once per run that 16-bit frames are
+// reduced to 8 bits, and, without --bits, when the first one's samples use
+// fewer than 16 bits; with --bits, once when samples are clipped.
 class FrameReader {
  public:
-  explicit FrameReader(const std::vector<FrameSource>& sources) : sources_(sources) {}
+  FrameReader(const std::vector<FrameSource>& sources, int bits, bool bitsGiven)
+      : sources_(sources), bits_(bits), bitsGiven_(bitsGiven) {}
 
   cv::Mat read(size_t index) {
     const cv::Mat image = readFrame(sources_[index]);
     if (image.depth() == CV_16U && !noted_) {
       noted_ = true;
+      const std::string depth =
+          bitsGiven_ ? ", after scaling " + std::to_string(bits_) + "-bit samples to 16 bits"
+                     : sampleDepthHint(image, &suggestedBits_);
       std::fflush(stdout);
       std::fprintf(stderr,
                    "vantix: stitch: note: 16-bit frames are stitched at 8 bits a channel (the "
-                   "session's working image)\n");
+                   "session's working image)%s\n",
+                   depth.c_str());
       std::fflush(stderr);
     }
-    return toBgr8(image, sources_[index].label());
+    bool clipped = false;
+    const cv::Mat frame = widenSamples(image, bits_, &clipped);
+    if (clipped && !clipNoted_) {
+      clipNoted_ = true;
+      std::fflush(stdout);
+      std::fprintf(stderr,
+                   "vantix: stitch: note: %s has samples above %d, the largest of %d bits "
+                   "(--bits %d): they are taken as %d\n",
+                   sources_[index].label().c_str(), (1 << bits_) - 1, bits_, bits_,
+                   (1 << bits_) - 1);
+      std::fflush(stderr);
+    }
+    return toBgr8(frame, sources_[index].label());
   }
+
+  // The --bits the note suggested (0: none).
+  int suggestedBits() const { return suggestedBits_; }
 
  private:
   const std::vector<FrameSource>& sources_;
+  int bits_;
+  bool bitsGiven_;
   bool noted_ = false;
+  bool clipNoted_ = false;
+  int suggestedBits_ = 0;
 };
 
 void printEvents(StitchSession& session, size_t pushed) {
@@ -238,6 +270,13 @@ std::vector<std::string> explainUnplaced(const std::vector<FrameSource>& sources
         break;
       }
     }
+    // 16-bit samples of a few bits read as 16-bit ones leave the 8-bit
+    // working image a few grey levels: little for the sharpness to find.
+    if (reader.suggestedBits() > 0) {
+      line += "; the 16-bit frames use only " + std::to_string(reader.suggestedBits()) +
+              " bits: --bits " + std::to_string(reader.suggestedBits()) +
+              " spreads their samples over the whole range";
+    }
     lines.push_back(line);
   }
 
@@ -304,11 +343,13 @@ int run(const Args& args) {
   const bool wholeCanvas = args.flag("whole-canvas");
   if (wholeCanvas && args.flag("crop")) throwUsage("--crop and --whole-canvas exclude each other");
   const bool cropped = !wholeCanvas;
+  const auto bits =
+      static_cast<int>(parseInteger(args.option("bits").value_or("16"), "--bits", 9, 16));
   const std::optional<std::string> positionsPath = args.option("positions");
   checkOutputPath(out);
 
   const std::vector<FrameSource> sources = listFrames(paths);
-  FrameReader reader(sources);
+  FrameReader reader(sources, bits, args.option("bits").has_value());
   // The first frame fixes the session's frame size; the others are read as
   // they are pushed (a scan can be longer than memory allows to hold).
   cv::Mat first = reader.read(0);
@@ -395,8 +436,14 @@ int run(const Args& args) {
   // showed.  Say why, as far as the tool can tell, and fail.
   const size_t unplaced = reports.size() - byMode[1];
   if (reports.empty() || 2 * unplaced >= reports.size()) {
-    std::fprintf(stderr, "vantix: stitch: %zu of %zu frames were not placed\n", unplaced,
-                 reports.size());
+    // In the summary's terms: each frame not placed is kept, lost or not
+    // placed (or, should the session report another mode, counted apart).
+    std::string parts = std::to_string(byMode[2]) + " kept as reference only, " +
+                        std::to_string(byMode[3]) + " lost, " + std::to_string(byMode[4]) +
+                        " not placed";
+    if (byMode[0] > 0) parts += ", " + std::to_string(byMode[0]) + " in another mode";
+    std::fprintf(stderr, "vantix: stitch: %zu of %zu frames were not placed (%s)\n", unplaced,
+                 reports.size(), parts.c_str());
     std::fflush(stderr);
     for (const std::string& line : explainUnplaced(sources, reader, reports, strictLevel)) {
       std::fprintf(stderr, "vantix: stitch: %s\n", line.c_str());
@@ -420,7 +467,8 @@ Command stitchCommand() {
            {"scale-level", true},
            {"strict-level", true},
            {"fps", true},
-           {"positions", true}},
+           {"positions", true},
+           {"bits", true}},
           &run};
 }
 

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
+#include <cstdint>
 #include <filesystem>
 #include <system_error>
 
@@ -232,6 +234,35 @@ bool writeImage(const std::string& path, const cv::Mat& image) {
   }
   if (!written) throw ToolError("cannot write '" + path + "'");
   return reduced;
+}
+
+cv::Mat widenSamples(const cv::Mat& image, int bits, bool* clipped) {
+  if (image.depth() != CV_16U || bits >= 16) return image;
+  const int shift = 16 - bits;
+  if (clipped != nullptr) *clipped = sampleDepth(image).bits > bits;
+  cv::Mat wide;
+  image.convertTo(wide, CV_16U, static_cast<double>(1 << shift));  // saturates
+  return wide;
+}
+
+SampleDepth sampleDepth(const cv::Mat& image) {
+  SampleDepth depth;
+  if (image.empty()) return depth;
+  cv::minMaxLoc(image.reshape(1), nullptr, &depth.largest);
+  for (auto v = static_cast<uint32_t>(depth.largest); v > 0; v >>= 1) ++depth.bits;
+  return depth;
+}
+
+std::string sampleDepthHint(const cv::Mat& first16Bit, int* suggested) {
+  *suggested = 0;
+  const SampleDepth depth = sampleDepth(first16Bit);
+  if (first16Bit.depth() != CV_16U || depth.bits == 0 || depth.bits >= 16) return std::string();
+  *suggested = std::max(depth.bits, 9);  // the least --bits takes
+  const long levels = std::lround(depth.largest / 257.0) + 1;
+  return "; the first frame's largest sample, " + std::to_string(std::lround(depth.largest)) +
+         ", fits in " + std::to_string(depth.bits) + " bits: for " +
+         std::to_string(*suggested) + "-bit data give --bits " + std::to_string(*suggested) +
+         " (as read, the samples use " + std::to_string(levels) + " of the 256 8-bit levels)";
 }
 
 std::string describeType(int type) {

@@ -47,6 +47,29 @@ bool writeImage(const std::string& path, const cv::Mat& image);
 // True when the format of `path` (by its extension) stores 16-bit samples.
 bool formatHolds16Bit(const std::string& path);
 
+// Samples of fewer than 16 bits in 16-bit files (a 12-bit camera's 0..4095),
+// for the commands that reduce 16-bit frames to 8 bits by the top byte.
+//
+// `image` with 16-bit samples of `bits` bits (9..16) scaled to the full
+// 16-bit range: shifted left by 16 - bits, saturating at 65535; 8-bit images
+// come back as they are.  `clipped`, when given, is set when a sample was
+// larger than `bits` bits hold.
+cv::Mat widenSamples(const cv::Mat& image, int bits, bool* clipped = nullptr);
+
+// How many bits the largest sample of a 16-bit image needs, and that sample.
+struct SampleDepth {
+  int bits = 0;         // 0 for an all-zero image
+  double largest = 0;   // over all channels
+};
+SampleDepth sampleDepth(const cv::Mat& image);
+
+// For the one-time note on 16-bit input read without --bits: when the first
+// 16-bit frame's largest sample fits in fewer than 16 bits, "; its largest
+// sample, 4095, fits in 12 bits: for 12-bit data give --bits 12 (as read, the
+// samples use 17 of the 256 8-bit levels)", else "".  `suggested` receives
+// the --bits value suggested (0 when none).
+std::string sampleDepthHint(const cv::Mat& first16Bit, int* suggested);
+
 // "8-bit grey", "16-bit BGR", "8-bit BGRA", "32-bit float 1-channel", ...
 std::string describeType(int type);
 
