@@ -259,9 +259,12 @@ std::string sampleDepthHint(const cv::Mat& first16Bit, int* suggested) {
   if (first16Bit.depth() != CV_16U || depth.bits == 0 || depth.bits >= 16) return std::string();
   *suggested = std::max(depth.bits, 9);  // the least --bits takes
   const long levels = std::lround(depth.largest / 257.0) + 1;
+  const std::string give = "--bits " + std::to_string(*suggested);
   return "; the first frame's largest sample, " + std::to_string(std::lround(depth.largest)) +
-         ", fits in " + std::to_string(depth.bits) + " bits: for " +
-         std::to_string(*suggested) + "-bit data give --bits " + std::to_string(*suggested) +
+         ", fits in " + std::to_string(depth.bits) + " bits: " +
+         (depth.bits == *suggested
+              ? "for " + std::to_string(*suggested) + "-bit data give " + give
+              : "give " + give + ", the fewest it takes") +
          " (as read, the samples use " + std::to_string(levels) + " of the 256 8-bit levels)";
 }
 
