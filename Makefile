@@ -14,9 +14,10 @@ PACKAGES := g++ make cmake ninja-build pkg-config binutils \
 # opencv-doc's example photos are test data and demo input.
 DEMO_PACKAGES :=
 # Only the tests need these: python3-numpy and python3-pytest run the Python
-# binding's tests, chromium renders the demo's HTML report, clang and its
-# runtime build the fuzz targets.
-TEST_PACKAGES := python3 python3-numpy python3-pytest chromium clang libclang-rt-14-dev
+# binding's tests (python3-pil reads opencv-doc's photos for them; without it
+# those tests would be skipped), chromium renders the demo's HTML report,
+# clang and its runtime build the fuzz targets.
+TEST_PACKAGES := python3 python3-numpy python3-pytest python3-pil chromium clang libclang-rt-14-dev
 
 CONFIGURE = cmake -S . -G Ninja -Wno-dev
 .PHONY: all deps deps-demo deps-test build demo test test-plain test-asan test-tsan test-python test-install test-fuzz bench clean
