@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import itertools
 import threading
 import warnings
 from collections import namedtuple
@@ -129,17 +130,10 @@ class EdfSession(ThreadedSession):
         frame = self._widen(np.asarray(frame), bits)
         self._push_prepared(*session_frame(frame, self.format, self.size, channels), wait)
 
-    def _push_now(self, frame: np.ndarray, pitch: int) -> None:
-        handle = self._enter(push=True)
-        if handle is None:
-            return
-        try:
-            self.size = self.size or (frame.shape[1], frame.shape[0])
-            code = lib.vantix_edf_pushback(handle, pointer(frame), frame.shape[1],
-                                           frame.shape[0], 0, pitch)
-        finally:
-            self._leave()
-        _native.check(code, "vantix_edf_pushback")
+    _pushback_name = "vantix_edf_pushback"
+
+    def _before_push(self, frame: np.ndarray) -> None:
+        self.size = self.size or (frame.shape[1], frame.shape[0])
 
     def pull(self, camera: Any, size: Optional[Tuple[int, int]] = None, push: bool = True,
              bits: Optional[int] = None, version: Union[int, str] = 2) -> Pulled:
@@ -251,7 +245,7 @@ def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
     with session:
         session.start()
         size = None
-        for frame in _chain(first, iterator):
+        for frame in itertools.chain([first], iterator):
             if frame.size == 0:
                 continue
             prepared = session_frame(widen_samples(frame, bits), fmt, size, channels)
@@ -267,7 +261,3 @@ def fuse(frames: Iterable[np.ndarray], kind: Union[str, int] = "pyramid_max", *,
         raise ProcessingError(halt[0].code, halt[0].name, result)
     return result
 
-
-def _chain(first, rest):
-    yield first
-    yield from rest

@@ -22,7 +22,8 @@ from typing import Any, Callable, Iterator, Optional
 
 import numpy as np
 
-from ._arrays import depth_warning, sample_bits, widen_samples
+from . import _native
+from ._arrays import depth_warning, pointer, sample_bits, widen_samples
 from ._native import lib
 
 # The bridge whose callback the current thread is running, if any.  A
@@ -309,9 +310,24 @@ class ThreadedSession(Session):
     def _init_flow(self) -> None:
         self._flow = self._bridge.flow
 
+    # Subclasses: the name of their family's push function.
+    _pushback_name = ""
+
     def _push_now(self, frame, pitch) -> None:
-        """Subclasses: the library's push of a prepared frame."""
-        raise NotImplementedError
+        """The library's push of a prepared frame."""
+        handle = self._enter(push=True)
+        if handle is None:
+            return
+        try:
+            self._before_push(frame)
+            code = getattr(lib, self._pushback_name)(
+                handle, pointer(frame), frame.shape[1], frame.shape[0], 0, pitch)
+        finally:
+            self._leave()
+        _native.check(code, self._pushback_name)
+
+    def _before_push(self, frame) -> None:
+        """Subclasses: what a push records of the frame first."""
 
     def _push_prepared(self, frame, pitch, wait: bool = False) -> None:
         bridge = self._bridge

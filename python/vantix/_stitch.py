@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import ctypes
+import itertools
 import threading
 import time
 import warnings
@@ -183,16 +184,7 @@ class StitchSession(ThreadedSession):
         frame = self._widen(np.asarray(frame), bits)
         self._push_prepared(*session_frame(frame, self.format, self.size, channels), wait)
 
-    def _push_now(self, frame: np.ndarray, pitch: int) -> None:
-        handle = self._enter(push=True)
-        if handle is None:
-            return
-        try:
-            code = lib.vantix_stitch_pushback(handle, pointer(frame), frame.shape[1],
-                                              frame.shape[0], 0, pitch)
-        finally:
-            self._leave()
-        _native.check(code, "vantix_stitch_pushback")
+    _pushback_name = "vantix_stitch_pushback"
 
     def pull(self, camera: Any, size: Optional[Tuple[int, int]] = None, push: bool = True,
              bits: Optional[int] = None, version: Union[int, str] = 2) -> Pulled:
@@ -508,7 +500,7 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
     offered: List[int] = []  # input indices pushed, in order
     with session:
         session.start()
-        for frame in _chain(first, iterator):
+        for frame in itertools.chain([first], iterator):
             if frame.size == 0:
                 entries.append(empty)
                 continue
@@ -537,7 +529,3 @@ def stitch(frames: Iterable[np.ndarray], *, channels: Optional[str] = None,
         raise ProcessingError(halt[0].code, halt[0].name, result)
     return result
 
-
-def _chain(first, rest):
-    yield first
-    yield from rest
