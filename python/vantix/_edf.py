@@ -94,11 +94,7 @@ class EdfSession(ThreadedSession):
         else:
             handle = lib.vantix_edf_newV2(self.format, self.kind, frame_fn, error_fn, None)
         self._attach(handle, "vantix_edf_new")
-        # The push of a frame kept waiting, run by the frame callback (on
-        # the worker thread, which close() joins before the delete).
-        push = lib.vantix_edf_pushback
-        bridge.pusher = lambda frame, pitch: push(handle, pointer(frame), frame.shape[1],
-                                                  frame.shape[0], 0, pitch)
+        self._arm_pusher(handle)
 
     def push(self, frame: np.ndarray, wait: bool = False,
              channels: Optional[str] = None, bits: Optional[int] = None) -> None:

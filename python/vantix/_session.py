@@ -326,6 +326,13 @@ class ThreadedSession(Session):
             self._leave()
         _native.check(code, self._pushback_name)
 
+    def _arm_pusher(self, handle) -> None:
+        """The push of a frame kept waiting, run by the frame callback (on
+        the worker thread, which close() joins before the delete)."""
+        push = getattr(lib, self._pushback_name)
+        self._bridge.pusher = lambda frame, pitch: push(handle, pointer(frame), frame.shape[1],
+                                                        frame.shape[0], 0, pitch)
+
     def _before_push(self, frame) -> None:
         """Subclasses: what a push records of the frame first."""
 

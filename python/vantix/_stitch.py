@@ -147,11 +147,7 @@ class StitchSession(ThreadedSession):
         else:
             handle = lib.vantix_stitch_new(0, w, h, background, frame_fn, event_fn, None)
         self._attach(handle, "vantix_stitch_new")
-        # The push of a frame kept waiting, run by the frame callback (on
-        # the worker thread, which close() joins before the delete).
-        push = lib.vantix_stitch_pushback
-        bridge.pusher = lambda frame, pitch: push(handle, pointer(frame), frame.shape[1],
-                                                  frame.shape[0], 0, pitch)
+        self._arm_pusher(handle)
 
     def push(self, frame: np.ndarray, wait: bool = False,
              channels: Optional[str] = None, bits: Optional[int] = None) -> None:
