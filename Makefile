@@ -9,7 +9,7 @@ DEMO_OUT ?= demo-output
 # Debian 12 packages the build needs, and those only the demo needs.
 PACKAGES := g++ make cmake ninja-build pkg-config binutils \
             libopencv-core-dev libopencv-imgproc-dev libopencv-features2d-dev \
-            libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev \
+            libopencv-imgcodecs-dev libgtest-dev libbenchmark-dev libcli11-dev \
             opencv-doc
 # opencv-doc's example photos are test data and demo input.
 DEMO_PACKAGES :=
@@ -57,7 +57,11 @@ build: deps
 	$(CONFIGURE) -B build -DCMAKE_BUILD_TYPE=Release
 	cmake --build build -j $(JOBS)
 
-demo: deps-demo build
+# The demo builds only what it runs: the library, the tool and the simulated
+# camera it films with (no tests, no benchmarks).
+demo: deps-demo
+	$(CONFIGURE) -B build -DCMAKE_BUILD_TYPE=Release
+	cmake --build build -j $(JOBS) --target vantix_tool vantix_simcam
 	./build/tools/vantix/vantix demo --out $(DEMO_OUT)
 
 test: test-plain test-asan test-tsan test-python test-install test-fuzz
