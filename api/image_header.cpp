@@ -19,14 +19,10 @@ uint32_t storageBits(uint32_t bits) {
   return 0;
 }
 
-uint32_t paddedStride(uint32_t width, uint32_t bitsPerPixel) {
-  return ((width * bitsPerPixel + 31u) >> 3) & ~3u;
-}
-
 uint32_t defaultStride(const VantixImageHeader& header) {
   const uint32_t bits = storageBits(header.biBitCount);
   if (bits == 0) return 0xFFFFFFFFu;
-  return paddedStride(static_cast<uint32_t>(header.biWidth), bits);
+  return vantix_default_stride(static_cast<uint32_t>(header.biWidth), bits);
 }
 
 int matTypeForBitCount(uint32_t bits) {

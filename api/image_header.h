@@ -15,9 +15,11 @@ bool isDeepColour(uint32_t bits);
 // is not accepted.
 uint32_t storageBits(uint32_t bits);
 
-// Row bytes padded to 4: ((width * bitsPerPixel + 31) >> 3) & ~3, computed
-// in unsigned 32-bit arithmetic (so it wraps like the header's own rule).
-uint32_t paddedStride(uint32_t width, uint32_t bitsPerPixel);
+// Row bytes padded to 4: vantix_default_stride from vantix.h.  Kept only for
+// callers not yet switched to it; new code calls vantix_default_stride.
+inline uint32_t paddedStride(uint32_t width, uint32_t bitsPerPixel) {
+  return vantix_default_stride(width, bitsPerPixel);
+}
 
 // The padded stride of the header's layout, or 0xFFFFFFFF for a bit count
 // that is not accepted.

@@ -17,10 +17,10 @@ int formatMatType(uint32_t format) {
 
 uint32_t formatDefaultStride(uint32_t format, uint32_t width) {
   switch (format) {
-    case kFormatBgr16: return paddedStride(width, 48);
+    case kFormatBgr16: return vantix_default_stride(width, 48);
     case kFormatBgra8: return width * 4u;
     case kFormatBgra16: return width * 8u;
-    default: return paddedStride(width, 24);
+    default: return vantix_default_stride(width, 24);
   }
 }
 

@@ -73,6 +73,19 @@ extern "C" {
 #endif
 
 /* ---------------------------------------------------------------------------
+ * Version
+ * ------------------------------------------------------------------------- */
+
+/** The library's version; the build reads it from here. */
+#define VANTIX_VERSION_MAJOR 1
+#define VANTIX_VERSION_MINOR 0
+#define VANTIX_VERSION_PATCH 0
+/** The version as one number, major * 10000 + minor * 100 + patch. */
+#define VANTIX_VERSION \
+  (VANTIX_VERSION_MAJOR * 10000 + VANTIX_VERSION_MINOR * 100 + \
+   VANTIX_VERSION_PATCH)
+
+/* ---------------------------------------------------------------------------
  * Result codes
  * ------------------------------------------------------------------------- */
 
@@ -100,6 +113,31 @@ typedef uint32_t VantixResult;
 /** True when a result code reports success (0 or a positive SDK code). */
 #define VANTIX_SUCCEEDED(hr) (((int32_t)(VantixResult)(hr)) >= 0)
 
+/**
+ * The name of a result code: the macro's name without "VANTIX_" for the
+ * library's codes ("S_OK", "E_INVALIDARG", ...), the usual name of a few
+ * common codes a camera SDK may pass back through the pulls ("S_FALSE",
+ * "E_NOINTERFACE", "E_ABORT", "E_UNEXPECTED", "E_ACCESSDENIED", "E_HANDLE"),
+ * and "unknown" for any other value.  Never null; header-only (no export).
+ */
+static inline const char *vantix_result_name(VantixResult result) {
+  switch (result) {
+    case VANTIX_S_OK: return "S_OK";
+    case VANTIX_E_NOTIMPL: return "E_NOTIMPL";
+    case VANTIX_E_POINTER: return "E_POINTER";
+    case VANTIX_E_INVALIDARG: return "E_INVALIDARG";
+    case VANTIX_E_OUTOFMEMORY: return "E_OUTOFMEMORY";
+    case VANTIX_E_FAIL: return "E_FAIL";
+    case 0x00000001u: return "S_FALSE";
+    case 0x80004002u: return "E_NOINTERFACE";
+    case 0x80004004u: return "E_ABORT";
+    case 0x8000FFFFu: return "E_UNEXPECTED";
+    case 0x80070005u: return "E_ACCESSDENIED";
+    case 0x80070006u: return "E_HANDLE";
+    default: return "unknown";
+  }
+}
+
 /* ---------------------------------------------------------------------------
  * Records that cross the boundary
  * ------------------------------------------------------------------------- */
@@ -116,9 +154,9 @@ typedef uint32_t VantixResult;
  *   24                   three 8-bit channels, B G R
  *   32                   four 8-bit channels, B G R A
  *   30, 33, 36, 42, 48   three 16-bit channels (10, 11, 12, 14, 16 bits used)
- * Unless a row pitch is given, rows are padded to 4 bytes:
- *   stride = ((biWidth * storageBits + 31) >> 3) & ~3   (unsigned 32-bit)
- * with storageBits 8, 16, 24, 32 or 48 from the table.
+ * Unless a row pitch is given, rows are padded to 4 bytes: the stride is
+ * vantix_default_stride(biWidth, storageBits) with storageBits 8, 16, 24, 32
+ * or 48 from the table.
  *
  * Images the library creates (the panorama of vantix_stitch_stop) have
  * biSize 40, biPlanes 1, biBitCount 24, biCompression 0, biSizeImage
@@ -144,6 +182,19 @@ typedef struct VantixImageHeader {
  * panorama of vantix_stitch_stop); the host owns and frees what it returned.
  */
 typedef void *(*VantixAllocator)(uint64_t byteCount);
+
+/**
+ * The default row stride, rows padded to 4 bytes, computed in unsigned
+ * 32-bit arithmetic exactly as the library does:
+ *   ((width * bitsPerPixel + 31) >> 3) & ~3
+ * A product that does not fit 32 bits wraps, as in the library (a negative
+ * biWidth is read as unsigned); hosts that accept such sizes check them
+ * first.  Header-only (no export).
+ */
+static inline uint32_t vantix_default_stride(uint32_t width,
+                                             uint32_t bitsPerPixel) {
+  return ((width * bitsPerPixel + 31u) >> 3) & 0xFFFFFFFCu;
+}
 
 /**
  * Frame-information records filled by the camera SDK.  The library reads
@@ -222,8 +273,8 @@ VANTIX_STATIC_ASSERT(sizeof(SpotRoi) == 16, spot_roi_is_16_bytes);
  * ---------------------------------------------------------------------------
  *
  *   format  pushed frame                     default stride (row pitch 0)
- *   0       8-bit B G R                      ((width * 24 + 31) >> 3) & ~3
- *   1       16-bit B G R                     ((width * 48 + 31) >> 3) & ~3
+ *   0       8-bit B G R                      vantix_default_stride(width, 24)
+ *   1       16-bit B G R                     vantix_default_stride(width, 48)
  *   2       8-bit B G R A                    width * 4
  *   3       16-bit B G R A                   width * 8
  *   other   read as format 0, except that a stitch session's canvas, its
@@ -335,6 +386,30 @@ typedef void (*VantixStitchFrameFn)(void *context, const uint8_t *canvasData,
 #define VANTIX_STITCH_EVENT_POINT_NOT_LOCATED 23u
 #define VANTIX_STITCH_EVENT_RELOCATION_SERVED 24u
 #define VANTIX_STITCH_EVENT_POSITION_SET 25u
+
+/**
+ * The name of a stitch event code: its macro's name without
+ * "VANTIX_STITCH_EVENT_" ("TRACKING_LOST", ...), or "unknown".  Never null;
+ * header-only (no export).
+ */
+static inline const char *vantix_stitch_event_name(uint32_t code) {
+  switch (code) {
+    case VANTIX_STITCH_EVENT_FAILED: return "FAILED";
+    case VANTIX_STITCH_EVENT_OUT_OF_MEMORY: return "OUT_OF_MEMORY";
+    case VANTIX_STITCH_EVENT_CANVAS_GROWING: return "CANVAS_GROWING";
+    case VANTIX_STITCH_EVENT_GROW_FAILED: return "GROW_FAILED";
+    case VANTIX_STITCH_EVENT_CANVAS_GREW: return "CANVAS_GREW";
+    case VANTIX_STITCH_EVENT_TRACKING_LOST: return "TRACKING_LOST";
+    case VANTIX_STITCH_EVENT_TRACKING_REGAINED: return "TRACKING_REGAINED";
+    case VANTIX_STITCH_EVENT_RELOCATION_BEGUN: return "RELOCATION_BEGUN";
+    case VANTIX_STITCH_EVENT_RELOCATION_ENDED: return "RELOCATION_ENDED";
+    case VANTIX_STITCH_EVENT_POINT_LOCATED: return "POINT_LOCATED";
+    case VANTIX_STITCH_EVENT_POINT_NOT_LOCATED: return "POINT_NOT_LOCATED";
+    case VANTIX_STITCH_EVENT_RELOCATION_SERVED: return "RELOCATION_SERVED";
+    case VANTIX_STITCH_EVENT_POSITION_SET: return "POSITION_SET";
+    default: return "unknown";
+  }
+}
 
 /**
  * Called on the stitch worker thread (events 3 and 5 may also come from the
@@ -523,6 +598,19 @@ typedef void (*VantixEdfFrameFn)(void *context, uint32_t event,
 /** EDF error codes (second argument of VantixEdfErrorFn). */
 #define VANTIX_EDF_ERROR_FAILED 1u
 #define VANTIX_EDF_ERROR_OUT_OF_MEMORY 2u
+
+/**
+ * The name of an EDF error code: its macro's name without
+ * "VANTIX_EDF_ERROR_" ("FAILED", "OUT_OF_MEMORY"), or "unknown".  Never
+ * null; header-only (no export).
+ */
+static inline const char *vantix_edf_error_name(uint32_t code) {
+  switch (code) {
+    case VANTIX_EDF_ERROR_FAILED: return "FAILED";
+    case VANTIX_EDF_ERROR_OUT_OF_MEMORY: return "OUT_OF_MEMORY";
+    default: return "unknown";
+  }
+}
 
 /**
  * Called on the EDF worker thread, at most once per run, just before the

@@ -1,4 +1,6 @@
 /* Compiled as strict C99: the public header must be plain C. */
+#include <string.h>
+
 #include <vantix.h>
 
 /* Every callback typedef and record is usable from C. */
@@ -21,6 +23,13 @@ int vantix_header_c99_check(void) {
   (void)aperture;
   result.total = 0.0;
   info.width = 0;
+  /* The inline helpers compile as C99 and give what they document. */
   return VANTIX_FAILED(VANTIX_E_FAIL) && !VANTIX_FAILED(VANTIX_S_OK) &&
-         (int)sizeof(result) + (int)sizeof(info.sdkDefined) > 0;
+         (int)sizeof(result) + (int)sizeof(info.sdkDefined) > 0 &&
+         VANTIX_VERSION == VANTIX_VERSION_MAJOR * 10000 + VANTIX_VERSION_MINOR * 100 +
+                               VANTIX_VERSION_PATCH &&
+         vantix_default_stride(3, 24) == 12 &&
+         strcmp(vantix_result_name(VANTIX_E_INVALIDARG), "E_INVALIDARG") == 0 &&
+         strcmp(vantix_stitch_event_name(VANTIX_STITCH_EVENT_TRACKING_LOST), "TRACKING_LOST") == 0 &&
+         strcmp(vantix_edf_error_name(VANTIX_EDF_ERROR_OUT_OF_MEMORY), "OUT_OF_MEMORY") == 0;
 }
