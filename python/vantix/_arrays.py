@@ -41,7 +41,8 @@ def format_code(fmt):
 
 
 def padded_pitch(width, bits):
-    """Row bytes padded to 4 bytes, as the library's default stride."""
+    """Row bytes padded to 4 bytes: vantix_default_stride of vantix.h (a
+    static inline function, which ctypes cannot call)."""
     return ((width * bits + 31) >> 3) & ~3
 
 

@@ -15,8 +15,8 @@ import numpy as np
 
 from . import _names, _native
 from ._arrays import (depth_warning, format_code, from_address, from_rows,
-                      from_session_layout, layout_of, pointer, sample_bits, session_frame,
-                      widen_samples)
+                      from_session_layout, layout_of, padded_pitch, pointer, sample_bits,
+                      session_frame, widen_samples)
 from ._errors import ProcessingError
 from ._native import lib
 from ._pull import FORMAT_BITS, Pulled, pull as _pull
@@ -230,7 +230,7 @@ class StitchSession(ThreadedSession):
         try:
             header = image.contents
             width, height = header.biWidth, header.biHeight
-            pitch = ((width * 24 + 31) >> 3) & ~3
+            pitch = padded_pitch(width, 24)
             address = ctypes.addressof(header) + header.biSize
             return from_address(address, height, width, pitch, np.uint8, 3)
         finally:
@@ -253,7 +253,7 @@ class StitchSession(ThreadedSession):
                 width, height = self.canvas_size()
         x, y, rw, rh = (int(v) for v in roi) if roi is not None else (0, 0, 0, 0)
         channels = self._canvas_channels
-        pitch = ((int(width) * channels * 8 + 31) // 32) * 4
+        pitch = padded_pitch(int(width), channels * 8)
         buffer = np.empty(pitch * int(height), np.uint8)
         deadline = time.monotonic() + timeout
         while True:
