@@ -11,7 +11,7 @@ build=$(cd "$1" && pwd)
 shift
 here=$(cd "$(dirname "$0")" && pwd)
 VANTIX_LIBRARY="$build/libvantix.so.1"
-VANTIX_SIMCAM="$build/tools/simcam/libvantix_simcam.so"
+VANTIX_SIMCAM="$build/testing/simcam/libvantix_simcam.so"
 VANTIX_ARRAYCAM="$build/tools/arraycam/libvantix_arraycam.so"
 for f in "$VANTIX_LIBRARY" "$VANTIX_SIMCAM" "$VANTIX_ARRAYCAM"; do
   if [ ! -f "$f" ]; then

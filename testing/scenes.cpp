@@ -14,9 +14,8 @@ constexpr double kTwoPi = 6.283185307179586;
 }
 
 cv::Mat photo(const std::string& file, cv::Size size) {
-  const std::string path = file.find('/') == std::string::npos
-                               ? std::string(kPhotoFolder) + "/" + file
-                               : file;
+  const std::string path =
+      file.find('/') == std::string::npos ? std::string(kPhotoFolder) + "/" + file : file;
   cv::Mat image = cv::imread(path, cv::IMREAD_COLOR);
   if (image.empty()) {
     throw std::runtime_error("cannot read " + path +
@@ -63,9 +62,9 @@ cv::Mat sampleWindow(const cv::Mat& scene, cv::Point2d topLeft, cv::Size size) {
 
 const std::array<const char*, 16>& scanPhotos() {
   static const std::array<const char*, 16> photos = {
-      "aloeL.jpg",        "building.jpg", "baboon.jpg",  "graf1.png",
-      "starry_night.jpg", "fruits.jpg",   "leuvenA.jpg", "stuff.jpg",
-      "ela_original.jpg", "board.jpg",    "home.jpg",    "rubberwhale1.png",
+      "aloeL.jpg",        "building.jpg", "baboon.jpg",       "graf1.png",
+      "starry_night.jpg", "fruits.jpg",   "leuvenA.jpg",      "stuff.jpg",
+      "ela_original.jpg", "board.jpg",    "home.jpg",         "rubberwhale1.png",
       "messi5.jpg",       "aero1.jpg",    "squirrel_cls.jpg", "butterfly.jpg"};
   return photos;
 }
@@ -94,7 +93,9 @@ cv::Mat scanScene(const std::string& folder) {
   return scene;
 }
 
-ScanOptions scanOptions640() { return ScanOptions{}; }
+ScanOptions scanOptions640() {
+  return ScanOptions{};
+}
 
 ScanOptions scanOptions720() {
   ScanOptions o;
@@ -205,8 +206,7 @@ ScanSimulator::ScanSimulator(const cv::Mat& scene, const ScanOptions& options)
     if (t.away && speed > options_.frame.height * 0.2) {
       t.blurLength = 41;  // the fast moves of the jump
     } else if (!t.away && options_.blurEvery > 0 &&
-               i % options_.blurEvery == static_cast<size_t>(options_.blurEvery / 2) &&
-               speed > 1) {
+               i % options_.blurEvery == static_cast<size_t>(options_.blurEvery / 2) && speed > 1) {
       t.blurLength = std::clamp(speed, 9.0, 41.0);
     }
     constexpr int kMargin = 30;
@@ -219,8 +219,7 @@ ScanSimulator::ScanSimulator(const cv::Mat& scene, const ScanOptions& options)
   cv::RNG rng(options_.seed * 7919u + 17u);
   noise_.resize(3);
   for (cv::Mat& field : noise_) {
-    field.create(options_.frame.height + kNoiseSlack, options_.frame.width + kNoiseSlack,
-                 CV_16SC3);
+    field.create(options_.frame.height + kNoiseSlack, options_.frame.width + kNoiseSlack, CV_16SC3);
     rng.fill(field, cv::RNG::NORMAL, cv::Scalar::all(0), cv::Scalar::all(options_.noiseSigma));
   }
 }
@@ -283,7 +282,9 @@ cv::Mat steppedDepth(cv::Size size, int steps) {
   return depth;
 }
 
-cv::Mat tiltedDepth(cv::Size size) { return steppedDepth(size, size.width); }
+cv::Mat tiltedDepth(cv::Size size) {
+  return steppedDepth(size, size.width);
+}
 
 cv::Mat hillDepth(cv::Size size) {
   cv::Mat raw(size, CV_64F);
@@ -297,11 +298,12 @@ cv::Mat hillDepth(cv::Size size) {
   }
   double low = 0, high = 0;
   cv::minMaxLoc(raw, &low, &high);
-  cv::Mat depth;
-  if (high > low) {
-    raw.convertTo(depth, CV_32F, 1.0 / (high - low), -low / (high - low));
-  } else {
-    depth = cv::Mat(size, CV_32F, cv::Scalar(0.5));
+  cv::Mat depth(size, CV_32F);
+  for (int y = 0; y < size.height; ++y) {
+    for (int x = 0; x < size.width; ++x) {
+      const double d = high > low ? (raw.at<double>(y, x) - low) / (high - low) : 0.5;
+      depth.at<float>(y, x) = static_cast<float>(std::clamp(d, 0.0, 1.0));
+    }
   }
   return depth;
 }
@@ -336,8 +338,7 @@ cv::Mat BlurLevels::defocus(const cv::Mat& sigma) const {
   return out;
 }
 
-cv::Mat defocusedSlice(const cv::Mat& sharp, const cv::Mat& depth, double focus,
-                       double maxSigma) {
+cv::Mat defocusedSlice(const cv::Mat& sharp, const cv::Mat& depth, double focus, double maxSigma) {
   return BlurLevels(sharp, maxSigma).defocus(cv::abs(depth - focus) * maxSigma);
 }
 
@@ -364,7 +365,8 @@ double psnr(const cv::Mat& a, const cv::Mat& b, const cv::Rect& region) {
 }
 
 cv::Mat moved(const cv::Mat& image, double scale, double dx, double dy) {
-  cv::Mat m = cv::getRotationMatrix2D(cv::Point2f(image.cols / 2.0f, image.rows / 2.0f), 0.0, scale);
+  cv::Mat m =
+      cv::getRotationMatrix2D(cv::Point2f(image.cols / 2.0f, image.rows / 2.0f), 0.0, scale);
   m.at<double>(0, 2) += dx;
   m.at<double>(1, 2) += dy;
   cv::Mat out;
@@ -376,13 +378,20 @@ cv::Mat moved(const cv::Mat& image, double scale, double dx, double dy) {
 // Beams
 // ---------------------------------------------------------------------------
 
-double Moments::dX() const { return 4.0 * std::sqrt(static_cast<double>(xx)); }
-double Moments::dY() const { return 4.0 * std::sqrt(static_cast<double>(yy)); }
+double Moments::dX() const {
+  return 4.0 * std::sqrt(static_cast<double>(xx));
+}
+double Moments::dY() const {
+  return 4.0 * std::sqrt(static_cast<double>(yy));
+}
+long double Moments::spread() const {
+  return std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy);
+}
 double Moments::dMajor() const {
-  return static_cast<double>(2 * std::sqrt(2 * (xx + yy + std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy))));
+  return static_cast<double>(2 * std::sqrt(2 * (xx + yy + spread())));
 }
 double Moments::dMinor() const {
-  return static_cast<double>(2 * std::sqrt(2 * (xx + yy - std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy))));
+  return static_cast<double>(2 * std::sqrt(2 * (xx + yy - spread())));
 }
 
 void addBeam(cv::Mat& image, const Beam& beam, double reach) {

@@ -150,8 +150,7 @@ class BlurLevels {
 };
 
 // The slice focused at depth `focus`: sigma maxSigma * |depth - focus|.
-cv::Mat defocusedSlice(const cv::Mat& sharp, const cv::Mat& depth, double focus,
-                       double maxSigma);
+cv::Mat defocusedSlice(const cv::Mat& sharp, const cv::Mat& depth, double focus, double maxSigma);
 // `count` slices focused at depths evenly spread over 0..1.
 std::vector<cv::Mat> focusStack(const cv::Mat& sharp, const cv::Mat& depth, int count,
                                 double maxSigma);
@@ -184,6 +183,7 @@ struct Moments {
   double dY() const;
   double dMajor() const;  // along the principal axes
   double dMinor() const;
+  long double spread() const;  // difference of the principal second moments
 };
 
 // Adds the beam, point-sampled at pixel centres, to a CV_32F or CV_64F image

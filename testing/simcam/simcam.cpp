@@ -14,6 +14,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "simcam_internal.h"
+#include "testing/scenes.h"
 
 namespace {
 
@@ -83,13 +84,11 @@ cv::Mat testPattern(cv::Size size) {
 
 class PanScene : public Scene {
  public:
-  PanScene(const cv::Mat& scene, cv::Size frame, std::vector<SimcamPoint> path,
-           uint32_t framesPerSegment)
-      : frame_(frame), path_(std::move(path)), framesPerSegment_(framesPerSegment) {
-    scene.convertTo(scene_, CV_32FC3);
-    maxX_ = scene.cols - frame.width;
-    maxY_ = scene.rows - frame.height;
-  }
+  PanScene(cv::Mat scene, cv::Size frame, std::vector<SimcamPoint> path, uint32_t framesPerSegment)
+      : scene_(std::move(scene)),
+        frame_(frame),
+        path_(std::move(path)),
+        framesPerSegment_(framesPerSegment) {}
 
   SimcamPoint position(uint32_t index) const {
     SimcamPoint p = path_.back();
@@ -100,59 +99,32 @@ class PanScene : public Scene {
       const double t = static_cast<double>(index % framesPerSegment_) / framesPerSegment_;
       p = {a.x + t * (b.x - a.x), a.y + t * (b.y - a.y)};
     }
-    p.x = std::clamp(p.x, 0.0, static_cast<double>(maxX_));
-    p.y = std::clamp(p.y, 0.0, static_cast<double>(maxY_));
+    p.x = std::clamp(p.x, 0.0, static_cast<double>(scene_.cols - frame_.width));
+    p.y = std::clamp(p.y, 0.0, static_cast<double>(scene_.rows - frame_.height));
     return p;
   }
 
-  // Bilinear sampling at a constant sub-pixel offset is a weighted sum of
-  // four integer-shifted windows.  A zero fraction drops the windows that
-  // would reach past the clamped border.
   cv::Mat render(uint32_t index) const override {
     const SimcamPoint p = position(index);
-    const int ix = static_cast<int>(std::floor(p.x));
-    const int iy = static_cast<int>(std::floor(p.y));
-    const double fx = p.x - ix;
-    const double fy = p.y - iy;
-    const auto window = [&](int dx, int dy) {
-      return scene_(cv::Rect(ix + dx, iy + dy, frame_.width, frame_.height));
-    };
-    cv::Mat sum = window(0, 0) * ((1 - fx) * (1 - fy));
-    if (fx > 0) sum += window(1, 0) * (fx * (1 - fy));
-    if (fy > 0) sum += window(0, 1) * ((1 - fx) * fy);
-    if (fx > 0 && fy > 0) sum += window(1, 1) * (fx * fy);
-    cv::Mat out;
-    sum.convertTo(out, CV_8UC3);
-    return out;
+    return vtest::sampleWindow(scene_, {p.x, p.y}, frame_);
   }
 
  private:
-  cv::Mat scene_;  // CV_32FC3
+  cv::Mat scene_;
   cv::Size frame_;
   std::vector<SimcamPoint> path_;
   uint32_t framesPerSegment_;
-  int maxX_ = 0;
-  int maxY_ = 0;
 };
 
+// Blurred copies of the sharp image are made once (at most 12 levels); each
+// frame blends, per pixel, the two around that pixel's sigma.
 class FocusScene : public Scene {
  public:
-  FocusScene(cv::Mat sharp, uint32_t frameCount, double maxBlurSigma)
-      : frameCount_(frameCount), maxBlur_(maxBlurSigma) {
-    const cv::Size size = sharp.size();
-    depth_ = makeDepthMap(size);
-    // A stack of globally blurred copies; each pixel blends the two levels
-    // around its own sigma.  Level 0 is the sharp image itself.
-    const int levels =
-        maxBlur_ > 0 ? std::clamp(static_cast<int>(std::ceil(maxBlur_ / 0.25)), 1, 12) : 0;
-    step_ = levels > 0 ? maxBlur_ / levels : 1.0;
-    levels_.resize(levels + 1);
-    sharp.convertTo(levels_[0], CV_32FC3);
-    for (int l = 1; l <= levels; ++l) {
-      cv::GaussianBlur(levels_[0], levels_[l], cv::Size(), l * step_, l * step_,
-                       cv::BORDER_REFLECT);
-    }
-  }
+  FocusScene(const cv::Mat& sharp, uint32_t frameCount, double maxBlurSigma)
+      : frameCount_(frameCount),
+        maxBlur_(maxBlurSigma),
+        depth_(vtest::hillDepth(sharp.size())),
+        levels_(sharp, maxBlurSigma, 12) {}
 
   double depth(uint32_t x, uint32_t y) const {
     return depth_.at<float>(static_cast<int>(y), static_cast<int>(x));
@@ -167,56 +139,20 @@ class FocusScene : public Scene {
   }
 
   cv::Mat render(uint32_t index) const override {
-    const int last = static_cast<int>(levels_.size()) - 1;
-    cv::Mat out(levels_[0].size(), CV_8UC3);
-    for (int y = 0; y < out.rows; ++y) {
-      const auto* depthRow = depth_.ptr<float>(y);
-      auto* dst = out.ptr<cv::Vec3b>(y);
-      for (int x = 0; x < out.cols; ++x) {
-        const double position = sigma(index, depthRow[x]) / step_;
-        const int l = std::min(static_cast<int>(position), std::max(last - 1, 0));
-        const double t = last == 0 ? 0.0 : std::min(position - l, 1.0);
-        const cv::Vec3f& a = levels_[l].at<cv::Vec3f>(y, x);
-        const cv::Vec3f& b = levels_[std::min(l + 1, last)].at<cv::Vec3f>(y, x);
-        for (int c = 0; c < 3; ++c) {
-          dst[x][c] = cv::saturate_cast<uint8_t>((1 - t) * a[c] + t * b[c]);
-        }
+    cv::Mat sigmas(depth_.size(), CV_32F);
+    for (int y = 0; y < depth_.rows; ++y) {
+      for (int x = 0; x < depth_.cols; ++x) {
+        sigmas.at<float>(y, x) = static_cast<float>(sigma(index, depth_.at<float>(y, x)));
       }
     }
-    return out;
+    return levels_.defocus(sigmas);
   }
 
  private:
-  // A tilted plane with a round hill, scaled to span 0..1 exactly.
-  static cv::Mat makeDepthMap(cv::Size size) {
-    cv::Mat raw(size, CV_64F);
-    for (int y = 0; y < size.height; ++y) {
-      for (int x = 0; x < size.width; ++x) {
-        const double u = size.width > 1 ? static_cast<double>(x) / (size.width - 1) : 0.5;
-        const double v = size.height > 1 ? static_cast<double>(y) / (size.height - 1) : 0.5;
-        const double du = u - 0.3;
-        const double dv = v - 0.65;
-        raw.at<double>(y, x) = 0.55 * u + 0.25 * v + 0.45 * std::exp(-(du * du + dv * dv) / 0.04);
-      }
-    }
-    double low = 0;
-    double high = 0;
-    cv::minMaxLoc(raw, &low, &high);
-    cv::Mat depth(size, CV_32F);
-    for (int y = 0; y < size.height; ++y) {
-      for (int x = 0; x < size.width; ++x) {
-        const double d = high > low ? (raw.at<double>(y, x) - low) / (high - low) : 0.5;
-        depth.at<float>(y, x) = static_cast<float>(std::clamp(d, 0.0, 1.0));
-      }
-    }
-    return depth;
-  }
-
   uint32_t frameCount_;
   double maxBlur_;
-  double step_ = 1.0;
-  cv::Mat depth_;                // CV_32F, 0..1
-  std::vector<cv::Mat> levels_;  // CV_32FC3
+  cv::Mat depth_;  // CV_32F, 0..1
+  vtest::BlurLevels levels_;
 };
 
 class SpotScene : public Scene {
@@ -247,9 +183,13 @@ class SpotScene : public Scene {
     return t;
   }
 
+  // Spots are point-sampled at pixel centres within 6 sigma of the centre.
   cv::Mat render(uint32_t index) const override {
     cv::Mat image(frame_, CV_32F, cv::Scalar(background_));
-    for (size_t k = 0; k < spots_.size(); ++k) addSpot(image, truth(index, k));
+    for (size_t k = 0; k < spots_.size(); ++k) {
+      const SimcamSpotTruth t = truth(index, k);
+      vtest::addBeam(image, {t.centerX, t.centerY, t.sigmaX, t.sigmaY, t.angle, t.peak}, 6);
+    }
     if (noise_ > 0) {
       cv::Mat noise(frame_, CV_32F);
       cv::RNG rng((static_cast<uint64_t>(seed_) << 32) ^ (index * 0x9E3779B97F4A7C15ull) ^ 1u);
@@ -262,27 +202,6 @@ class SpotScene : public Scene {
   }
 
  private:
-  // Point-sampled at pixel centres within 6 sigma of the centre.
-  static void addSpot(cv::Mat& image, const SimcamSpotTruth& t) {
-    const double reach = 6 * std::max(t.sigmaX, t.sigmaY);
-    const int x0 = std::max(0, static_cast<int>(std::floor(t.centerX - reach)));
-    const int x1 = std::min(image.cols - 1, static_cast<int>(std::ceil(t.centerX + reach)));
-    const int y0 = std::max(0, static_cast<int>(std::floor(t.centerY - reach)));
-    const int y1 = std::min(image.rows - 1, static_cast<int>(std::ceil(t.centerY + reach)));
-    const double c = std::cos(t.angle * kPi / 180);
-    const double s = std::sin(t.angle * kPi / 180);
-    for (int y = y0; y <= y1; ++y) {
-      auto* row = image.ptr<float>(y);
-      for (int x = x0; x <= x1; ++x) {
-        const double dx = x - t.centerX;
-        const double dy = y - t.centerY;
-        const double u = (dx * c + dy * s) / t.sigmaX;
-        const double v = (-dx * s + dy * c) / t.sigmaY;
-        row[x] += static_cast<float>(t.peak * std::exp(-0.5 * (u * u + v * v)));
-      }
-    }
-  }
-
   cv::Size frame_;
   std::vector<SimcamSpot> spots_;
   double background_;
@@ -672,6 +591,55 @@ SIMCAM_API int32_t simcam_spot_truth(SimcamCamera* camera, uint32_t index, uint3
   if (!spots || spot >= spots->count()) return SIMCAM_E_INVALIDARG;
   *truth = spots->truth(index, spot);
   return SIMCAM_S_OK;
+}
+
+SIMCAM_API int32_t simcam_texture(uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride,
+                                  uint32_t seed) {
+  if (bgr == nullptr) return SIMCAM_E_POINTER;
+  if (!validImage(bgr, width, height, stride)) return SIMCAM_E_INVALIDARG;
+  return guarded([&] {
+    writeRows(
+        vtest::texturedScene(cv::Size(static_cast<int>(width), static_cast<int>(height)), seed),
+        bgr, stride);
+    return SIMCAM_S_OK;
+  });
+}
+
+SIMCAM_API int32_t simcam_blur(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride,
+                               double sigma, uint8_t* out, uint32_t outStride) {
+  if (bgr == nullptr || out == nullptr) return SIMCAM_E_POINTER;
+  if (!validImage(bgr, width, height, stride) || outStride < width * 3 || !(sigma > 0) ||
+      sigma > 100) {
+    return SIMCAM_E_INVALIDARG;
+  }
+  return guarded([&] {
+    cv::Mat blurred;
+    cv::GaussianBlur(importImage(bgr, width, height, stride), blurred, cv::Size(), sigma, sigma,
+                     cv::BORDER_REFLECT_101);
+    writeRows(blurred, out, outStride);
+    return SIMCAM_S_OK;
+  });
+}
+
+SIMCAM_API int32_t simcam_photo_size(const char* file, uint32_t* width, uint32_t* height) {
+  if (file == nullptr || width == nullptr || height == nullptr) return SIMCAM_E_POINTER;
+  return guarded([&] {
+    const cv::Mat image = vtest::photo(file);
+    *width = static_cast<uint32_t>(image.cols);
+    *height = static_cast<uint32_t>(image.rows);
+    return SIMCAM_S_OK;
+  });
+}
+
+SIMCAM_API int32_t simcam_photo(const char* file, uint8_t* bgr, uint32_t width, uint32_t height,
+                                uint32_t stride) {
+  if (file == nullptr || bgr == nullptr) return SIMCAM_E_POINTER;
+  if (!validImage(bgr, width, height, stride)) return SIMCAM_E_INVALIDARG;
+  return guarded([&] {
+    writeRows(vtest::photo(file, cv::Size(static_cast<int>(width), static_cast<int>(height))), bgr,
+              stride);
+    return SIMCAM_S_OK;
+  });
 }
 
 SIMCAM_API void simcam_get_stats(SimcamStats* stats) {

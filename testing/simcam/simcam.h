@@ -237,6 +237,25 @@ SIMCAM_API int32_t simcam_spot_truth(SimcamCamera* camera, uint32_t index, uint3
                                      SimcamSpotTruth* truth);
 
 /* ---------------------------------------------------------------------------
+ * Scene images for hosts and tests (no camera needed).  8-bit B G R rows.
+ * ------------------------------------------------------------------------- */
+
+/* A synthetic scene with detail at several scales and no repetition (every
+ * window registers at one place only); the same seed gives the same scene. */
+SIMCAM_API int32_t simcam_texture(uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride,
+                                  uint32_t seed);
+/* The image blurred by a Gaussian of `sigma` (0 < sigma <= 100; edges
+ * mirrored) into `out`. */
+SIMCAM_API int32_t simcam_blur(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride,
+                               double sigma, uint8_t* out, uint32_t outStride);
+/* A photograph of Debian's opencv-doc sample data (a file name there, or a
+ * path): its size, and the photo resized to width x height (area
+ * interpolation).  SIMCAM_E_INVALIDARG when it cannot be read. */
+SIMCAM_API int32_t simcam_photo_size(const char* file, uint32_t* width, uint32_t* height);
+SIMCAM_API int32_t simcam_photo(const char* file, uint8_t* bgr, uint32_t width, uint32_t height,
+                                uint32_t stride);
+
+/* ---------------------------------------------------------------------------
  * Call counters (per library, across all cameras)
  * ------------------------------------------------------------------------- */
 
