@@ -1,146 +1,110 @@
-// vantix edf FRAME... -o OUT [--kind KIND] [--format 0..3] [--bits 9..16]
+// vantix edf: fuses a focus stack with an EDF session, each frame waited for.
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <string>
-#include <vector>
+#include <memory>
 
-#include "commands.h"
-#include "edf_session.h"
-#include "errors.h"
-#include "image_io.h"
-#include "names.h"
+#include <opencv2/imgproc.hpp>
+
+#include "tool.h"
 
 namespace vtool {
 
 namespace {
 
-const char kUsage[] =
-    "usage: vantix edf FRAME... -o OUT [--kind KIND] [--format 0..3] [--bits 9..16]\n"
-    "\n"
-    "Fuses photographs of one scene taken at different focus into one image\n"
-    "that is sharp everywhere, with an EDF session (vantix_edf_*).  The frames\n"
-    "are pushed in the order given, each waited for, and must all have the\n"
-    "size of the first.\n"
-    "\n"
-    "  FRAME...       8- or 16-bit grey, BGR or BGRA images; a multi-page TIFF\n"
-    "                 gives all its pages, a folder its image files in name\n"
-    "                 order (numbers by value: f2 before f10)\n"
-    "  -o, --out OUT  the fused image\n"
-    "  --kind KIND    pyramid_max    pyramid, largest detail wins (default)\n"
-    "                 pyramid_blend  pyramid, detail-weighted blend\n"
-    "                 stack          focus-measure blend\n"
-    "                 (0, 1 and 2 name the same kinds)\n"
-    "  --format F     pixel format of the session: 0 8-bit BGR (default),\n"
-    "                 1 16-bit BGR, 2 8-bit BGRA, 3 16-bit BGRA\n"
-    "  --bits N       16-bit frames hold N-bit samples (9..16, default 16), e.g.\n"
-    "                 12 for a 12-bit camera's 0..4095: they are scaled to the\n"
-    "                 full 16-bit range (shifted left by 16 - N, larger samples\n"
-    "                 clipped) before they are pushed\n"
-    "\n"
-    "The session works on 8 bits a channel whatever the format: 16-bit frames\n"
-    "are reduced to 8 bits before fusion (a note on stderr says so once and,\n"
-    "when the first 16-bit frame's samples fit in fewer bits, suggests --bits).\n"
-    "Formats 1 and 3 hand the 8-bit result back in 16-bit layout, each sample\n"
-    "times 257 (255 becomes 65535); formats 2 and 3 add an opaque alpha\n"
-    "channel.  PNG and TIFF files keep that layout; PPM keeps 16-bit BGR but no\n"
-    "alpha; other formats get 8-bit samples.\n";
-
-int run(const Args& args) {
-  const uint32_t kind =
-      parseName(kEdfKindNames, args.option("kind").value_or("pyramid_max"), "--kind");
-  const auto format =
-      static_cast<uint32_t>(parseInteger(args.option("format").value_or("0"), "--format", 0, 3));
-  const auto bits =
-      static_cast<int>(parseInteger(args.option("bits").value_or("16"), "--bits", 9, 16));
-  const bool bitsGiven = args.option("bits").has_value();
-  const std::optional<std::string> out = args.option("out");
-  if (!out) throw UsageError("missing -o OUT");
-  checkOutputPath(*out);
-  // The PNM formats hold no alpha channel: refuse before the work, not after.
-  const std::string extension = std::filesystem::path(*out).extension().string();
-  if (CV_MAT_CN(edfFormatType(format)) == 4) {
-    for (const char* pnm : {".ppm", ".pgm", ".pnm", ".pxm", ".pbm"}) {
-      if (equalsIgnoringCase(extension, pnm)) {
-        throw ToolError("cannot write '" + *out + "': " + pnm +
-                        " files hold no alpha channel (--format " + std::to_string(format) +
-                        "); use .png or .tif");
-      }
-    }
+// `image` in the layout of session format 0..3 (8/16-bit B G R, 8/16-bit
+// B G R A): samples widened or narrowed by 257, grey repeated, alpha added
+// (opaque) or dropped.
+cv::Mat toFormat(const cv::Mat& image, uint32_t format) {
+  const int depth = format % 2 ? CV_16U : CV_8U;
+  cv::Mat out = image;
+  if (out.depth() != CV_8U && out.depth() != CV_16U) {
+    throw ToolError(describeType(image.type()) + " frames are not supported (8- or 16-bit)");
   }
-
-  std::vector<std::string> paths;
-  for (size_t i = 0; i < args.positionalCount(); ++i) paths.push_back(args.positional(i));
-  const std::vector<FrameSource> sources = listFrames(paths);
-  const size_t count = sources.size();
-  // Every frame is read before the session starts, so that a bad file stops
-  // the command before any work.
-  std::vector<cv::Mat> frames;
-  bool sixteenBit = false;
-  std::string depthNote;  // about the first 16-bit frame's samples
-  std::string clipNote;   // about the first frame with samples beyond --bits
-  for (const FrameSource& source : sources) {
-    const cv::Mat image = readFrame(source);
-    if (image.depth() == CV_16U && !sixteenBit) {
-      int suggested = 0;
-      depthNote = bitsGiven
-                      ? ", after scaling " + std::to_string(bits) + "-bit samples to 16 bits"
-                      : sampleDepthHint(image, &suggested);
-    }
-    sixteenBit = sixteenBit || image.depth() == CV_16U;
-    bool clipped = false;
-    cv::Mat frame = toEdfFormat(widenSamples(image, bits, &clipped), format);
-    if (clipped && clipNote.empty()) {
-      const std::string top = std::to_string((1 << bits) - 1);
-      clipNote = "vantix: edf: note: " + source.label() + " has samples above " + top +
-                 ", the largest of " + std::to_string(bits) + " bits (--bits " +
-                 std::to_string(bits) + "): they are taken as " + top + "\n";
-    }
-    if (!frames.empty() && frame.size() != frames.front().size()) {
-      throw ToolError(source.label() + " is " + sizeText(frame.size()) + ", the first frame " +
-                      sizeText(frames.front().size()) + ": all frames need the same size");
-    }
-    frames.push_back(std::move(frame));
-  }
-  if (sixteenBit) {
-    std::fprintf(stderr,
-                 "vantix: edf: note: 16-bit frames are fused at 8 bits a channel (the "
-                 "session's working image)%s\n",
-                 depthNote.c_str());
-    std::fputs(clipNote.c_str(), stderr);
-    std::fflush(stderr);
-  }
-
-  EdfSession session(format, kind);
-  double total = 0;
-  for (size_t i = 0; i < frames.size(); ++i) {
-    double ms = 0;
-    try {
-      ms = session.fuse(frames[i]);
-    } catch (const ToolError& e) {
-      throw ToolError("frame " + std::to_string(i + 1) + " of " + std::to_string(count) + " (" +
-                      sources[i].label() + "): " + e.what());
-    }
-    total += ms;
-    std::printf("frame %zu of %zu: %s, %.1f ms\n", i + 1, count, sources[i].label().c_str(), ms);
-    std::fflush(stdout);
-  }
-  const cv::Mat fused = session.fused();
-  const bool reduced = writeImage(*out, fused);
-  std::printf("fused %zu frames (kind %s, format %u) in %.1f ms -> %s (%s%s)\n", count,
-              nameOf(kEdfKindNames, kind).c_str(), format, total, out->c_str(),
-              sizeText(fused.size()).c_str(), reduced ? ", written as 8-bit" : "");
-  return 0;
+  if (out.depth() != depth) out.convertTo(out, depth, depth == CV_16U ? 257.0 : 1.0 / 257.0);
+  const bool alpha = format >= 2;
+  if (out.channels() == 1) cv::cvtColor(out, out, alpha ? cv::COLOR_GRAY2BGRA : cv::COLOR_GRAY2BGR);
+  else if (out.channels() == 3 && alpha) cv::cvtColor(out, out, cv::COLOR_BGR2BGRA);
+  else if (out.channels() == 4 && !alpha) cv::cvtColor(out, out, cv::COLOR_BGRA2BGR);
+  return out.isContinuous() ? out : out.clone();
 }
 
 }  // namespace
 
-Command edfCommand() {
-  return {"edf",
-          "fuse a focus stack into one sharp image (vantix_edf_*)",
-          kUsage,
-          {"FRAME..."},
-          {{"kind", true}, {"format", true}, {"out", true, 'o'}, {"bits", true}},
-          &run};
+Runner addEdf(CLI::App& app) {
+  struct Options {
+    std::vector<std::string> frames;
+    std::string out;
+    uint32_t kind = 0, format = 0;
+    int bits = 16;
+  };
+  auto o = std::make_shared<Options>();
+  CLI::App* cmd = app.add_subcommand("edf", "fuse a focus stack into one sharp image "
+                                            "(vantix_edf_*)");
+  cmd->add_option("FRAME", o->frames, "8- or 16-bit grey, BGR or BGRA images of one size, in "
+                                      "push order; a multi-page TIFF gives its pages, a folder "
+                                      "its images in name order (f2 before f10)")
+      ->required();
+  cmd->add_option("-o,--out", o->out, "the fused image")->required();
+  cmd->add_option("--kind", o->kind, "pyramid_max: largest detail wins (default); "
+                                     "pyramid_blend: detail-weighted; stack: focus-measure blend")
+      ->transform(names("edf_kind"));
+  cmd->add_option("--format", o->format, "session pixel format: 0 8-bit BGR (default), 1 16-bit "
+                                         "BGR, 2 8-bit BGRA, 3 16-bit BGRA")
+      ->check(CLI::Range(0, 3));
+  CLI::Option* bits = cmd->add_option("--bits", o->bits, "16-bit frames hold N-bit samples "
+                                                         "(default 16), scaled to 16 bits")
+                          ->check(CLI::Range(9, 16));
+  cmd->footer("The session fuses at 8 bits a channel: 16-bit frames are reduced (a note on "
+              "stderr says so once).  Formats 1 and 3 give the 8-bit result in 16-bit layout "
+              "(each sample times 257), 2 and 3 add an opaque alpha channel.");
+  return [o, bits] {
+    checkOutputPath(o->out);
+    const std::string extension = std::filesystem::path(o->out).extension();
+    if (o->format >= 2 && (extension == ".ppm" || extension == ".pgm" || extension == ".pnm")) {
+      throw ToolError("cannot write '" + o->out + "': " + extension +
+                      " files hold no alpha channel; use .png or .tif");
+    }
+    const std::vector<FrameSource> sources = listFrames(o->frames);
+    // Every frame is read before the session starts: a bad file stops the
+    // command before any work.
+    FrameReader reader("edf", o->bits, bits->count() > 0);
+    std::vector<cv::Mat> frames;
+    for (const FrameSource& source : sources) {
+      frames.push_back(toFormat(reader.read(source), o->format));
+      if (frames.back().size() != frames.front().size()) {
+        throw ToolError(source.label() + " is " + sizeText(frames.back().size()) +
+                        ", the first frame " + sizeText(frames.front().size()) +
+                        ": all frames need one size");
+      }
+    }
+    EdfRun session(o->format, o->kind);
+    double total = 0;
+    for (size_t i = 0; i < frames.size(); ++i) {
+      const cv::Mat& frame = frames[i];
+      const auto start = std::chrono::steady_clock::now();
+      vantix_edf_pushback(session.get(), frame.data, static_cast<uint32_t>(frame.cols),
+                          static_cast<uint32_t>(frame.rows),
+                          static_cast<uint32_t>(frame.elemSize1() * 8),
+                          static_cast<uint32_t>(frame.step[0]));
+      try {
+        session.waitFor(static_cast<int>(i + 1));
+      } catch (const ToolError& e) {
+        throw ToolError(format("frame %zu of %zu (%s): %s", i + 1, frames.size(),
+                               sources[i].label().c_str(), e.what()));
+      }
+      const std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - start;
+      total += ms.count();
+      std::printf("frame %zu of %zu: %s, %.1f ms\n", i + 1, frames.size(),
+                  sources[i].label().c_str(), ms.count());
+    }
+    const cv::Mat fused = session.fused(frames.front().type());
+    const bool reduced = writeImage(o->out, fused);
+    std::printf("fused %zu frames (kind %s, format %u) in %.1f ms -> %s (%s%s)\n", frames.size(),
+                nameOf("edf_kind", o->kind).c_str(), o->format, total, o->out.c_str(),
+                sizeText(fused.size()).c_str(), reduced ? ", written as 8-bit" : "");
+    return 0;
+  };
 }
 
 }  // namespace vtool

@@ -1,304 +1,264 @@
-// vantix spot IMAGE... [--spots N] [--passes N] [--stream] [--average N]
-//                      [--roi X,Y,W,H] [--aperture CX,CY,A,B]
-//                      [--dark corners|LEVEL] [--csv]
+// vantix spot: every image is handed to the array camera and pulled from it
+// with vantix_spot_pull at its own bit depth, as a host pulls live frames.
+#include <dlfcn.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include "commands.h"
-#include "errors.h"
-#include "image_io.h"
-#include "spot_camera.h"
+#include "../arraycam/arraycam.h"
+#include "tool.h"
 
 namespace vtool {
 
 namespace {
 
-const char kUsage[] =
-    "usage: vantix spot IMAGE... [--spots N] [--passes N] [--stream] [--average N]\n"
-    "                   [--roi X,Y,W,H] [--aperture CX,CY,A,B]\n"
-    "                   [--dark corners|LEVEL] [--csv]\n"
-    "\n"
-    "Measures the bright spots of each image and prints the eleven fields of\n"
-    "every spot record.  Every image is handed to the array camera and pulled\n"
-    "from it with vantix_spot_pull at its own bit depth, as a host pulls live\n"
-    "frames.  By default each image is measured on its own, with a spot session\n"
-    "of its own: the automatic aperture starts as the ellipse inscribed in that\n"
-    "image.  --stream measures the images instead as consecutive frames of one\n"
-    "camera, in the order given, with one session: the aperture found in one\n"
-    "frame is the next frame's, and all images need one size.\n"
-    "\n"
-    "  IMAGE            8- or 16-bit grey or colour image; grey images are\n"
-    "                   pulled as 8- or 16-bit grey frames, colour ones as\n"
-    "                   24- or 48-bit B G R frames; values as stored (raw\n"
-    "                   counts), colour weighed into grey by the library\n"
-    "  --spots N        spots a frame (default 1: one spot in a self-adjusting\n"
-    "                   elliptical aperture; 2 or more: found by segmentation)\n"
-    "  --passes N       measure each image N times in a row and report the last\n"
-    "                   (default 1); with the automatic aperture each pass uses\n"
-    "                   the aperture the one before left (centred on the spot,\n"
-    "                   semi-axes the 4-sigma diameters), so 2 or 3 close in on a\n"
-    "                   spot that the whole-image aperture measures with too\n"
-    "                   much background.  Not with --stream\n"
-    "  --stream         the images are consecutive frames of one camera (one\n"
-    "                   session); an image whose size differs from the one\n"
-    "                   before is an error\n"
-    "  --average N      with N of 2 or more: --stream, averaging the fields over\n"
-    "                   consecutive blocks of N frames (trimmed mean); a row is\n"
-    "                   printed for each complete block, naming its frames, and\n"
-    "                   frames left over at the end are not reported (stderr\n"
-    "                   says so).  Default 1: no averaging\n"
-    "  --roi X,Y,W,H    measure only this rectangle (frame pixels)\n"
-    "  --aperture CX,CY,A,B\n"
-    "                   fixed elliptical aperture: centre and semi-axes\n"
-    "  --dark corners|LEVEL\n"
-    "                   subtract a dark level from each image before it is\n"
-    "                   measured, clamping at 0: the mean of its four corner\n"
-    "                   patches (5 % of each side; per channel), or LEVEL\n"
-    "                   counts.  The measurement takes every value in the\n"
-    "                   aperture as signal, so an offset widens the spot.\n"
-    "                   The level used is reported on stderr.\n"
-    "  --csv            comma-separated values with a header line\n"
-    "\n"
-    "Columns: frame, spot, the eleven fields, file (CSV: frame, file, spot, the\n"
-    "fields).  Averaged rows have block, frames (first-last) and files (first ..\n"
-    "last) instead; their CSV columns are block, first_frame, last_frame,\n"
-    "first_file, last_file, spot and the fields.  An image without signal in\n"
-    "the aperture gives an all-zero record.\n"
-    "\n"
-    "The array camera library is $VANTIX_ARRAYCAM, or libvantix_arraycam.so of\n"
-    "the build or installation.\n";
+// The array camera: $VANTIX_ARRAYCAM, the build tree's
+// tools/arraycam/libvantix_arraycam.so beside this program's folder, or the
+// name alone (the installed run path).  Loaded for the rest of the process,
+// as a host's SDK: the library binds the first camera SDK loaded.
+struct ArrayCamera {
+  ArraycamCamera* (*open)() = nullptr;
+  int32_t (*setFrame)(ArraycamCamera*, const void*, uint32_t, uint32_t, uint32_t, uint32_t,
+                      uint32_t, uint32_t) = nullptr;
+  int32_t (*firstSdk)(char*, size_t) = nullptr;
+  ArraycamCamera* camera = nullptr;
 
-// "a,b,c,d" into four numbers.
-std::vector<double> parseFour(const std::string& text, const std::string& what, bool integers) {
-  std::vector<double> values;
-  size_t start = 0;
-  while (start <= text.size()) {
-    const size_t comma = text.find(',', start);
-    const std::string part =
-        text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-    if (integers) {
-      values.push_back(static_cast<double>(parseInteger(part, what, 0, 1 << 30)));
-    } else {
-      char* end = nullptr;
-      const double value = std::strtod(part.c_str(), &end);
-      if (part.empty() || *end != '\0') throwUsage(what + " must be four numbers, not '" + text + "'");
-      values.push_back(value);
+  ArrayCamera() {
+    std::string path = "libvantix_arraycam.so";
+    char self[PATH_MAX] = {};
+    if (const char* env = std::getenv("VANTIX_ARRAYCAM"); env != nullptr && *env != '\0') {
+      path = env;
+    } else if (readlink("/proc/self/exe", self, sizeof self - 1) > 0) {
+      std::string dir = self;
+      dir = dir.substr(0, dir.rfind('/'));  // <build>/tools/vantix
+      const std::string candidate = dir.substr(0, dir.rfind('/')) + "/arraycam/" + path;
+      if (access(candidate.c_str(), R_OK) == 0) path = candidate;
     }
-    if (comma == std::string::npos) break;
-    start = comma + 1;
-  }
-  if (values.size() != 4) throwUsage(what + " must be four comma-separated values, not '" + text + "'");
-  return values;
-}
-
-uint32_t pullBits(const cv::Mat& image) {
-  const bool wide = image.depth() == CV_16U;
-  if (image.channels() == 1) return wide ? 16 : 8;
-  return wide ? 48 : 24;
-}
-
-// Prints the records of a frame, or of an averaged block of frames, as a
-// table or as CSV.
-class RecordPrinter {
- public:
-  RecordPrinter(bool csv, bool blocks) : csv_(csv), blocks_(blocks) {}
-
-  void header() const {
-    const std::vector<std::string>& names = spotFieldNames();
-    if (csv_) {
-      std::printf(blocks_ ? "block,first_frame,last_frame,first_file,last_file,spot"
-                          : "frame,file,spot");
-      for (const std::string& name : names) std::printf(",%s", name.c_str());
-      std::printf("\n");
-      return;
+    void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+      throw ToolError("cannot load the array camera '" + path + "': " + dlerror() +
+                      " (give its path with VANTIX_ARRAYCAM)");
     }
-    std::printf(blocks_ ? "%5s %9s" : "%5s", blocks_ ? "block" : "frame", "frames");
-    std::printf(" %4s %12s %9s %9s %9s %9s %7s %8s %9s %9s %9s %9s  %s\n", "spot", "total",
-                "centerX", "centerY", "major", "minor", "ellipt", "angle", "apX", "apY", "apA",
-                "apB", blocks_ ? "files" : "file");
-  }
-
-  // One frame (`first` == `last`, no blocks) or block `block` of frames
-  // first..last.
-  void records(const std::vector<SpotResult>& records, size_t block, size_t first, size_t last,
-               const std::string& firstFile, const std::string& lastFile) const {
-    for (size_t k = 0; k < records.size(); ++k) {
-      const std::vector<double> f = spotFields(records[k]);
-      if (csv_) {
-        if (blocks_) {
-          std::printf("%zu,%zu,%zu,%s,%s,%zu", block, first, last, firstFile.c_str(),
-                      lastFile.c_str(), k);
-        } else {
-          std::printf("%zu,%s,%zu", first, firstFile.c_str(), k);
-        }
-        for (const double value : f) std::printf(",%.10g", value);
-        std::printf("\n");
-        continue;
-      }
-      std::string files = firstFile;
-      if (blocks_) {
-        std::printf("%5zu %9s", block, (std::to_string(first) + "-" + std::to_string(last)).c_str());
-        files += " .. " + lastFile;
-      } else {
-        std::printf("%5zu", first);
-      }
-      std::printf(" %4zu %12.0f %9.3f %9.3f %9.3f %9.3f %7.4f %8.3f %9.2f %9.2f %9.2f %9.2f  %s\n",
-                  k, f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10],
-                  files.c_str());
+    const auto resolve = [&](auto& fn, const char* name) {
+      void* symbol = dlsym(library, name);
+      std::memcpy(&fn, &symbol, sizeof symbol);
+      if (symbol == nullptr) throw ToolError("'" + path + "' is not the array camera library");
+    };
+    resolve(open, "arraycam_open");
+    resolve(setFrame, "arraycam_set_frame");
+    resolve(firstSdk, "arraycam_first_sdk");
+    char other[1024] = {};
+    if (firstSdk(other, sizeof other) != 1) {
+      throw ToolError(std::string("the camera SDK '") + other + "' was loaded before the array "
+                      "camera, and the library pulls from the first SDK loaded only");
     }
+    camera = open();
+    if (camera == nullptr) throw ToolError("the array camera cannot open a camera");
   }
-
- private:
-  bool csv_, blocks_;
 };
 
-int run(const Args& args) {
-  const auto spots = static_cast<uint32_t>(
-      parseInteger(args.option("spots").value_or("1"), "--spots", 1, 64));
-  const auto average = static_cast<uint32_t>(
-      parseInteger(args.option("average").value_or("1"), "--average", 1, 1000));
-  const auto passes = static_cast<int>(
-      parseInteger(args.option("passes").value_or("1"), "--passes", 1, 100));
-  const bool csv = args.flag("csv");
-  // Averaging is over consecutive frames of one session: it implies --stream.
-  const bool stream = args.flag("stream") || average >= 2;
-  if (stream && args.option("passes")) {
-    throwUsage(std::string("--passes measures each image on its own; it does not go with ") +
-               (args.flag("stream") ? "--stream" : "--average"));
-  }
-  const size_t fileCount = args.positionalCount();
-  if (average >= 2 && fileCount < average) {
-    throwUsage("--average " + std::to_string(average) + " needs at least " +
-               std::to_string(average) + " images for one block, " + std::to_string(fileCount) +
-               " given");
-  }
+// "a,b,c,d" as four numbers.
+CLI::Validator fourNumbers() {
+  return CLI::Validator(
+      [](std::string& text) {
+        double v[4];
+        char rest = 0;
+        return std::sscanf(text.c_str(), "%lf,%lf,%lf,%lf%c", &v[0], &v[1], &v[2], &v[3],
+                           &rest) == 4
+                   ? std::string()
+                   : "'" + text + "' is not four comma-separated numbers";
+      },
+      "A,B,C,D");
+}
 
-  std::optional<cv::Rect> roi;
-  if (const auto text = args.option("roi")) {
-    const std::vector<double> v = parseFour(*text, "--roi", true);
-    if (v[2] < 1 || v[3] < 1) throwUsage("--roi needs a width and height of at least 1");
-    roi = cv::Rect(static_cast<int>(v[0]), static_cast<int>(v[1]), static_cast<int>(v[2]),
-                   static_cast<int>(v[3]));
-  }
-  std::optional<SpotAperture> aperture;
-  if (const auto text = args.option("aperture")) {
-    const std::vector<double> v = parseFour(*text, "--aperture", false);
-    if (!(v[2] > 0 && v[3] > 0)) throwUsage("--aperture needs semi-axes greater than 0");
-    aperture = SpotAperture{v[0], v[1], v[2], v[3]};
-  }
-  // --dark: "corners", or a level in counts.
-  bool darkCorners = false;
-  double darkLevel = -1;
-  if (const auto dark = args.option("dark")) {
-    if (*dark == "corners") {
-      darkCorners = true;
-    } else {
-      char* end = nullptr;
-      darkLevel = std::strtod(dark->c_str(), &end);
-      if (dark->empty() || *end != '\0' || !(darkLevel >= 0 && darkLevel <= 65535)) {
-        throwUsage("--dark is 'corners' or a level of 0 to 65535, not '" + *dark + "'");
-      }
-    }
-  }
-
-  // Read every file first, so that a bad one fails before any output.
-  std::vector<cv::Mat> images;
-  for (size_t i = 0; i < fileCount; ++i) {
-    cv::Mat image = readImage(args.positional(i));
-    if (image.depth() != CV_8U && image.depth() != CV_16U) {
-      throw ToolError("'" + args.positional(i) + "' is " + describeType(image.type()) +
-                      "; spot frames are 8- or 16-bit");
-    }
-    // Frames of one camera keep one size; the session's aperture and
-    // records would not carry over to a frame of another.
-    if (stream && i > 0 && image.size() != images.back().size()) {
-      throw ToolError("'" + args.positional(i) + "' is " + sizeText(image.size()) + ", '" +
-                      args.positional(i - 1) + "' before it " + sizeText(images.back().size()) +
-                      ": frames of one stream need one size (drop --stream" +
-                      (average >= 2 ? " and --average" : "") + " to measure each image on its own)");
-    }
-    images.push_back(image);
-  }
-
-  // The camera is opened before any output, so that a missing camera
-  // library fails cleanly.
-  ArrayCamera camera(arraycamLibraryPath());
-
-  auto newSession = [&]() {
-    auto session = std::make_unique<SpotSession>(spots, stream ? average : 1);
-    if (roi) session->setRoi(*roi);
-    if (aperture) session->setAperture(*aperture);
-    return session;
-  };
-  std::unique_ptr<SpotSession> session = stream ? newSession() : nullptr;
-
-  const bool blocks = average >= 2;
-  const RecordPrinter printer(csv, blocks);
-  printer.header();
-  for (size_t i = 0; i < images.size(); ++i) {
-    const std::string& file = args.positional(i);
-    cv::Mat image = images[i];
-    if (darkCorners || darkLevel >= 0) {
-      const cv::Scalar level = darkCorners ? cornerDarkLevel(image) : cv::Scalar::all(darkLevel);
-      image = subtractDarkLevel(image, level);
-      std::string text;
-      for (int c = 0; c < std::min(image.channels(), 3); ++c) {
-        char value[32];
-        std::snprintf(value, sizeof value, "%s%.0f", c > 0 ? " " : "", std::round(level[c]));
-        text += value;
-      }
-      std::fflush(stdout);
-      std::fprintf(stderr, "vantix: spot: %s: dark level %s subtracted\n", file.c_str(),
-                   text.c_str());
-      std::fflush(stderr);
-    }
-    camera.show(image);  // raw bit depth: the sample size
-    if (!stream) session = newSession();
-    std::vector<SpotResult> records;
-    for (int pass = 0; pass < (stream ? 1 : passes); ++pass) {
-      records = session->pull(camera, pullBits(image));
-    }
-    if (!blocks) {
-      printer.records(records, 0, i, i, file, file);
-    } else if ((i + 1) % average == 0) {
-      // The library reports the block's trimmed mean with its last frame.
-      const size_t first = i + 1 - average;
-      printer.records(records, i / average, first, i, args.positional(first), file);
-    }
-  }
-  std::fflush(stdout);
-  if (blocks && images.size() % average != 0) {
-    const size_t left = images.size() % average;
-    const std::string which =
-        left == 1 ? "the last file does" : "the last " + std::to_string(left) + " files do";
-    std::fprintf(stderr, "vantix: spot: %s not complete a block of %u; not reported\n",
-                 which.c_str(), average);
-  }
-  return 0;
+std::vector<double> fieldsOf(const SpotResult& r) {
+  return {r.total, r.centerX, r.centerY, r.majorDiameter, r.minorDiameter, r.ellipticity,
+          r.angle, r.apertureX, r.apertureY, r.apertureA, r.apertureB};
 }
 
 }  // namespace
 
-Command spotCommand() {
-  return {"spot",
-          "measure laser spots: centre, 4-sigma diameters (vantix_spot_pull)",
-          kUsage,
-          {"IMAGE..."},
-          {{"spots", true},
-           {"average", true},
-           {"passes", true},
-           {"stream", false},
-           {"roi", true},
-           {"aperture", true},
-           {"csv", false},
-           {"dark", true}},
-          &run};
+Runner addSpot(CLI::App& app) {
+  struct Options {
+    std::vector<std::string> files;
+    uint32_t spots = 1, average = 1;
+    int passes = 1;
+    bool stream = false, csv = false;
+    std::string roi, aperture, dark;
+  };
+  auto o = std::make_shared<Options>();
+  CLI::App* cmd = app.add_subcommand("spot", "measure laser spots: centre, 4-sigma diameters "
+                                             "(vantix_spot_pull)");
+  cmd->add_option("IMAGE", o->files, "8- or 16-bit grey or colour images, pulled as 8/16-bit "
+                                     "grey or 24/48-bit B G R frames, values as stored")
+      ->required();
+  cmd->add_option("--spots", o->spots, "spots a frame (default 1: one spot in a self-adjusting "
+                                       "elliptical aperture; 2 or more: by segmentation)")
+      ->check(CLI::Range(1, 64));
+  CLI::Option* passes =
+      cmd->add_option("--passes", o->passes, "measure each image N times, each pass in the "
+                                             "aperture the one before left; report the last")
+          ->check(CLI::Range(1, 100));
+  cmd->add_flag("--stream", o->stream, "the images are consecutive frames "
+                                                             "of one camera: one session, one "
+                                                             "size")
+                            ->excludes(passes);
+  cmd->add_option("--average", o->average, "with --stream, a row of trimmed means for each "
+                                               "complete block of N frames")
+          ->check(CLI::Range(1, 1000))
+          ->excludes(passes);
+  cmd->add_option("--roi", o->roi, "measure only this rectangle X,Y,W,H")->check(fourNumbers());
+  cmd->add_option("--aperture", o->aperture, "fixed elliptical aperture CX,CY,A,B")
+      ->check(fourNumbers());
+  cmd->add_option("--dark", o->dark, "subtract a dark level, clamping at 0: 'corners' (the mean "
+                                     "of the four 5 % corner patches, per channel) or LEVEL "
+                                     "counts; the level used goes to stderr");
+  cmd->add_flag("--csv", o->csv, "comma-separated values with a header line");
+  cmd->footer("By default each image is measured on its own, with a session of its own.  The "
+              "array camera library is $VANTIX_ARRAYCAM, or libvantix_arraycam.so of the build "
+              "or installation.");
+  return [o] {
+    const bool stream = o->stream || o->average >= 2, blocks = o->average >= 2;
+    if (blocks && o->files.size() < o->average) {
+      throw UsageError(format("--average %u needs at least %u images, %zu given", o->average,
+                              o->average, o->files.size()));
+    }
+    double roi[4] = {}, aperture[4] = {}, darkLevel = -1;
+    std::sscanf(o->roi.c_str(), "%lf,%lf,%lf,%lf", &roi[0], &roi[1], &roi[2], &roi[3]);
+    std::sscanf(o->aperture.c_str(), "%lf,%lf,%lf,%lf", &aperture[0], &aperture[1], &aperture[2],
+                &aperture[3]);
+    if (!o->roi.empty() && (roi[0] < 0 || roi[1] < 0 || roi[2] < 1 || roi[3] < 1)) {
+      throw UsageError("--roi needs X, Y of at least 0 and a width and height of at least 1");
+    }
+    if (!o->aperture.empty() && !(aperture[2] > 0 && aperture[3] > 0)) {
+      throw UsageError("--aperture needs semi-axes greater than 0");
+    }
+    if (!o->dark.empty() && o->dark != "corners") {
+      char rest = 0;
+      if (std::sscanf(o->dark.c_str(), "%lf%c", &darkLevel, &rest) != 1 ||
+          !(darkLevel >= 0 && darkLevel <= 65535)) {
+        throw UsageError("--dark is 'corners' or a level of 0 to 65535, not '" + o->dark + "'");
+      }
+    }
+    // Every file is read first, so that a bad one fails before any output.
+    std::vector<cv::Mat> images;
+    for (const std::string& file : o->files) {
+      images.push_back(readImage(file));
+      if (images.back().depth() != CV_8U && images.back().depth() != CV_16U) {
+        throw ToolError("'" + file + "' is " + describeType(images.back().type()) +
+                        "; spot frames are 8- or 16-bit");
+      }
+      if (stream && images.size() > 1 && images.back().size() != images.front().size()) {
+        throw ToolError("'" + file + "' is " + sizeText(images.back().size()) + ", the first " +
+                        sizeText(images.front().size()) + ": frames of one stream need one size "
+                        "(drop --stream to measure each image on its own)");
+      }
+    }
+    ArrayCamera camera;  // before any output: a missing library fails cleanly
+    initLibrary();
+    std::unique_ptr<VantixSpot, void (*)(VantixSpot*)> session(nullptr, &vantix_spot_delete);
+    const auto newSession = [&] {
+      session.reset(vantix_spot_new(o->spots, stream ? o->average : 1));
+      if (!o->roi.empty()) {
+        vantix_spot_setRoi(session.get(), uint32_t(roi[0]), uint32_t(roi[1]), uint32_t(roi[2]),
+                           uint32_t(roi[3]));
+      }
+      if (!o->aperture.empty()) {
+        vantix_spot_setAperture(session.get(),
+                                SpotAperture{aperture[0], aperture[1], aperture[2], aperture[3]});
+      }
+    };
+    const char* const names[] = {"total", "centerX", "centerY", "majorDiameter",
+                                 "minorDiameter", "ellipticity", "angle", "apertureX",
+                                 "apertureY", "apertureA", "apertureB"};
+    if (o->csv) {
+      std::printf(blocks ? "block,first_frame,last_frame,first_file,last_file,spot" : "frame,file,spot");
+      for (const char* name : names) std::printf(",%s", name);
+      std::printf("\n");
+    } else {
+      std::printf("%5s %9s %4s %12s %9s %9s %9s %9s %7s %8s %9s %9s %9s %9s  %s\n",
+                  blocks ? "block" : "frame", blocks ? "frames" : "", "spot", "total", "centerX",
+                  "centerY", "major", "minor", "ellipt", "angle", "apX", "apY", "apA", "apB",
+                  blocks ? "files" : "file");
+    }
+    std::vector<SpotResult> records(o->spots);
+    std::vector<uint8_t> buffer;
+    for (size_t i = 0; i < images.size(); ++i) {
+      cv::Mat image = images[i];
+      if (!o->dark.empty()) {
+        cv::Scalar level = cv::Scalar::all(darkLevel);
+        if (darkLevel < 0) {  // corners
+          const cv::Size patch(std::max(1, cvRound(0.05 * image.cols)),
+                               std::max(1, cvRound(0.05 * image.rows)));
+          level = cv::Scalar();
+          for (const cv::Point corner : {cv::Point(0, 0), cv::Point(image.cols - patch.width, 0),
+                                         cv::Point(0, image.rows - patch.height),
+                                         cv::Point(image.cols - patch.width,
+                                                   image.rows - patch.height)}) {
+            level += cv::mean(image(cv::Rect(corner, patch))) * 0.25;
+          }
+          if (image.channels() == 4) level[3] = 0;
+        }
+        for (int c = 0; c < 4; ++c) level[c] = std::round(level[c]);
+        cv::subtract(image, level, image);  // saturates at 0
+        std::string text;
+        for (int c = 0; c < std::min(image.channels(), 3); ++c) {
+          text += format("%s%.0f", c > 0 ? " " : "", level[c]);
+        }
+        std::fflush(stdout);
+        std::fprintf(stderr, "vantix: spot: %s: dark level %s subtracted\n",
+                     o->files[i].c_str(), text.c_str());
+      }
+      const uint32_t sample = image.depth() == CV_16U ? 16 : 8;
+      check(camera.setFrame(camera.camera, image.data, uint32_t(image.cols), uint32_t(image.rows),
+                            sample, uint32_t(image.channels()), uint32_t(image.step), 0),
+            "arraycam_set_frame");
+      if (!stream || !session) newSession();
+      const uint32_t bits = image.channels() == 1 ? sample : 3 * sample;
+      buffer.resize(size_t(vantix_default_stride(uint32_t(image.cols), bits)) * image.rows);
+      for (int pass = 0; pass < (stream ? 1 : o->passes); ++pass) {
+        // A frame without signal leaves the records as they were: zeros
+        // make it read as total 0, not as the frame before.
+        std::fill(records.begin(), records.end(), SpotResult{});
+        FrameInfoV2 info{};
+        check(vantix_spot_pull(session.get(), camera.camera, 1, buffer.data(), bits, 0, &info,
+                               records.data()),
+              "vantix_spot_pull");
+      }
+      // With blocks the library reports the trimmed mean with a block's last frame.
+      if (blocks && (i + 1) % o->average != 0) continue;
+      const size_t first = blocks ? i + 1 - o->average : i;
+      const std::string frames = blocks ? format("%zu-%zu", first, i) : "";
+      const std::string files =
+          blocks ? o->files[first] + (o->csv ? "," : " .. ") + o->files[i] : o->files[i];
+      for (size_t k = 0; k < records.size(); ++k) {
+        const std::vector<double> f = fieldsOf(records[k]);
+        if (o->csv) {
+          if (blocks) std::printf("%zu,%zu,%zu,%s,%zu", i / o->average, first, i, files.c_str(), k);
+          else std::printf("%zu,%s,%zu", i, files.c_str(), k);
+          for (const double value : f) std::printf(",%.10g", value);
+          std::printf("\n");
+        } else {
+          std::printf("%5zu %9s %4zu %12.0f %9.3f %9.3f %9.3f %9.3f %7.4f %8.3f %9.2f %9.2f "
+                      "%9.2f %9.2f  %s\n", blocks ? i / o->average : i, frames.c_str(), k, f[0],
+                      f[1], f[2], f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10], files.c_str());
+        }
+      }
+    }
+    std::fflush(stdout);
+    if (blocks && images.size() % o->average != 0) {
+      std::fprintf(stderr, "vantix: spot: the last %zu file(s) do not complete a block of %u; "
+                   "not reported\n", images.size() % o->average, o->average);
+    }
+    return 0;
+  };
 }
 
 }  // namespace vtool

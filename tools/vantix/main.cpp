@@ -1,51 +1,16 @@
 // vantix: command-line access to libvantix's image operations.
 //
-// Every failure ends as exactly one line "vantix: ..." on stderr and a
-// non-zero exit status (2 for a wrong command line, 1 otherwise).
+// Every failure ends as one line "vantix: ..." on stderr and a non-zero exit
+// status: 2 for a wrong command line, 1 for work that failed.
 #include <cstdio>
 #include <exception>
 #include <new>
-#include <string>
-#include <vector>
 
-#include <opencv2/core.hpp>
 #include <opencv2/core/utils/logger.hpp>
 
-#include "commands.h"
-#include "errors.h"
+#include "tool.h"
 
 namespace {
-
-using vtool::Command;
-
-const std::vector<Command>& commandTable() {
-  static const std::vector<Command> table = {
-      vtool::resizeCommand(),
-      vtool::demosaicCommand(),
-      vtool::edgeCommand(),
-      vtool::edfCommand(),
-      vtool::stitchCommand(),
-      vtool::spotCommand(),
-      vtool::demoCommand(),
-  };
-  return table;
-}
-
-void printOverview(std::FILE* out) {
-  std::fprintf(out,
-               "usage: vantix <command> [arguments] [options]\n"
-               "\n"
-               "Image operations of libvantix from the command line.\n"
-               "\n"
-               "commands:\n");
-  for (const Command& command : commandTable()) {
-    std::fprintf(out, "  %-10s %s\n", command.name, command.summary);
-  }
-  std::fprintf(out,
-               "\n"
-               "'vantix <command> --help' describes a command.\n"
-               "Exit status: 0 success, 1 failure, 2 wrong command line.\n");
-}
 
 int fail(const std::string& message, int status) {
   std::fflush(stdout);
@@ -53,59 +18,53 @@ int fail(const std::string& message, int status) {
   return status;
 }
 
-int dispatch(int argc, char** argv) {
-  if (argc < 2) return fail("missing command (see 'vantix --help')", 2);
-  const std::string name = argv[1];
-  if (name == "--help" || name == "-h" || name == "help") {
-    if (name == "help" && argc > 2) {
-      for (const Command& command : commandTable()) {
-        if (command.name == std::string(argv[2])) {
-          std::fputs(command.usage, stdout);
-          return 0;
-        }
-      }
-      return fail("unknown command '" + std::string(argv[2]) + "' (see 'vantix --help')", 2);
-    }
-    printOverview(stdout);
-    return 0;
-  }
-  const Command* command = nullptr;
-  for (const Command& candidate : commandTable()) {
-    if (name == candidate.name) command = &candidate;
-  }
-  if (command == nullptr) return fail("unknown command '" + name + "' (see 'vantix --help')", 2);
-
-  const std::vector<std::string> arguments(argv + 2, argv + argc);
-  try {
-    const vtool::Args args(command->name, arguments, command->options, command->positionals);
-    if (args.helpRequested()) {
-      std::fputs(command->usage, stdout);
-      return 0;
-    }
-    return command->run(args);
-  } catch (const vtool::UsageError& e) {
-    return fail(std::string(command->name) + ": " + e.what() + " (see 'vantix " + command->name +
-                    " --help')",
-                2);
-  } catch (const vtool::ToolError& e) {
-    return fail(std::string(command->name) + ": " + e.what(), 1);
-  } catch (const cv::Exception& e) {
-    return fail(std::string(command->name) + ": OpenCV error: " + e.err, 1);
-  } catch (const std::bad_alloc&) {
-    return fail(std::string(command->name) + ": out of memory", 1);
-  } catch (const std::exception& e) {
-    return fail(std::string(command->name) + ": " + e.what(), 1);
-  }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   // OpenCV's own warnings would add lines to the tool's one-line errors.
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  CLI::App app("Image operations of libvantix from the command line.", "vantix");
+  app.require_subcommand(1);
+  app.footer("'vantix <command> --help' describes a command.\n"
+             "Exit status: 0 success, 1 failure, 2 wrong command line.");
+  std::vector<std::pair<CLI::App*, vtool::Runner>> commands;
+  for (auto add : {vtool::addResize, vtool::addDemosaic, vtool::addEdge, vtool::addEdf,
+                   vtool::addStitch, vtool::addSpot, vtool::addDemo}) {
+    vtool::Runner run = add(app);
+    commands.emplace_back(app.get_subcommands({}).back(), std::move(run));
+  }
+  // The subcommand a message is about: the one named on the command line.
+  const auto chosen = [&]() -> std::string {
+    for (const auto& command : commands) {
+      if (command.first->parsed()) return command.first->get_name();
+    }
+    return "";
+  };
   try {
-    return dispatch(argc, argv);
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help
+    const std::string name = chosen();
+    const std::string where = name.empty() ? "" : name + ": ";
+    return fail(where + e.what() + " (see 'vantix " + (name.empty() ? "" : name + " ") +
+                    "--help')",
+                2);
+  }
+  const std::string name = chosen();
+  try {
+    for (auto& command : commands) {
+      if (command.first->parsed()) return command.second();
+    }
+    return fail("missing command (see 'vantix --help')", 2);
+  } catch (const vtool::UsageError& e) {
+    return fail(name + ": " + e.what() + " (see 'vantix " + name + " --help')", 2);
+  } catch (const cv::Exception& e) {
+    return fail(name + ": OpenCV error: " + e.err, 1);
+  } catch (const std::bad_alloc&) {
+    return fail(name + ": out of memory", 1);
+  } catch (const std::exception& e) {
+    return fail(name + ": " + e.what(), 1);
   } catch (...) {
-    return fail("internal error", 1);
+    return fail(name + ": internal error", 1);
   }
 }
