@@ -1,13 +1,18 @@
 """The simulated camera SDK, loaded into the test process the way a host
-loads its camera SDK, and its control interface (tools/simcam/simcam.h)."""
+loads its camera SDK (globally: the library finds it among loaded objects),
+its control interface (testing/simcam/simcam.h) and its scene images."""
 
-import ctypes
+import ctypes as _c
 import os
 
 import numpy as np
+import pytest
 
-_c = ctypes
-_cam = _c.c_void_p
+_cam, _u32, _i32, _p = _c.c_void_p, _c.c_uint32, _c.c_int32, _c.c_void_p
+
+
+_SPOT = ("centerX", "centerY", "sigmaX", "sigmaY", "angle", "peak", "orbitRadius",
+         "orbitPeriod", "breathAmplitude", "breathPeriod")
 
 
 class Point(_c.Structure):
@@ -15,128 +20,119 @@ class Point(_c.Structure):
 
 
 class Spot(_c.Structure):
-    _fields_ = [(n, _c.c_double) for n in (
-        "centerX", "centerY", "sigmaX", "sigmaY", "angle", "peak", "orbitRadius",
-        "orbitPeriod", "breathAmplitude", "breathPeriod")]
+    _fields_ = [(n, _c.c_double) for n in _SPOT]
 
 
 class SpotTruth(_c.Structure):
-    _fields_ = [(n, _c.c_double) for n in (
-        "centerX", "centerY", "sigmaX", "sigmaY", "angle", "peak")]
+    _fields_ = [(n, _c.c_double) for n in _SPOT[:6]]
 
 
-_SIGNATURES = {
-    "simcam_open": (_cam, [_c.c_uint32, _c.c_uint32]),
-    "simcam_close": (None, [_cam]),
-    "simcam_set_result": (None, [_cam, _c.c_int32]),
-    "simcam_frame_index": (_c.c_uint32, [_cam]),
-    "simcam_render": (_c.c_int32, [_cam, _c.c_uint32, _c.c_void_p, _c.c_int32, _c.c_int32]),
-    "simcam_set_still": (_c.c_int32, [_cam, _c.c_void_p, _c.c_uint32, _c.c_uint32,
-                                      _c.c_uint32]),
-    "simcam_set_pan": (_c.c_int32, [_cam, _c.c_void_p, _c.c_uint32, _c.c_uint32, _c.c_uint32,
-                                    _c.POINTER(Point), _c.c_uint32, _c.c_uint32]),
-    "simcam_pan_position": (_c.c_int32, [_cam, _c.c_uint32, _c.POINTER(Point)]),
-    "simcam_set_focus_sweep": (_c.c_int32, [_cam, _c.c_void_p, _c.c_uint32, _c.c_uint32,
-                                            _c.c_uint32, _c.c_uint32, _c.c_double]),
-    "simcam_set_spots": (_c.c_int32, [_cam, _c.POINTER(Spot), _c.c_uint32, _c.c_double,
-                                      _c.c_double, _c.c_uint32]),
-    "simcam_spot_truth": (_c.c_int32, [_cam, _c.c_uint32, _c.c_uint32,
-                                       _c.POINTER(SpotTruth)]),
-}
-
-_PULL_LAYOUT = {8: (np.uint8, 1), 16: (np.uint16, 1), 24: (np.uint8, 3), 32: (np.uint8, 4),
-                48: (np.uint16, 3), 64: (np.uint16, 4)}
+lib = _c.CDLL(os.environ["VANTIX_SIMCAM"], mode=os.RTLD_GLOBAL)
+for _name, _restype, _argtypes in (
+        ("simcam_open", _cam, [_u32, _u32]),
+        ("simcam_close", None, [_cam]),
+        ("simcam_set_result", None, [_cam, _i32]),
+        ("simcam_default_pitch", _u32, [_u32, _i32]),
+        ("simcam_render", _i32, [_cam, _u32, _p, _i32, _i32]),
+        ("simcam_set_pan", _i32, [_cam, _p, _u32, _u32, _u32, _c.POINTER(Point), _u32, _u32]),
+        ("simcam_pan_position", _i32, [_cam, _u32, _c.POINTER(Point)]),
+        ("simcam_set_focus_sweep", _i32, [_cam, _p, _u32, _u32, _u32, _u32, _c.c_double]),
+        ("simcam_set_spots", _i32, [_cam, _c.POINTER(Spot), _u32, _c.c_double, _c.c_double,
+                                    _u32]),
+        ("simcam_spot_truth", _i32, [_cam, _u32, _u32, _c.POINTER(SpotTruth)]),
+        ("simcam_texture", _i32, [_p, _u32, _u32, _u32, _u32]),
+        ("simcam_blur", _i32, [_p, _u32, _u32, _u32, _c.c_double, _p, _u32]),
+        ("simcam_photo_size", _i32, [_c.c_char_p, _c.POINTER(_u32), _c.POINTER(_u32)]),
+        ("simcam_photo", _i32, [_c.c_char_p, _p, _u32, _u32, _u32])):
+    getattr(lib, _name).restype, getattr(lib, _name).argtypes = _restype, _argtypes
 
 
-class SimcamLibrary:
-    def __init__(self, path):
-        # Global, as a host's SDK: the library finds it among loaded objects.
-        self.lib = _c.CDLL(path, mode=os.RTLD_GLOBAL)
-        for name, (restype, argtypes) in _SIGNATURES.items():
-            fn = getattr(self.lib, name)
-            fn.restype, fn.argtypes = restype, argtypes
+def _bgr(image):
+    image = np.ascontiguousarray(image, np.uint8)
+    assert image.ndim == 3 and image.shape[2] == 3
+    return image, image.shape[1], image.shape[0], image.strides[0]
 
-    def open(self, width, height):
-        return Camera(self.lib, width, height)
+
+def texture(height, width, seed):
+    """A B G R scene with detail at several scales that registers uniquely."""
+    scene = np.empty((height, width, 3), np.uint8)
+    assert lib.simcam_texture(scene.ctypes.data, width, height, width * 3, seed) == 0
+    return scene
+
+
+def blur(image, sigma):
+    """A B G R image blurred by a Gaussian of `sigma`."""
+    image, w, h, stride = _bgr(image)
+    out = np.empty_like(image)
+    assert lib.simcam_blur(image.ctypes.data, w, h, stride, sigma, out.ctypes.data, stride) == 0
+    return out
+
+
+def photo(name):
+    """A photograph of opencv-doc as B G R (the test is skipped without it)."""
+    w, h = _u32(), _u32()
+    if lib.simcam_photo_size(name.encode(), _c.byref(w), _c.byref(h)) != 0:
+        pytest.skip(f"{name} of opencv-doc is not installed")
+    image = np.empty((h.value, w.value, 3), np.uint8)
+    assert lib.simcam_photo(name.encode(), image.ctypes.data, w, h, w.value * 3) == 0
+    return image
+
+
+def twelve_bit(image):
+    """8-bit samples as a 12-bit sensor gives them (top bits repeated below),
+    which the library reduces to the same 8-bit values."""
+    return image.astype(np.uint16) * 16 + image // 16
 
 
 class Camera:
     """A simulated camera; usable wherever the bindings take a camera."""
 
-    def __init__(self, lib, width, height):
-        self.lib = lib
+    def __init__(self, width, height):
         self.size = (width, height)
         self.handle = lib.simcam_open(width, height)
         assert self.handle, "simcam_open failed"
         self._as_parameter_ = _c.c_void_p(self.handle)
 
-    def close(self):
-        self.lib.simcam_close(self.handle)
-
     def __enter__(self):
         return self
 
     def __exit__(self, *exc):
-        self.close()
-
-    @staticmethod
-    def _bgr(image):
-        image = np.ascontiguousarray(image, np.uint8)
-        assert image.ndim == 3 and image.shape[2] == 3
-        return image, image.shape[1], image.shape[0], image.strides[0]
+        lib.simcam_close(self.handle)
 
     def set_result(self, code):
-        self.lib.simcam_set_result(self.handle, _c.c_int32(code & 0xFFFFFFFF).value)
-
-    def frame_index(self):
-        return self.lib.simcam_frame_index(self.handle)
-
-    def set_still(self, image):
-        image, w, h, stride = self._bgr(image)
-        assert self.lib.simcam_set_still(self.handle, image.ctypes.data, w, h, stride) == 0
+        lib.simcam_set_result(self.handle, _c.c_int32(code & 0xFFFFFFFF).value)
 
     def set_pan(self, scene, path, frames_per_segment):
-        scene, w, h, stride = self._bgr(scene)
-        self._scene = scene  # the simulator may keep reading it
+        self._scene, w, h, stride = _bgr(scene)  # the simulator keeps reading it
         points = (Point * len(path))(*(Point(x, y) for x, y in path))
-        assert self.lib.simcam_set_pan(self.handle, scene.ctypes.data, w, h, stride, points,
-                                       len(path), frames_per_segment) == 0
+        assert lib.simcam_set_pan(self.handle, self._scene.ctypes.data, w, h, stride, points,
+                                  len(path), frames_per_segment) == 0
 
     def pan_position(self, index):
         p = Point()
-        assert self.lib.simcam_pan_position(self.handle, index, _c.byref(p)) == 0
+        assert lib.simcam_pan_position(self.handle, index, _c.byref(p)) == 0
         return p.x, p.y
 
     def set_focus_sweep(self, image, frame_count, max_blur_sigma):
-        image, w, h, stride = self._bgr(image)
-        assert self.lib.simcam_set_focus_sweep(self.handle, image.ctypes.data, w, h, stride,
-                                               frame_count, max_blur_sigma) == 0
+        image, w, h, stride = _bgr(image)
+        assert lib.simcam_set_focus_sweep(self.handle, image.ctypes.data, w, h, stride,
+                                          frame_count, max_blur_sigma) == 0
 
-    def set_spots(self, spots, background=0.0, noise=0.0, seed=1):
+    def set_spots(self, spots):
         array = (Spot * len(spots))(*(Spot(**s) for s in spots))
-        assert self.lib.simcam_set_spots(self.handle, array, len(spots), background, noise,
-                                         seed) == 0
+        assert lib.simcam_set_spots(self.handle, array, len(spots), 0.0, 0.0, 1) == 0
 
-    def spot_truth(self, index, spot=0):
+    def spot_truth(self, index):
         t = SpotTruth()
-        assert self.lib.simcam_spot_truth(self.handle, index, spot, _c.byref(t)) == 0
+        assert lib.simcam_spot_truth(self.handle, index, 0, _c.byref(t)) == 0
         return t
 
     def render(self, index, bits=24):
-        """Frame `index` as a pull would deliver it (ground truth)."""
-        dtype, channels = _PULL_LAYOUT[bits]
+        """Frame `index` as a pull delivers it: the ground truth of a pull."""
+        dtype, channels = {8: (np.uint8, 1), 16: (np.uint16, 1), 24: (np.uint8, 3)}[bits]
         w, h = self.size
-        pitch = (w * bits + 31) // 32 * 4
+        pitch = lib.simcam_default_pitch(w, bits)
         buffer = np.zeros(pitch * h, np.uint8)
-        assert self.lib.simcam_render(self.handle, index, buffer.ctypes.data, bits, 0) == 0
+        assert lib.simcam_render(self.handle, index, buffer.ctypes.data, bits, 0) == 0
         rows = buffer.reshape(h, pitch)[:, :w * bits // 8].copy().view(dtype)
         return rows.reshape(h, w) if channels == 1 else rows.reshape(h, w, channels)
-
-
-_loaded = {}
-
-
-def load(path):
-    if path not in _loaded:
-        _loaded[path] = SimcamLibrary(path)
-    return _loaded[path]

@@ -1,12 +1,11 @@
 """resize and demosaic against results computed here with numpy, and
 demosaic against a photograph."""
 
-import os
-
 import numpy as np
 import pytest
 
 import vantix
+from simcam import photo
 
 RNG = np.random.default_rng(7)
 
@@ -15,14 +14,9 @@ def _random(shape, dtype, top):
     return RNG.integers(0, top + 1, size=shape).astype(dtype)
 
 
-@pytest.mark.parametrize("shape,dtype,bits,top", [
-    ((9, 13), np.uint8, None, 255),
-    ((9, 13, 3), np.uint8, None, 255),
-    ((9, 13, 4), np.uint8, None, 255),
-    ((9, 13), np.uint16, 12, 4095),
-    ((9, 13, 3), np.uint16, 16, 65535),
-    ((9, 13, 3), np.uint16, 10, 1023),
-])
+@pytest.mark.parametrize("shape,dtype,bits,top", [((9, 13, 4), np.uint8, None, 255),
+                                                   ((9, 13), np.uint16, 12, 4095),
+                                                   ((9, 13, 3), np.uint16, 16, 65535)])
 def test_nearest_doubling_repeats_every_pixel(shape, dtype, bits, top):
     image = _random(shape, dtype, top)
     out = vantix.resize(image, (26, 18), interpolation="nearest", bits=bits)
@@ -48,22 +42,9 @@ def test_area_halving_averages_blocks_and_strided_input_is_read_right():
         vantix.resize(padded, (64, 40), out=np.zeros((40, 64, 3), np.uint16))
 
 
-def test_layouts_the_library_does_not_take_are_refused():
-    for bad in (np.zeros((4, 4, 4), np.uint16), np.zeros((4, 4), np.float32),
-                np.zeros((4, 4, 2), np.uint8)):
-        with pytest.raises(ValueError):
-            vantix.resize(bad, (8, 8))
-
-
 # Colour sites of each pattern in a 2 x 2 cell: (row, column) of R and B.
 _SITES = {"RGGB": ((0, 0), (1, 1)), "BGGR": ((1, 1), (0, 0)),
           "GRBG": ((0, 1), (1, 0)), "GBRG": ((1, 0), (0, 1))}
-
-
-def _patches(dtype, top):
-    """Flat colour patches of 12 x 12 pixels (B G R) and their colours."""
-    colours = _random((4, 5, 3), dtype, top)
-    return colours.repeat(12, axis=0).repeat(12, axis=1), colours
 
 
 def _mosaic(bgr, pattern):
@@ -75,17 +56,14 @@ def _mosaic(bgr, pattern):
 
 
 def _interiors(image):
-    """Pixels at least 3 away from every patch border."""
-    h, w = image.shape[:2]
-    keep = ((np.arange(h) % 12 >= 3) & (np.arange(h) % 12 < 9))[:, None] & \
-           ((np.arange(w) % 12 >= 3) & (np.arange(w) % 12 < 9))[None, :]
-    return image[keep]
+    """The pixels of 12 x 12 patches at least 3 from their borders."""
+    return image.reshape(4, 12, 5, 12, -1)[:, 3:9, :, 3:9]
 
 
 @pytest.mark.parametrize("dtype,bits,top", [(np.uint8, None, 255), (np.uint16, 12, 4095)])
 @pytest.mark.parametrize("pattern", ["RGGB", "BGGR", "GRBG", "GBRG"])
 def test_demosaic_restores_flat_colours(dtype, bits, top, pattern):
-    bgr, _ = _patches(dtype, top)
+    bgr = _random((4, 5, 3), dtype, top).repeat(12, axis=0).repeat(12, axis=1)  # flat patches
     raw = _mosaic(bgr, pattern)
     for algorithm in ("bilinear", "edge_aware"):
         out = vantix.demosaic(raw, pattern=pattern.lower(), bits=bits, algorithm=algorithm)
@@ -96,19 +74,13 @@ def test_demosaic_restores_flat_colours(dtype, bits, top, pattern):
     np.testing.assert_array_equal(_interiors(rgba[:, :, 2::-1]), _interiors(bgr))
 
 
-PHOTO = "/usr/share/doc/opencv-doc/examples/data/baboon.jpg"
-
-
 def _psnr(image, truth):
     d = (image.astype(float) - truth)[4:-4, 4:-4]
     return 10 * np.log10(255.0 ** 2 / (d ** 2).mean())
 
 
 def test_demosaic_of_a_photo_mosaicked_in_each_pattern_gives_its_true_colours():
-    image = pytest.importorskip("PIL.Image")
-    if not os.path.exists(PHOTO):
-        pytest.skip(f"{PHOTO} (opencv-doc) is not installed")
-    bgr = np.asarray(image.open(PHOTO).convert("RGB"))[:, :, ::-1]
+    bgr = photo("baboon.jpg")
     for algorithm, floor in (("bilinear", 22), ("vng", 15), ("ea", 22)):
         scores = {}
         for pattern in _SITES:
@@ -119,20 +91,3 @@ def test_demosaic_of_a_photo_mosaicked_in_each_pattern_gives_its_true_colours():
         assert min(scores.values()) > floor, (algorithm, scores)
         assert max(scores.values()) - min(scores.values()) < 1, (algorithm, scores)
 
-
-def test_demosaic_refusals_and_unknown_names():
-    raw = np.zeros((8, 8), np.uint8)
-    with pytest.raises(vantix.NotImplementedByLibraryError):
-        vantix.demosaic(raw, algorithm="edge_aware", order="BGRA")
-    with pytest.raises(vantix.InvalidArgumentError):
-        vantix.demosaic(np.zeros((8, 8), np.uint16), bits=17)
-    for bad in (np.zeros((1, 8), np.uint8), np.zeros((8, 8, 3), np.uint8)):
-        with pytest.raises(ValueError):
-            vantix.demosaic(bad)
-    for call, listed in ((lambda: vantix.demosaic(raw, pattern="RGBG"), "'GBRG'"),
-                         (lambda: vantix.demosaic(raw, algorithm="fast"), r"'edge_aware' \(or 'ea'\)"),
-                         (lambda: vantix.demosaic(raw, order="xyz"), "'rgba'"),
-                         (lambda: vantix.resize(raw, (4, 4), interpolation=9), "'lanczos'"),
-                         (lambda: vantix.resize(raw, (0, 4)), "at least 1")):
-        with pytest.raises(ValueError, match=listed):
-            call()

@@ -1,6 +1,8 @@
-"""Session lifetimes the bindings must survive: a session finalised on its
-own worker thread, and an interpreter exiting with sessions running."""
+"""Threads and lifetimes: callbacks on the worker thread, a raising
+callback, stops from elsewhere, sessions closed or collected while running,
+and an interpreter exiting with sessions running."""
 
+import gc
 import os
 import subprocess
 import sys
@@ -8,44 +10,104 @@ import threading
 import time
 import weakref
 
-import vantix
-from scenes import textured_scene
+import numpy as np
+import pytest
 
-FRAME = textured_scene(60, 80, seed=9)
+import vantix
+from simcam import texture
+
+W, H = 160, 120
+SCENE = texture(200, 600, seed=3)
+FRAMES = [SCENE[40:40 + H, 30 * i:30 * i + W] for i in range(12)]
 
 
 def _threads():
     return len(os.listdir("/proc/self/task"))
 
 
-def test_a_callback_that_drops_the_last_reference_to_its_session():
-    """The session is finalised on its worker thread, inside the callback,
-    where it must not be stopped (the stop would wait for that very thread):
-    it is closed from a helper thread once the callback has returned."""
+@pytest.mark.parametrize("stop", [False, True])
+def test_a_callback_runs_on_the_worker_thread_and_its_error_reaches_the_caller(stop):
+    seen, holder = [], {}
+
+    def callback(item):
+        seen.append(threading.get_ident())
+        if stop:
+            holder["s"].stop()  # refused: the stop would wait for this very thread
+        raise KeyError("from the callback")
+
+    holder["s"] = session = vantix.StitchSession(W, H, callback=callback, copy_canvas=True)
+    session.start()
+    session.push(FRAMES[0])
+    session.wait_for(vantix.StitchFrame, 1, timeout=None)
+    with pytest.raises(vantix.CallbackError) as caught:
+        session.close()  # once the worker has ended
+    assert isinstance(caught.value.__cause__, RuntimeError if stop else KeyError)
+    assert list(session.events(timeout=0)) == [] and seen and threading.get_ident() not in seen
+    holder.clear()
+    with pytest.raises(ValueError):
+        session.push(FRAMES[0])  # closed
+
+
+def test_a_halted_worker_never_leaves_a_waiting_push_hanging():
+    with vantix.StitchSession(W, H) as session:
+        session.start()
+        session.push(FRAMES[0], wait=True)
+        session.drain()  # placed first, before the worker sees the next
+        # A frame of another size (refused by push, so given beneath it)
+        # makes the worker fail and stop.
+        session._push_prepared(np.ascontiguousarray(SCENE[:H // 2, :W // 2]), W // 2 * 3)
+        session.push(FRAMES[1], wait=True)  # returns: the worker has halted
+        session.drain()
+        assert session.halted
+        assert next(e for e in session.events(timeout=60)
+                    if isinstance(e, vantix.StitchEvent)).code == 1
+        session.stop()
+        session.start()  # resumes
+        session.push(FRAMES[1], wait=True)
+        session.drain()
+        assert not session.halted
+
+
+def test_stop_from_another_thread_while_pushing_with_a_busy_callback():
+    session = vantix.StitchSession(W, H, callback=lambda item: sum(range(20000)))
+    session.start()
+    result = {}
+    stopper = threading.Thread(target=lambda: result.setdefault("pano", session.stop()))
+    for i, frame in enumerate(FRAMES):
+        session.push(frame)  # frames pushed after the stop are dropped
+        if i == 4:
+            stopper.start()
+    stopper.join()
+    assert not session.running
+    assert result["pano"] is None or result["pano"].shape[2] == 3
+    session.close()
+    session.close()  # idempotent
+
+
+def test_sessions_dropped_while_running_end_their_threads():
+    """Closed, released, freed by the collector (a cycle through their
+    callback), or released inside their own callback: closed then from a
+    helper thread, as a stop there would wait for the very thread."""
     before = _threads()
-    trigger, dropped = threading.Event(), threading.Event()
-
-    def make():
+    for how in ("close", "release", "cycle", "in_callback"):
         holder = {}
-
-        def on_report(item):
-            if trigger.is_set() and holder:
-                holder.clear()  # the last reference: finalised right here
-                dropped.set()
-
-        holder["session"] = vantix.StitchSession(80, 60, callback=on_report)
-        holder["session"].start()
-        return weakref.ref(holder["session"])
-
-    ref = make()
-    trigger.set()
-    ref().push(FRAME)
-    assert dropped.wait(timeout=20)
-    for _ in range(2000):
-        if ref() is None and _threads() == before:
-            break
-        time.sleep(0.01)
-    assert ref() is None and _threads() == before
+        callback = {"cycle": lambda item, h=holder: h["s"].running,
+                    "in_callback": lambda item, h=holder: h.clear()}.get(how)
+        session = vantix.StitchSession(W, H, callback=callback).start()
+        if callback:
+            holder["s"] = session
+        for frame in FRAMES[:6]:
+            session.push(frame)
+        if how == "close":
+            session.close()
+        gone = weakref.ref(session)
+        del session, holder, callback
+        gc.collect()
+        # The worker and the canvas's drawing thread have ended (in the
+        # callback's case, once the helper thread's close has run).
+        assert how == "in_callback" or (gone() is None and _threads() == before), how
+        while gone() is not None or _threads() != before:
+            time.sleep(0.01)
 
 
 EXIT_SCRIPT = """
@@ -64,6 +126,6 @@ print("leaving")
 def test_the_interpreter_exits_cleanly_with_sessions_running():
     python_dir = os.path.join(os.path.dirname(__file__), "..")
     run = subprocess.run([sys.executable, "-c", EXIT_SCRIPT], cwd=python_dir,
-                         capture_output=True, text=True, timeout=120)
-    assert run.returncode == 0, run.stderr
-    assert run.stdout.strip() == "leaving" and run.stderr == ""
+                         capture_output=True, text=True)
+    assert run.returncode == 0 and run.stdout.strip() == "leaving" and run.stderr == "", \
+        run.stderr
