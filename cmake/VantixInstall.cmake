@@ -2,7 +2,7 @@
 # (find_package(vantix) -> vantix::vantix) and vantix.pc.
 #
 # Components: "runtime" (libvantix.so.1 and its versioned file), "devel"
-# (header, libvantix.so link, CMake package, vantix.pc), plus "tool" and
+# (headers vantix.h and the header-only C++ layer vantix.hpp, libvantix.so link, CMake package, vantix.pc), plus "tool" and
 # "simcam" from tools/.  A plain `cmake --install` installs all of them.
 # tools/arraycam/ adds the array camera to "runtime" (lib/) and its header
 # to "devel" (include/vantix/).
@@ -19,7 +19,7 @@ install(TARGETS vantix EXPORT vantixTargets
     COMPONENT runtime
     NAMELINK_COMPONENT devel
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/include/vantix.h
+install(FILES ${PROJECT_SOURCE_DIR}/include/vantix.h ${PROJECT_SOURCE_DIR}/include/vantix.hpp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT devel)
 
 # OpenCV is linked PRIVATE, so the exported target names only the library

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks that an installed libvantix can be used from C.
+# Checks that an installed libvantix can be used from C and C++.
 #
 #   examples/check_install.sh [SOURCE_DIR [SCRATCH_DIR [BUILD_DIR]]]
 #
@@ -74,7 +74,8 @@ libdir=$(dirname "$(dirname "${pc:-$prefix/lib/pkgconfig/vantix.pc}")")
 shopt -s nullglob
 versioned=("$libdir"/libvantix.so.1.*.*)
 shopt -u nullglob
-check "header include/vantix.h" test -f "$prefix/include/vantix.h"
+check "headers include/vantix.h and vantix.hpp" \
+  test -f "$prefix/include/vantix.h" -a -f "$prefix/include/vantix.hpp"
 check "versioned library ${versioned[0]:-libvantix.so.1.x.y}" test ${#versioned[@]} -eq 1
 check "links libvantix.so.1 and libvantix.so" \
   test -L "$libdir/libvantix.so.1" -a -L "$libdir/libvantix.so" -a -e "$libdir/libvantix.so"
@@ -195,6 +196,9 @@ run_examples() { # run_examples LABEL DIR
 
   log=$(cd "$dir" && ./resize_demosaic "$dir/resized.ppm") && echo "$log" || fail "$label resize_demosaic ran"
   check "$label resize_demosaic: 200x150 PPM" pnm_ok "$dir/resized.ppm" P6 200 150
+
+  log=$(cd "$dir" && ./edf_fuse "$dir/fused_half.ppm") && echo "$log" || fail "$label edf_fuse ran"
+  check "$label edf_fuse (C++): fused and halved to a 160x120 PPM" pnm_ok "$dir/fused_half.ppm" P6 160 120
 
   # No argument: the example's default is the installed simulator.
   log=$(cd "$dir" && ./spot_pull) && echo "$log" || fail "$label spot_pull ran"

@@ -22,7 +22,7 @@
 /* 318 pixels of 3 bytes: rows of 954 bytes, padded to 956 in the output. */
 enum { W = 318, H = 240, OUT_W = 200, OUT_H = 150 };
 
-static uint32_t stride24(int width) { return ((uint32_t)width * 24 + 31) / 32 * 4; }
+static uint32_t stride24(int width) { return vantix_default_stride((uint32_t)width, 24); }
 
 /* A smooth colour scene: channel c (0 B, 1 G, 2 R) at (x, y). */
 static uint8_t scene(int x, int y, int c) {

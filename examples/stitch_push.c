@@ -111,7 +111,7 @@ int main(int argc, char **argv) {
   vantix_stitch_delete(session);
   if (!pano) { fprintf(stderr, "no panorama\n"); return 1; }
   const int w = pano->biWidth, h = pano->biHeight;
-  const size_t stride = ((size_t)w * 24 + 31) / 32 * 4;
+  const size_t stride = vantix_default_stride((uint32_t)w, 24);
   const uint8_t *pixels = (const uint8_t *)pano + pano->biSize;
   FILE *f = fopen(out, "wb");
   if (!f) { perror(out); return 1; }
