@@ -6,7 +6,6 @@ import ctypes as _c
 import os
 
 import numpy as np
-import pytest
 
 _cam, _u32, _i32, _p = _c.c_void_p, _c.c_uint32, _c.c_int32, _c.c_void_p
 
@@ -35,15 +34,12 @@ for _name, _restype, _argtypes in (
         ("simcam_default_pitch", _u32, [_u32, _i32]),
         ("simcam_render", _i32, [_cam, _u32, _p, _i32, _i32]),
         ("simcam_set_pan", _i32, [_cam, _p, _u32, _u32, _u32, _c.POINTER(Point), _u32, _u32]),
-        ("simcam_pan_position", _i32, [_cam, _u32, _c.POINTER(Point)]),
         ("simcam_set_focus_sweep", _i32, [_cam, _p, _u32, _u32, _u32, _u32, _c.c_double]),
         ("simcam_set_spots", _i32, [_cam, _c.POINTER(Spot), _u32, _c.c_double, _c.c_double,
                                     _u32]),
         ("simcam_spot_truth", _i32, [_cam, _u32, _u32, _c.POINTER(SpotTruth)]),
         ("simcam_texture", _i32, [_p, _u32, _u32, _u32, _u32]),
-        ("simcam_blur", _i32, [_p, _u32, _u32, _u32, _c.c_double, _p, _u32]),
-        ("simcam_photo_size", _i32, [_c.c_char_p, _c.POINTER(_u32), _c.POINTER(_u32)]),
-        ("simcam_photo", _i32, [_c.c_char_p, _p, _u32, _u32, _u32])):
+        ("simcam_blur", _i32, [_p, _u32, _u32, _u32, _c.c_double, _p, _u32])):
     getattr(lib, _name).restype, getattr(lib, _name).argtypes = _restype, _argtypes
 
 
@@ -66,16 +62,6 @@ def blur(image, sigma):
     out = np.empty_like(image)
     assert lib.simcam_blur(image.ctypes.data, w, h, stride, sigma, out.ctypes.data, stride) == 0
     return out
-
-
-def photo(name):
-    """A photograph of opencv-doc as B G R (the test is skipped without it)."""
-    w, h = _u32(), _u32()
-    if lib.simcam_photo_size(name.encode(), _c.byref(w), _c.byref(h)) != 0:
-        pytest.skip(f"{name} of opencv-doc is not installed")
-    image = np.empty((h.value, w.value, 3), np.uint8)
-    assert lib.simcam_photo(name.encode(), image.ctypes.data, w, h, w.value * 3) == 0
-    return image
 
 
 def twelve_bit(image):
@@ -107,11 +93,6 @@ class Camera:
         points = (Point * len(path))(*(Point(x, y) for x, y in path))
         assert lib.simcam_set_pan(self.handle, self._scene.ctypes.data, w, h, stride, points,
                                   len(path), frames_per_segment) == 0
-
-    def pan_position(self, index):
-        p = Point()
-        assert lib.simcam_pan_position(self.handle, index, _c.byref(p)) == 0
-        return p.x, p.y
 
     def set_focus_sweep(self, image, frame_count, max_blur_sigma):
         image, w, h, stride = _bgr(image)

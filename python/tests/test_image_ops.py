@@ -1,11 +1,9 @@
-"""resize and demosaic against results computed here with numpy, and
-demosaic against a photograph."""
+"""resize and demosaic against results computed here with numpy."""
 
 import numpy as np
 import pytest
 
 import vantix
-from simcam import photo
 
 RNG = np.random.default_rng(7)
 
@@ -65,29 +63,11 @@ def _interiors(image):
 def test_demosaic_restores_flat_colours(dtype, bits, top, pattern):
     bgr = _random((4, 5, 3), dtype, top).repeat(12, axis=0).repeat(12, axis=1)  # flat patches
     raw = _mosaic(bgr, pattern)
-    for algorithm in ("bilinear", "edge_aware"):
+    for algorithm in ("bilinear", "edge_aware") + (("vng",) if bits is None else ()):
         out = vantix.demosaic(raw, pattern=pattern.lower(), bits=bits, algorithm=algorithm)
         assert out.shape == bgr.shape and out.dtype == dtype and out.flags.c_contiguous
         np.testing.assert_array_equal(_interiors(out), _interiors(bgr))
     rgba = np.empty(bgr.shape[:2] + (4,), dtype)
     assert vantix.demosaic(raw, pattern=pattern, bits=bits, order="RGBA", out=rgba) is rgba
     np.testing.assert_array_equal(_interiors(rgba[:, :, 2::-1]), _interiors(bgr))
-
-
-def _psnr(image, truth):
-    d = (image.astype(float) - truth)[4:-4, 4:-4]
-    return 10 * np.log10(255.0 ** 2 / (d ** 2).mean())
-
-
-def test_demosaic_of_a_photo_mosaicked_in_each_pattern_gives_its_true_colours():
-    bgr = photo("baboon.jpg")
-    for algorithm, floor in (("bilinear", 22), ("vng", 15), ("ea", 22)):
-        scores = {}
-        for pattern in _SITES:
-            out = vantix.demosaic(_mosaic(bgr, pattern), pattern, algorithm=algorithm)
-            scores[pattern] = _psnr(out, bgr)
-            # Red and blue exchanged would be far worse.
-            assert _psnr(out[:, :, ::-1], bgr) < scores[pattern] - 5, (algorithm, pattern)
-        assert min(scores.values()) > floor, (algorithm, scores)
-        assert max(scores.values()) - min(scores.values()) < 1, (algorithm, scores)
 

@@ -84,6 +84,9 @@ def test_stop_from_another_thread_while_pushing_with_a_busy_callback():
     session.close()  # idempotent
 
 
+KEPT = {}  # a session reachable from its callback without a reference cycle
+
+
 def test_sessions_dropped_while_running_end_their_threads():
     """Closed, released, freed by the collector (a cycle through their
     callback), or released inside their own callback: closed then from a
@@ -92,14 +95,15 @@ def test_sessions_dropped_while_running_end_their_threads():
     for how in ("close", "release", "cycle", "in_callback"):
         holder = {}
         callback = {"cycle": lambda item, h=holder: h["s"].running,
-                    "in_callback": lambda item, h=holder: h.clear()}.get(how)
-        session = vantix.StitchSession(W, H, callback=callback).start()
-        if callback:
-            holder["s"] = session
+                    "in_callback": lambda item: KEPT.pop("armed", 0) and KEPT.clear()}.get(how)
+        session = holder["s"] = vantix.StitchSession(W, H, callback=callback).start()
         for frame in FRAMES[:6]:
             session.push(frame)
         if how == "close":
             session.close()
+        if how == "in_callback":  # the next report drops the last reference
+            KEPT.update(s=session, armed=1)
+            session.push(FRAMES[6])
         gone = weakref.ref(session)
         del session, holder, callback
         gc.collect()

@@ -1,13 +1,11 @@
 """Stitching end to end: frames cut from a scene at known shifts land there,
 and the panorama is the scene."""
 
-import warnings
-
 import numpy as np
 import pytest
 
 import vantix
-from simcam import Camera, texture, twelve_bit
+from simcam import Camera, texture
 
 W, H = 160, 120
 SCENE = texture(700, 1200, seed=4)
@@ -63,19 +61,6 @@ def test_painted_is_what_the_canvas_drew():
     assert not black[painted].any() and black[~painted].all()
 
 
-def test_a_twelve_bit_scan_with_bits_12_stitches_as_its_eight_bit_original():
-    """12-bit data given as 16-bit keep 17 grey levels: one warning says so."""
-    frames = _cut(SCENE, [(300 + 9 * i, 200 + i % 4) for i in range(20)])
-    eight = vantix.stitch(frames)
-    twelve = vantix.stitch(map(twelve_bit, frames), bits=12)
-    np.testing.assert_array_equal(twelve.image, eight.image)
-    assert twelve.frames == eight.frames
-    with warnings.catch_warnings(record=True) as caught:
-        warnings.simplefilter("always")
-        vantix.stitch(map(twelve_bit, frames))
-    assert [(w.category, "bits=12" in str(w.message)) for w in caught] == [(UserWarning, True)]
-
-
 @pytest.mark.parametrize("fmt", ["BGR8", "BGRA16"])
 def test_pushed_frames_land_at_their_shifts_and_the_views_show_the_scene(fmt):
     shifts = [(30 * i, 5 * (i % 3)) for i in range(8)]
@@ -86,8 +71,8 @@ def test_pushed_frames_land_at_their_shifts_and_the_views_show_the_scene(fmt):
             if fmt == "BGRA16":
                 frame = np.dstack([frame, np.full((H, W), 255, np.uint8)]).astype(np.uint16) * 257
             session.push(frame, wait=True)
-        session.drain()
-        reports = [e for e in session.events(timeout=0) if isinstance(e, vantix.StitchFrame)]
+        placed = (e for e in session.events(timeout=60) if isinstance(e, vantix.StitchFrame))
+        reports = [next(placed) for _ in frames]
         panorama = session.stop()
         x, y, w, h = session.crop_rect()
         view = session.readdata(w // 2, h // 2, roi=(x, y, w, h))
@@ -114,7 +99,7 @@ def test_a_pan_pulled_from_the_camera_and_the_camera_failing():
                 len(pulled.info) == {2: 24, 3: 40, 4: 104}[version]
             session.wait_for(vantix.StitchFrame, i + 1, timeout=None)
         panorama = session.stop()
-        (x0, y0), (x1, y1) = camera.pan_position(0), camera.pan_position(10)
+        (x0, y0), (x1, y1) = (40, 120), (400, 150)  # frames 0 and 10
         assert abs(panorama.shape[1] - (W + x1 - x0)) <= 2
         assert abs(panorama.shape[0] - (H + y1 - y0)) <= 2
         region = SCENE[int(y0):int(y0) + panorama.shape[0], int(x0):int(x0) + panorama.shape[1]]
