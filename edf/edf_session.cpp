@@ -1,19 +1,11 @@
 #include "edf/edf_session.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <exception>
 
 #include "api/pixel_format.h"
 
 namespace vantix {
-
-namespace {
-
-constexpr auto kIdleSleep = std::chrono::milliseconds(20);
-
-}  // namespace
 
 CEdfSession::CEdfSession(uint32_t format, uint32_t kind, VantixEdfFrameFn onFrame,
                          VantixEdfErrorFn onError, void* context)
@@ -25,13 +17,21 @@ CEdfSession::CEdfSession(uint32_t format, std::unique_ptr<CEdfFuser> fuser,
       onFrame_(onFrame),
       onError_(onError),
       context_(context),
-      slot_(std::move(fuser)) {}
+      slot_(std::move(fuser)),
+      worker_(
+          kQueueLimit,
+          [this](cv::Mat& frame) {
+            if (mode_ == 0 || mode_ == 1) process(frame);
+          },
+          [this](WorkerFailure code) {
+            if (onError_) onError_(context_, code);
+          }) {}
 
 CEdfSession::~CEdfSession() { worker_.stop(); }
 
 void CEdfSession::start() {
   // A second start without a stop first ends the worker already there.
-  worker_.start([this] { workerLoop(); });
+  worker_.start();
 }
 
 void CEdfSession::stop() { worker_.stop(); }
@@ -46,11 +46,7 @@ void CEdfSession::push(const void* data, uint32_t width, uint32_t height, uint64
   // Only a working image that still views the host's buffer needs a copy;
   // the converted formats already own their pixels.
   if (working.u == nullptr) working = working.clone();
-  {
-    std::lock_guard<std::mutex> lock(queueMutex_);
-    if (frames_.size() >= kQueueLimit) frames_.pop_front();
-    frames_.push_back(std::move(working));
-  }
+  worker_.push(std::move(working));
 }
 
 void CEdfSession::readData(void* buffer, uint32_t rowBytes) {
@@ -70,43 +66,11 @@ void CEdfSession::readData(void* buffer, uint32_t rowBytes) {
 }
 
 std::vector<cv::Mat> CEdfSession::queuedFrames() {
-  std::lock_guard<std::mutex> lock(queueMutex_);
-  std::vector<cv::Mat> copies;
-  for (const cv::Mat& frame : frames_) copies.push_back(frame.clone());
-  return copies;
-}
-
-void CEdfSession::workerLoop() {
-  if (!worker_.running()) return;
-  while (true) {
-    cv::Mat frame;
-    {
-      std::lock_guard<std::mutex> lock(queueMutex_);
-      if (!frames_.empty()) {
-        frame = frames_.front();
-        frames_.pop_front();
-      }
-    }
-    if (frame.empty()) {
-      // Idle: sleep 20 ms rather than spin.  A frame pushed meanwhile waits
-      // for the end of the pause; the running flag is checked once a pass.
-      std::this_thread::sleep_for(kIdleSleep);
-    } else if (mode_ == 0 || mode_ == 1) {
-      try {
-        process(frame);
-      } catch (const cv::Exception& e) {
-        worker_.stopFromWorker();
-        if (onError_) {
-          onError_(context_, e.code == cv::Error::StsNoMem ? VANTIX_EDF_ERROR_OUT_OF_MEMORY
-                                                           : VANTIX_EDF_ERROR_FAILED);
-        }
-      } catch (const std::exception&) {
-        worker_.stopFromWorker();
-        if (onError_) onError_(context_, VANTIX_EDF_ERROR_FAILED);
-      }
-    }
-    if (!worker_.running()) return;
-  }
+  return worker_.withQueue([](const std::deque<cv::Mat>& frames) {
+    std::vector<cv::Mat> copies;
+    for (const cv::Mat& frame : frames) copies.push_back(frame.clone());
+    return copies;
+  });
 }
 
 void CEdfSession::process(cv::Mat& frame) {

@@ -3,18 +3,15 @@
 // image in the session's pixel format.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include <opencv2/core.hpp>
 #include <vantix.h>
 
-#include "core/session_thread.h"
+#include "core/frame_worker.h"
 #include "edf/edf_fuser.h"
 
 namespace vantix {
@@ -53,23 +50,20 @@ class CEdfSession {
   std::vector<cv::Mat> queuedFrames();  // deep copies, oldest first
 
  private:
-  void workerLoop();
   void process(cv::Mat& frame);
 
   uint32_t format_;
   // Frames are fused only while mode is 0 or 1; it is never changed.
   const uint32_t mode_ = 0;
-  std::mutex queueMutex_;
   std::mutex resultMutex_;
-  std::deque<cv::Mat> frames_;
   VantixEdfFrameFn onFrame_;
   VantixEdfErrorFn onError_;
   void* context_;
   cv::Mat fused_;  // in format_, replaced (not written into) by the worker
   CFuserSlot slot_;
   // Declared last: destroyed first, so the worker has ended before any
-  // member it reads goes.
-  SessionThread worker_;
+  // member it reads goes.  It owns the frame queue.
+  FrameWorker<cv::Mat> worker_;
 };
 
 }  // namespace vantix

@@ -2,7 +2,6 @@
 #include "livestitch/lvprocessor.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <climits>
@@ -12,7 +11,6 @@
 #include <opencv2/imgproc.hpp>
 
 #include "api/host_allocator.h"
-#include "api/image_header.h"
 #include "api/pixel_format.h"
 
 namespace vantix {
@@ -72,7 +70,15 @@ CLvProcessor::CLvProcessor(uint32_t format, uint32_t width, uint32_t height, uin
       height_(height),
       onFrame_(onFrame),
       onEvent_(onEvent),
-      context_(context) {
+      context_(context),
+      worker_(
+          kQueueLimit,
+          [this](QueuedFrame& q) {
+            frameScore_ = q.score;
+            processFrame(q.frame, q.small);
+          },
+          [this](WorkerFailure code) { event(code); },
+          [this](auto& queue, QueuedFrame& chosen) { return takeFrame(queue, chosen); }) {
   stitchStrictness(strictLevel, minSharpness_, minMatch_);
   sharpnessFactor_ = stitchSharpnessFactor(scalePercent_, width, height);
   // The canvas is four frames wide and high in int coordinates: a frame side
@@ -102,7 +108,7 @@ void CLvProcessor::start() {
   // A worker still running (start without stop) or one that stopped itself
   // after an error is ended first.
   state_.store(1);
-  worker_.start([this] { workerLoop(); });
+  worker_.start();
 }
 
 VantixImageHeader* CLvProcessor::stop(bool wantImage, bool cropped) {
@@ -113,7 +119,7 @@ VantixImageHeader* CLvProcessor::stop(bool wantImage, bool cropped) {
   if (rect.width < 1 || rect.height < 1) return nullptr;
   const VantixAllocator allocate = hostAllocator();
   if (allocate == nullptr) return nullptr;
-  const uint32_t stride = paddedStride(static_cast<uint32_t>(rect.width), 24);
+  const uint32_t stride = vantix_default_stride(static_cast<uint32_t>(rect.width), 24);
   const uint64_t imageBytes = static_cast<uint64_t>(stride) * static_cast<uint64_t>(rect.height);
   auto* header = static_cast<VantixImageHeader*>(allocate(40 + imageBytes));
   if (header == nullptr) return nullptr;
@@ -142,19 +148,18 @@ void CLvProcessor::push(const void* data, uint32_t width, uint32_t height, uint3
       working.u == nullptr) {
     working = working.clone();
   }
-  std::lock_guard<std::mutex> lock(queueMutex_);
-  if (frames_.size() >= kQueueLimit) {
-    frames_.pop_front();
-    if (!smallFrames_.empty()) smallFrames_.pop_front();
-  }
-  frames_.push_back(working);
+  worker_.push(QueuedFrame{std::move(working), cv::Mat(), 0.0});
 }
 
 int32_t CLvProcessor::readData(void* buffer, uint32_t width, uint32_t height, uint32_t x,
                                uint32_t y, uint32_t roiWidth, uint32_t roiHeight) {
   if (canvas_->busy()) return 0;
-  const int bits = format_ == 0 ? 24 : 32;
-  const size_t stride = ((static_cast<size_t>(bits) * width + 31) / 32) * 4;
+  const uint32_t bits = format_ == 0 ? 24u : 32u;
+  // A row of 2^32 bits or more keeps its 64-bit stride, where the 32-bit
+  // default would wrap below the row's length.
+  const uint64_t rowBits = static_cast<uint64_t>(bits) * width + 31;
+  const size_t stride = rowBits > 0xFFFFFFFFu ? static_cast<size_t>(rowBits / 32 * 4)
+                                              : vantix_default_stride(width, bits);
   cv::Mat dst(static_cast<int>(height), static_cast<int>(width), format_ == 0 ? CV_8UC3 : CV_8UC4,
               buffer, stride);
   // A region whose far edge lies past the int range is outside any canvas;
@@ -225,13 +230,11 @@ void CLvProcessor::notify(void* session, int code) {
 }
 
 size_t CLvProcessor::queuedFrames() {
-  std::lock_guard<std::mutex> lock(queueMutex_);
-  return frames_.size();
+  return worker_.withQueue([](const std::deque<QueuedFrame>& queue) { return queue.size(); });
 }
 
 void CLvProcessor::setScoreFunction(std::function<double(const cv::Mat&)> score) {
-  std::lock_guard<std::mutex> lock(queueMutex_);
-  scoreOverride_ = std::move(score);
+  worker_.withQueue([&](std::deque<QueuedFrame>&) { scoreOverride_ = std::move(score); });
 }
 
 void CLvProcessor::event(uint32_t code) {
@@ -243,50 +246,26 @@ double CLvProcessor::scoreOf(const cv::Mat& small) {
   return sharpnessScore(small, gradientLut_, sharpnessFactor_);
 }
 
-bool CLvProcessor::takeFrame(cv::Mat& frame, cv::Mat& small, double& score) {
-  std::lock_guard<std::mutex> lock(queueMutex_);
-  if (frames_.empty()) return false;
-  const size_t n = std::min<size_t>(frames_.size(), 6);
+bool CLvProcessor::takeFrame(std::deque<QueuedFrame>& queue, QueuedFrame& chosen) {
+  if (queue.empty()) return false;
+  const size_t n = std::min<size_t>(queue.size(), 6);
   std::vector<double> scores;
   for (size_t i = 0; i < n; ++i) {
-    if (i >= smallFrames_.size()) {
-      cv::Mat s;
-      cv::resize(frames_[i], s, workingSize(frames_[i].size(), scalePercent_), 0.0, 0.0,
+    QueuedFrame& q = queue[i];
+    if (q.small.empty()) {
+      // Scored into locals first: a failing score leaves the entry unscored.
+      cv::Mat small;
+      cv::resize(q.frame, small, workingSize(q.frame.size(), scalePercent_), 0.0, 0.0,
                  cv::INTER_LINEAR);
-      smallFrames_.emplace_back(s, scoreOf(s));
+      q.score = scoreOf(small);
+      q.small = small;
     }
-    scores.push_back(smallFrames_[i].second);
+    scores.push_back(q.score);
   }
   const size_t best = sharpestOfSix(scores);
-  score = scores[best];
-  frame = frames_[best];
-  small = smallFrames_[best].first;
-  frames_.erase(frames_.begin(), frames_.begin() + static_cast<long>(best) + 1);
-  smallFrames_.erase(smallFrames_.begin(), smallFrames_.begin() + static_cast<long>(best) + 1);
+  chosen = queue[best];
+  queue.erase(queue.begin(), queue.begin() + static_cast<long>(best) + 1);
   return true;
-}
-
-void CLvProcessor::workerLoop() {
-  while (worker_.running()) {
-    // The selection scores frames with the image library too: its failures
-    // end the worker like those of the per-frame step, never the process.
-    try {
-      cv::Mat frame, small;
-      double score = 0.0;
-      if (!takeFrame(frame, small, score)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        continue;
-      }
-      frameScore_ = score;
-      processFrame(frame, small);
-    } catch (const cv::Exception& e) {
-      worker_.stopFromWorker();
-      event(e.code == cv::Error::StsNoMem ? 2 : 1);
-    } catch (const std::exception&) {
-      worker_.stopFromWorker();
-      event(1);
-    }
-  }
 }
 
 void CLvProcessor::makeReference(const cv::Mat& frame, const cv::Mat& gray,

@@ -5,19 +5,16 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <thread>
-#include <utility>
+#include <vector>
 
 #include <opencv2/core.hpp>
 #include <opencv2/features2d.hpp>
 
 #include <vantix.h>
 
-#include "core/session_thread.h"
+#include "core/frame_worker.h"
 #include "livestitch/lvcanvas.h"
 #include "livestitch/lvregister.h"
 
@@ -71,9 +68,14 @@ class CLvProcessor {
   CLvCanvas& canvas() { return *canvas_; }
 
  private:
-  void workerLoop();
-  // One selection pass; false when no frame waits.
-  bool takeFrame(cv::Mat& frame, cv::Mat& small, double& score);
+  // A pushed frame and, once the worker has looked at it, its working copy
+  // and that copy's score (each queued frame is scored once).
+  struct QueuedFrame {
+    cv::Mat frame, small;
+    double score = 0.0;
+  };
+  // One selection pass over the queue (locked); false when no frame waits.
+  bool takeFrame(std::deque<QueuedFrame>& queue, QueuedFrame& chosen);
   double scoreOf(const cv::Mat& small);
   // Per-frame step: 0 empty, 1 registered, 2 first reference.
   int processFrame(const cv::Mat& frame, const cv::Mat& small);
@@ -90,13 +92,10 @@ class CLvProcessor {
   double sharpnessFactor_;
   uint32_t width_, height_;
   std::unique_ptr<CLvCanvas> canvas_;
-  std::mutex queueMutex_;
   std::shared_ptr<cv::DescriptorMatcher> matcher_;
   VantixStitchFrameFn onFrame_;
   VantixStitchEventFn onEvent_;
   void* context_;
-  std::deque<cv::Mat> frames_;
-  std::deque<std::pair<cv::Mat, double>> smallFrames_;
   std::atomic<uint32_t> state_{0};
   cv::Ptr<cv::ORB> detector_;
   cv::Mat reference_;
@@ -117,8 +116,9 @@ class CLvProcessor {
   cv::Point2d measuredPosition_;
   std::function<double(const cv::Mat&)> scoreOverride_;
   // Declared last: destroyed first, so the worker has ended before any
-  // member it reads goes.
-  SessionThread worker_;
+  // member it reads goes.  It owns the frame queue (whose lock also guards
+  // scoreOverride_).
+  FrameWorker<QueuedFrame> worker_;
 };
 
 }  // namespace vantix
