@@ -11,70 +11,35 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <ctime>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include <vantix.h>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
-#include <vantix.h>
 
 #include "edf/edf_fuser.h"
+#include "testing/scenes.h"
 
 namespace {
 
 constexpr int kSlices = 8;
 
-// A sharp textured picture of `size`: shading, fine stripes, shapes and
-// noise (the benchmarks link no image codecs).
-cv::Mat sharpPicture(cv::Size size) {
-  cv::Mat scene(size, CV_8UC3);
-  for (int y = 0; y < size.height; ++y) {
-    auto* row = scene.ptr<cv::Vec3b>(y);
-    for (int x = 0; x < size.width; ++x) {
-      const double shade = 110 + 50 * std::sin(x * 0.011) * std::cos(y * 0.015);
-      const double stripes = 30 * std::sin(x * 0.7 + y * 0.4);
-      row[x] = cv::Vec3b(cv::saturate_cast<uint8_t>(shade + stripes),
-                         cv::saturate_cast<uint8_t>(shade + 0.5 * stripes),
-                         cv::saturate_cast<uint8_t>(shade - stripes));
-    }
-  }
-  cv::RNG rng(3);
-  for (int i = 0; i < 40; ++i) {
-    const cv::Point centre(rng.uniform(0, size.width), rng.uniform(0, size.height));
-    cv::circle(scene, centre, rng.uniform(5, size.height / 6),
-               cv::Scalar(rng.uniform(0, 255), rng.uniform(0, 255), rng.uniform(0, 255)),
-               cv::FILLED, cv::LINE_AA);
-  }
-  cv::Mat noise(size, CV_16SC3);
-  rng.fill(noise, cv::RNG::NORMAL, 0, 5);
-  cv::Mat noisy;
-  cv::add(scene, noise, noisy, cv::noArray(), CV_8UC3);
-  return noisy;
-}
-
-// Slice k is sharp near depth k / 7 of a left-to-right tilt and blurred
-// elsewhere (a blend of three blur levels by distance).
+// Slice k is focused at depth k / 7 of a left-to-right tilt under a
+// textured scene, blurred elsewhere by up to 5 pixels of sigma.
 std::vector<cv::Mat> focusSweep(cv::Size size) {
-  const cv::Mat sharp = sharpPicture(size);
-  cv::Mat soft, softer;
-  cv::GaussianBlur(sharp, soft, cv::Size(0, 0), 2.0);
-  cv::GaussianBlur(sharp, softer, cv::Size(0, 0), 5.0);
+  const cv::Mat depth = vtest::tiltedDepth(size);
+  const vtest::BlurLevels levels(vtest::texturedScene(size, 3), 5.0, 6);
   std::vector<cv::Mat> slices;
   for (int k = 0; k < kSlices; ++k) {
-    cv::Mat slice(size, CV_8UC3);
-    for (int x = 0; x < size.width; ++x) {
-      const double distance = std::abs(static_cast<double>(x) / size.width - k / (kSlices - 1.0));
-      const cv::Mat& source = distance < 0.07 ? sharp : distance < 0.25 ? soft : softer;
-      source.col(x).copyTo(slice.col(x));
-    }
-    slices.push_back(slice);
+    slices.push_back(levels.defocus(cv::abs(depth - k / (kSlices - 1.0)) * 5.0));
   }
   return slices;
 }
@@ -217,7 +182,8 @@ long statusKilobytes(const char* field) {
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line)) {
-    if (line.compare(0, std::strlen(field), field) == 0) return std::stol(line.substr(std::strlen(field) + 1));
+    if (line.compare(0, std::strlen(field), field) == 0)
+      return std::stol(line.substr(std::strlen(field) + 1));
   }
   return -1;
 }
@@ -238,9 +204,10 @@ void reportPeakMemory(uint32_t kind) {
     }
     vantix_edf_delete(session);
     const long peak = statusKilobytes("VmHWM:");
-    std::printf("peak memory, kind %u at 1920x1080: process %.1f MB, session %.1f MB above the "
-                "%.1f MB before it (frames included)\n",
-                kind, peak / 1024.0, (peak - before) / 1024.0, before / 1024.0);
+    std::printf(
+        "peak memory, kind %u at 1920x1080: process %.1f MB, session %.1f MB above the "
+        "%.1f MB before it (frames included)\n",
+        kind, peak / 1024.0, (peak - before) / 1024.0, before / 1024.0);
     std::fflush(stdout);
     _exit(0);
   }

@@ -10,6 +10,8 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "testing/scenes.h"
+
 namespace {
 
 constexpr int kWidth = 1920;
@@ -17,31 +19,6 @@ constexpr int kHeight = 1080;
 
 void* hostAlloc(uint64_t bytes) {
   return std::malloc(bytes);
-}
-
-// A textured scene: smooth shading, fine stripes, filled shapes and sensor
-// noise, so that the search area holds every kind of local contrast the
-// adaptive smoothing distinguishes.
-cv::Mat texturedScene(uint64_t noiseSeed) {
-  cv::Mat scene(kHeight, kWidth, CV_8UC3);
-  for (int y = 0; y < kHeight; ++y) {
-    auto* row = scene.ptr<cv::Vec3b>(y);
-    for (int x = 0; x < kWidth; ++x) {
-      const double shade = 90 + 40 * std::sin(x * 0.013) * std::cos(y * 0.017);
-      const double stripes = 25 * std::sin(x * 0.9 + y * 0.3);
-      row[x] = cv::Vec3b(cv::saturate_cast<uint8_t>(shade + stripes),
-                         cv::saturate_cast<uint8_t>(shade + 0.5 * stripes),
-                         cv::saturate_cast<uint8_t>(shade - stripes));
-    }
-  }
-  cv::circle(scene, {960, 540}, 120, cv::Scalar(220, 200, 180), cv::FILLED, cv::LINE_AA);
-  cv::rectangle(scene, {700, 380}, {900, 700}, cv::Scalar(30, 40, 50), cv::FILLED);
-  cv::Mat noise(scene.size(), CV_16SC3);
-  cv::RNG rng(noiseSeed);
-  rng.fill(noise, cv::RNG::NORMAL, 0, 6);
-  cv::Mat noisy;
-  cv::add(scene, noise, noisy, cv::noArray(), CV_8UC3);
-  return noisy;
 }
 
 // Rows padded to 4 bytes, as the session reads format 0.
@@ -53,8 +30,7 @@ std::vector<uint8_t> toBuffer(const cv::Mat& frame) {
   return buffer;
 }
 
-// Clicks a few pixels off the circle's rim, inside the stripes and the
-// rectangle's corner, in turn.
+// Clicks spread over the frame, in turn.
 constexpr int kClicks[][2] = {{1085, 545}, {895, 705}, {400, 300}, {960, 415}};
 
 void runGet(benchmark::State& state, const std::vector<std::vector<uint8_t>>& frames) {
@@ -76,7 +52,8 @@ void runGet(benchmark::State& state, const std::vector<std::vector<uint8_t>>& fr
 
 // The same frame on every call.
 void BM_EdgeGetSize50(benchmark::State& state) {
-  static const std::vector<std::vector<uint8_t>> frames{toBuffer(texturedScene(1))};
+  static const std::vector<std::vector<uint8_t>> frames{
+      toBuffer(vtest::texturedScene({kWidth, kHeight}, 1))};
   runGet(state, frames);
 }
 BENCHMARK(BM_EdgeGetSize50)->Unit(benchmark::kMicrosecond);
@@ -86,7 +63,8 @@ BENCHMARK(BM_EdgeGetSize50)->Unit(benchmark::kMicrosecond);
 void BM_EdgeGetSize50LiveNoise(benchmark::State& state) {
   static const std::vector<std::vector<uint8_t>> frames = [] {
     std::vector<std::vector<uint8_t>> f;
-    for (uint64_t seed = 1; seed <= 16; ++seed) f.push_back(toBuffer(texturedScene(seed)));
+    for (uint32_t seed = 1; seed <= 16; ++seed)
+      f.push_back(toBuffer(vtest::texturedScene({kWidth, kHeight}, seed)));
     return f;
   }();
   runGet(state, frames);

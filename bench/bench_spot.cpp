@@ -5,7 +5,7 @@
 //  - BM_SdkPullOnly: the SDK's own pull of the same frames, to subtract;
 //  - BM_SpotMeasure: the session's measurement of frames already in memory
 //    (what the library adds to a pull).
-// The simulated camera is loaded from <build>/tools/simcam/, found next to
+// The simulated camera is loaded from <build>/testing/simcam/, found next to
 // this program's folder (<build>/bench/), or from $VANTIX_SIMCAM.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
@@ -20,7 +20,7 @@
 #include <vantix.h>
 
 #include "spot/spot_session.h"
-#include "tools/simcam/simcam_loader.h"
+#include "testing/simcam/simcam_loader.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ std::string simcamPath() {
   std::string dir = n > 0 ? std::string(self, n) : std::string("./bench_spot");
   dir = dir.substr(0, dir.rfind('/'));           // <build>/bench
   dir = dir.substr(0, dir.rfind('/'));           // <build>
-  return dir + "/tools/simcam/libvantix_simcam.so";
+  return dir + "/testing/simcam/libvantix_simcam.so";
 }
 
 const SimcamApi& simcam() {

@@ -39,7 +39,7 @@
 
 #include <vantix.h>
 
-#include "tests/support/stitch_scan.h"
+#include "testing/scenes.h"
 
 namespace {
 
@@ -78,9 +78,9 @@ struct FrameBank {
   }
 };
 
-FrameBank renderBank(const cv::Mat& scene, vscan::ScanOptions options, size_t count) {
+FrameBank renderBank(const cv::Mat& scene, vtest::ScanOptions options, size_t count) {
   options.maxFrames = static_cast<int>(count);
-  const vscan::ScanSimulator scan(scene, options);
+  const vtest::ScanSimulator scan(scene, options);
   FrameBank bank;
   for (size_t i = 0; i < scan.frameCount(); ++i) bank.frames.push_back(scan.render(i));
   return bank;
@@ -274,8 +274,8 @@ int main(int argc, char** argv) {
   const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
   // Nothing here starts a thread before the children are forked: each child
   // makes its own scene (OpenCV's worker threads do not survive a fork).
-  for (const char* photo : vscan::scenePhotos()) {
-    const std::string path = std::string(vscan::kPhotoFolder) + "/" + photo;
+  for (const char* photo : vtest::scanPhotos()) {
+    const std::string path = std::string(vtest::kPhotoFolder) + "/" + photo;
     if (!std::ifstream(path)) {
       std::fprintf(stderr, "bench_stitch: cannot read %s (install Debian's opencv-doc package)\n",
                    path.c_str());
@@ -292,12 +292,12 @@ int main(int argc, char** argv) {
 
   struct Case {
     const char* name;
-    vscan::ScanOptions options;
+    vtest::ScanOptions options;
     size_t bank, frames;
   };
   const Case cases[] = {
-      {"1920 x 1080", vscan::scanOptions1080(), quick ? 12u : 32u, quick ? 40u : 300u},
-      {"1280 x 720", vscan::scanOptions720(), quick ? 12u : 48u, quick ? 40u : 300u},
+      {"1920 x 1080", vtest::scanOptions1080(), quick ? 12u : 32u, quick ? 40u : 300u},
+      {"1280 x 720", vtest::scanOptions720(), quick ? 12u : 48u, quick ? 40u : 300u},
   };
   std::printf("\nworker time per frame (one frame at a time, never idle)\n");
   std::printf("| frame | frames | placed | wall median | wall 95th pct | wall mean | worker CPU "
@@ -308,7 +308,7 @@ int main(int argc, char** argv) {
     const bool ok = inChild(
         [&] {
           vantix_init(&hostAllocate);
-          const FrameBank bank = renderBank(vscan::makeScene(), c.options, c.bank);
+          const FrameBank bank = renderBank(vtest::scanScene(), c.options, c.bank);
           return measureWorker(bank, c.options.frame, c.frames);
         },
         f);
@@ -330,7 +330,7 @@ int main(int argc, char** argv) {
       [&] {
         vantix_init(&hostAllocate);
         const FrameBank bank =
-            renderBank(vscan::makeScene(), vscan::scanOptions1080(), quick ? 12 : 24);
+            renderBank(vtest::scanScene(), vtest::scanOptions1080(), quick ? 12 : 24);
         return measureLive(bank, cv::Size(1920, 1080), seconds, 30);
       },
       live);

@@ -20,7 +20,7 @@
 
 #include "livestitch/lvcanvas.h"
 #include "livestitch/lvregister.h"
-#include "tests/support/stitch_scan.h"
+#include "testing/scenes.h"
 
 namespace {
 
@@ -35,12 +35,12 @@ const Scan& scan(cv::Size size) {
   static std::map<int, Scan> scans;
   Scan& s = scans[size.width];
   if (s.frames.empty()) {
-    static const cv::Mat scene = vscan::makeScene();
-    vscan::ScanOptions options =
-        size.width == 1920 ? vscan::scanOptions1080() : vscan::scanOptions720();
+    static const cv::Mat scene = vtest::scanScene();
+    vtest::ScanOptions options =
+        size.width == 1920 ? vtest::scanOptions1080() : vtest::scanOptions720();
     options.maxFrames = 1 + kFramesPerReference;
     options.blurEvery = 1000;  // sharp frames: every one is measured in full
-    const vscan::ScanSimulator simulator(scene, options);
+    const vtest::ScanSimulator simulator(scene, options);
     for (size_t i = 0; i < simulator.frameCount(); ++i) s.frames.push_back(simulator.render(i));
   }
   return s;

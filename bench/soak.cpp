@@ -72,8 +72,8 @@
 #include <opencv2/imgproc.hpp>
 #include <vantix.h>
 
-#include "tests/support/stitch_scan.h"
-#include "tools/simcam/simcam_loader.h"
+#include "testing/scenes.h"
+#include "testing/simcam/simcam_loader.h"
 
 namespace {
 
@@ -255,14 +255,12 @@ SimcamApi loadSimcam() {
 }
 
 cv::Mat readPhoto(const char* name) {
-  const std::string path = std::string(vscan::kPhotoFolder) + "/" + name;
-  cv::Mat photo = cv::imread(path, cv::IMREAD_COLOR);
-  if (photo.empty()) {
-    std::fprintf(stderr, "soak: cannot read %s (install Debian's opencv-doc package)\n",
-                 path.c_str());
+  try {
+    return vtest::photo(name);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "soak: %s\n", e.what());
     std::exit(2);
   }
-  return photo;
 }
 
 // ---------------------------------------------------------------------------
@@ -558,7 +556,7 @@ PhaseSummary runStitch(const Options& options) {
 
   StitchPhase phase;
   {
-    const cv::Mat big = vscan::makeScene();
+    const cv::Mat big = vtest::scanScene();
     cv::resize(big, phase.scene, cv::Size(2048, 1536), 0, 0, cv::INTER_AREA);
   }
   phase.path = serpentineLoop(phase.scene.size(), cv::Size(kWidth, kHeight));
