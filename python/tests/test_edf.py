@@ -21,9 +21,9 @@ def _strips(sharp, blurred, count):
         yield frame
 
 
-def _error(image, truth=SHARP):
+def _error(image):
     """Mean absolute error left and right of the seam of two halves."""
-    d = np.abs(image.astype(float) - truth)[8:-8, 8:-8]
+    d = np.abs(image.astype(float) - SHARP)[8:-8, 8:-8]
     return d[:, :64].mean(), d[:, 88:].mean()
 
 

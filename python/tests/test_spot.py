@@ -62,17 +62,6 @@ def test_roi_fixed_aperture_and_reset(camera):
             session.pull(camera, bits=32)  # would be a C++ exception in the library
 
 
-def test_averaging_blocks_of_a_breathing_spot(camera):
-    camera.set_spots([_spot(100.0, 80.0, 5.0, 5.0, breathAmplitude=0.4, breathPeriod=7)])
-    with vantix.SpotSession(average_count=2) as session:
-        session.set_aperture(100.0, 80.0, 45.0, 45.0)  # no aperture settling
-        diameters = [session.pull(camera, bits=16)[0].major_diameter for _ in range(4)]
-    truth = [4 * camera.spot_truth(i).sigmaX for i in range(4)]
-    assert diameters[1] == pytest.approx((truth[0] + truth[1]) / 2, rel=0.03)
-    assert diameters[2] == diameters[1]  # kept until the next block completes
-    assert diameters[3] == pytest.approx((truth[2] + truth[3]) / 2, rel=0.03)
-
-
 # Arrays go through the array camera, which the library binds only when no
 # other camera SDK was loaded before it: a fresh interpreter each.
 _ARRAY_SCENARIO = r'''
