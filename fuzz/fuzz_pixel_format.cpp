@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Formats 0..3 are B G R and B G R A at 8 and 16 bits; others read as 0.
   const uint32_t pixelBits[] = {24, 48, 32, 64};
   const uint64_t bytes = uint64_t{height} * (pitch != 0 ? pitch : vantix_default_stride(width, pixelBits[format <= 3 ? format : 0]));
-  if (uint64_t{width} * height > (1u << 20) || bytes > fuzz::kMaxBytes) return 0;
+  if (fuzz::tooLarge(uint64_t{width} * height, bytes)) return 0;
   fuzz::Buffer frame(width != 0 && height != 0 ? bytes : 0);
   frame.fill(in.rest(), in.restSize());
   const auto before = frame.copy();

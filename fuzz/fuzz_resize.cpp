@@ -28,7 +28,7 @@ struct Image {
     const uint32_t storage = bits <= 8 ? 8 : bits <= 16 ? 16 : bits == 24 || bits == 32 ? bits : 48;
     const uint64_t stride = pitch != 0 ? pitch : vantix_default_stride(static_cast<uint32_t>(header.biWidth), storage);
     const uint64_t rows = header.biWidth > 0 && header.biHeight > 0 ? header.biHeight : 0;
-    if (rows * stride > fuzz::kMaxBytes) return false;
+    if (fuzz::tooLarge(rows * static_cast<uint32_t>(header.biWidth), rows * stride)) return false;
     offset = v1 ? sizeof header + (bits == 8 ? 1024 : 0) : 0;
     buffer = std::make_unique<fuzz::Buffer>(offset + rows * stride);
     return true;

@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const SpotAperture aperture{in.take<double>(), in.take<double>(), in.take<double>(), in.take<double>()};
   const uint32_t pitch = extra == 0 ? 0 : width * bits / 8 + extra - 1;
   const uint64_t bytes = uint64_t{height} * (pitch != 0 ? pitch : vantix_default_stride(width, bits));
-  if (uint64_t{width} * height > (1u << 20) || bytes > fuzz::kMaxBytes) return 0;
+  if (fuzz::tooLarge(uint64_t{width} * height, bytes)) return 0;
   fuzz::Buffer frame(bytes);
   frame.fill(in.rest(), in.restSize());
 
