@@ -138,7 +138,7 @@ class Report {
 
 // The demo's state: where files go, the report, the simulated camera.
 struct Demo {
-  fs::path out;
+  fs::path out, data;
   Report report;
   SimcamApi sim{};
   std::vector<fs::path> written;
@@ -147,13 +147,17 @@ struct Demo {
     writeImage((out / file).string(), image);
     written.push_back(out / file);
   }
-  // A photograph, or the kit's synthetic scene when opencv-doc is missing.
-  static cv::Mat photo(const char* file, cv::Size size = {}) {
+  // A photograph of the --data folder (8-bit BGR), else of opencv-doc, else
+  // the kit's synthetic scene.
+  cv::Mat photo(const char* file, cv::Size size = {}) const {
+    cv::Mat image;
     try {
-      return vtest::photo(file, size);
-    } catch (const std::runtime_error&) {
-      return vtest::texturedScene(size.area() ? size : cv::Size(640, 480), 7);
+      image = data.empty() ? vtest::photo(file, size) : toBgr8(readImage(data / file));
+    } catch (const std::exception&) {
+      image = vtest::texturedScene(size.area() ? size : cv::Size(640, 480), 7);
     }
+    if (size.area() && image.size() != size) cv::resize(image, image, size, 0, 0, cv::INTER_AREA);
+    return image;
   }
   // A camera of the simulated SDK, closed with its owner.
   std::unique_ptr<SimcamCamera, void (*)(SimcamCamera*)> camera(cv::Size size) {
@@ -172,7 +176,7 @@ void say(const std::string& line) {
 // A serpentine pan of 4 rows over a photograph, every frame pulled into a
 // stitch session and waited for; placements against the camera's truth.
 void demoStitch(Demo& demo) {
-  const cv::Mat photo = Demo::photo("aloeL.jpg");
+  const cv::Mat photo = demo.photo("aloeL.jpg");
   const cv::Size frame(photo.cols / 4 & ~1, photo.rows / 4 & ~1);
   const double left = 16, right = photo.cols - frame.width - 16;
   std::vector<SimcamPoint> path;
@@ -231,7 +235,7 @@ void demoStitch(Demo& demo) {
 // against the sharpest single frame, both against the sharp photo.
 void demoEdf(Demo& demo) {
   const cv::Size size(640, 480);
-  const cv::Mat photo = Demo::photo("fruits.jpg", size);
+  const cv::Mat photo = demo.photo("fruits.jpg", size);
   constexpr int kFrames = 8;
   auto camera = demo.camera(size);
   if (demo.sim.setFocusSweep(camera.get(), photo.data, uint32_t(size.width), uint32_t(size.height),
@@ -348,7 +352,7 @@ void demoSpot(Demo& demo) {
 
 // Clicks a few pixels off the strongest edges of a photo's 4 x 3 cells.
 void demoEdge(Demo& demo) {
-  const cv::Mat photo = Demo::photo("building.jpg");
+  const cv::Mat photo = demo.photo("building.jpg");
   cv::Mat grey, gradient, picture = photo.clone();
   cv::cvtColor(photo, grey, cv::COLOR_BGR2GRAY);
   cv::Laplacian(grey, gradient, CV_16S);
@@ -385,7 +389,7 @@ void demoEdge(Demo& demo) {
 
 // A photo turned into an RGGB mosaic and demosaiced by each algorithm.
 void demoDemosaic(Demo& demo) {
-  const cv::Mat photo = Demo::photo("fruits.jpg");
+  const cv::Mat photo = demo.photo("fruits.jpg");
   cv::Mat raw(photo.size(), CV_8U);
   for (int y = 0; y < raw.rows; ++y) {
     for (int x = 0; x < raw.cols; ++x) raw.at<uint8_t>(y, x) = photo.at<cv::Vec3b>(y, x)[x % 2 + y % 2 == 0 ? 2 : x % 2 && y % 2 ? 0 : 1];
@@ -413,7 +417,7 @@ void demoDemosaic(Demo& demo) {
 
 // A photo resized to half and twice its size with the automatic choice.
 void demoResize(Demo& demo) {
-  const cv::Mat photo = Demo::photo("baboon.jpg");
+  const cv::Mat photo = demo.photo("baboon.jpg");
   std::vector<std::pair<cv::Mat, std::string>> figures;
   for (const auto& [name, scale] : {std::pair{"down", 0.5}, std::pair{"up", 2.0}}) {
     const cv::Size size(int(photo.cols * scale), int(photo.rows * scale));
@@ -459,15 +463,19 @@ SimcamApi loadSimcam() {
 
 Runner addDemo(CLI::App& app) {
   auto out = std::make_shared<std::string>("demo-output");
+  auto data = std::make_shared<std::string>();
   CLI::App* cmd = app.add_subcommand("demo", "run the library on sample images; write PNG "
                                              "results and report.html");
   cmd->add_option("--out", *out, "where the files go (default ./demo-output)");
+  cmd->add_option("--data", *data, "folder of the sample photographs (default opencv-doc's; "
+                                   "a synthetic scene stands in for a missing one)");
   cmd->footer("The report shows a live panorama of a simulated camera panning over a photograph "
               "(placement error against the true positions), extended depth of field over a "
               "focus sweep (fused beside the sharpest frame), a moving laser spot (its 4-sigma "
               "ellipse and diameters), edge snapping, demosaicing and resizing.");
-  return [out] {
+  return [out, data] {
     Demo demo;
+    demo.data = *data;
     std::error_code error;
     fs::create_directories(*out, error);
     if (!fs::is_directory(*out)) throw ToolError("cannot create the output folder '" + *out + "'");
