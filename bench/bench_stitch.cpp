@@ -1,5 +1,5 @@
 // Live stitching end to end, through the public interface only, on the
-// simulated scan of tests/support/stitch_scan.h (default levels):
+// simulated scan of testing/scenes.h (default levels):
 //
 //   1. worker time per frame at 1920 x 1080 and 1280 x 720: frames handed
 //      over one at a time, each pushed from inside the previous frame's

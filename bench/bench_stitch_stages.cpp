@@ -7,7 +7,7 @@
 //                 offset, template-match confidence);
 //   composition   blending the frame into the panorama, which the canvas's
 //                 drawing thread does beside the worker.
-// Frames come from the simulated scan of tests/support/stitch_scan.h, the
+// Frames come from the simulated scan of testing/scenes.h, the
 // reference staying put over the next frames as it does in a session (it is
 // renewed only after a move of about a third of a frame).
 #include <benchmark/benchmark.h>

@@ -621,27 +621,6 @@ SIMCAM_API int32_t simcam_blur(const uint8_t* bgr, uint32_t width, uint32_t heig
   });
 }
 
-SIMCAM_API int32_t simcam_photo_size(const char* file, uint32_t* width, uint32_t* height) {
-  if (file == nullptr || width == nullptr || height == nullptr) return SIMCAM_E_POINTER;
-  return guarded([&] {
-    const cv::Mat image = vtest::photo(file);
-    *width = static_cast<uint32_t>(image.cols);
-    *height = static_cast<uint32_t>(image.rows);
-    return SIMCAM_S_OK;
-  });
-}
-
-SIMCAM_API int32_t simcam_photo(const char* file, uint8_t* bgr, uint32_t width, uint32_t height,
-                                uint32_t stride) {
-  if (file == nullptr || bgr == nullptr) return SIMCAM_E_POINTER;
-  if (!validImage(bgr, width, height, stride)) return SIMCAM_E_INVALIDARG;
-  return guarded([&] {
-    writeRows(vtest::photo(file, cv::Size(static_cast<int>(width), static_cast<int>(height))), bgr,
-              stride);
-    return SIMCAM_S_OK;
-  });
-}
-
 SIMCAM_API void simcam_get_stats(SimcamStats* stats) {
   std::lock_guard<std::mutex> lock(gStatsLock);
   *stats = gStats;

@@ -248,13 +248,6 @@ SIMCAM_API int32_t simcam_texture(uint8_t* bgr, uint32_t width, uint32_t height,
  * mirrored) into `out`. */
 SIMCAM_API int32_t simcam_blur(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride,
                                double sigma, uint8_t* out, uint32_t outStride);
-/* A photograph of Debian's opencv-doc sample data (a file name there, or a
- * path): its size, and the photo resized to width x height (area
- * interpolation).  SIMCAM_E_INVALIDARG when it cannot be read. */
-SIMCAM_API int32_t simcam_photo_size(const char* file, uint32_t* width, uint32_t* height);
-SIMCAM_API int32_t simcam_photo(const char* file, uint8_t* bgr, uint32_t width, uint32_t height,
-                                uint32_t stride);
-
 /* ---------------------------------------------------------------------------
  * Call counters (per library, across all cameras)
  * ------------------------------------------------------------------------- */
