@@ -437,18 +437,23 @@ void demoResize(Demo& demo) {
   demo.report.figures(figures);
 }
 
-// The simulated camera: $VANTIX_SIMCAM, the build tree's
-// testing/simcam/ (this program is <build>/tools/vantix/vantix), or the
-// name alone (the loader's search path).
+// The simulated camera: $VANTIX_SIMCAM, the build tree's testing/simcam/
+// (this program being <build>/tools/vantix/vantix), the installed
+// lib/vantix/, or the name alone (the loader's search path).
 SimcamApi loadSimcam() {
   std::string path = "libvantix_simcam.so";
   char self[PATH_MAX] = {};
   if (const char* env = std::getenv("VANTIX_SIMCAM"); env != nullptr && *env != '\0') {
     path = env;
   } else if (readlink("/proc/self/exe", self, sizeof self - 1) > 0) {
-    const fs::path candidate = fs::path(self).parent_path().parent_path().parent_path() /
-                               "testing/simcam" / path;
-    if (fs::exists(candidate)) path = candidate;
+    const fs::path bin = fs::path(self).parent_path();
+    for (const fs::path& candidate : {bin.parent_path().parent_path() / "testing/simcam" / path,
+                                      bin / VANTIX_TOOL_TO_LIBDIR / "vantix" / path}) {
+      if (fs::exists(candidate)) {
+        path = candidate;
+        break;
+      }
+    }
   }
   // Loaded for the rest of the process: the library's binding to a camera
   // SDK is never released.

@@ -25,6 +25,7 @@ int main(int argc, char** argv) {
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
   CLI::App app("Image operations of libvantix from the command line.", "vantix");
   app.require_subcommand(1);
+  app.get_formatter()->label("Usage", "usage");
   app.footer("'vantix <command> --help' describes a command.\n"
              "Exit status: 0 success, 1 failure, 2 wrong command line.");
   std::vector<std::pair<CLI::App*, vtool::Runner>> commands;
