@@ -38,11 +38,14 @@ void printEvents(StitchRun& session, size_t pushed) {
   std::fflush(stdout);
 }
 
-// Where `b`'s top-left corner lies in `a`, measured by phase correlation on
-// grey copies at most 256 pixels a side; each wrapped alternative of the
-// peak is checked by the normalised correlation of the part the frames
-// would share (above 0.6, at least 5 % of a frame).  `overlap` is the
-// smaller shared fraction of width and height, 0 when nothing matches.
+// Where `b`'s top-left corner lies in `a`, by phase correlation of grey
+// copies at most 256 pixels a side, tapered to zero over their outer 12
+// pixels (a hard edge correlates with itself at every shift along the
+// axes).  The strongest peaks, each with its wrapped alternatives, are
+// checked by the normalised correlation of the part the frames would share
+// (above 0.6, at least 5 % of a frame and 16 pixels a side: a small patch
+// matches anything).  `overlap` is the smaller shared fraction of width and
+// height, 0 when nothing matches.
 struct Shift {
   bool found = false;
   cv::Point2d at;
@@ -50,28 +53,47 @@ struct Shift {
 };
 Shift measureShift(const cv::Mat& first, const cv::Mat& second) {
   const double scale = std::min(1.0, 256.0 / std::max(first.cols, first.rows));
-  cv::Mat a, b;
+  cv::Mat a, b, taper, spectrumA, spectrumB, cross, surface;
   for (auto [in, out] : {std::pair{&first, &a}, std::pair{&second, &b}}) {
     cv::cvtColor(*in, *out, cv::COLOR_BGR2GRAY);
     cv::resize(*out, *out, cv::Size(), scale, scale, cv::INTER_AREA);
     out->convertTo(*out, CV_32F);
   }
-  cv::Mat window;
-  cv::createHanningWindow(window, a.size(), CV_32F);
-  const cv::Point2d peak = cv::phaseCorrelate(a, b, window);
+  const auto ramp = [](int length) {
+    cv::Mat r(1, length, CV_32F, cv::Scalar(1));
+    for (int i = 0; i < std::min(12, length / 2); ++i) {
+      r.at<float>(i) = r.at<float>(length - 1 - i) = float(0.5 - 0.5 * std::cos(CV_PI * (i + 0.5) / 12));
+    }
+    return r;
+  };
+  taper = ramp(a.rows).t() * ramp(a.cols);
+  cv::dft((a - cv::mean(a)[0]).mul(taper), spectrumA, cv::DFT_COMPLEX_OUTPUT);
+  cv::dft((b - cv::mean(b)[0]).mul(taper), spectrumB, cv::DFT_COMPLEX_OUTPUT);
+  cv::mulSpectrums(spectrumA, spectrumB, cross, 0, true);
+  cv::Mat parts[2], magnitude;
+  cv::split(cross, parts);
+  cv::magnitude(parts[0], parts[1], magnitude);
+  for (cv::Mat& part : parts) cv::divide(part, magnitude + 1e-9f, part);
+  cv::merge(parts, 2, cross);
+  cv::idft(cross, surface, cv::DFT_REAL_OUTPUT | cv::DFT_SCALE);
   Shift best;
   double bestCorrelation = 0.6;
-  for (double x : {peak.x, -peak.x, peak.x - a.cols, peak.x + a.cols}) {
-    for (double y : {peak.y, -peak.y, peak.y - a.rows, peak.y + a.rows}) {
-      const cv::Point d(static_cast<int>(std::lround(x)), static_cast<int>(std::lround(y)));
-      const cv::Rect inA = cv::Rect(d, b.size()) & cv::Rect(cv::Point(), a.size());
-      if (inA.width < 16 || inA.height < 16 || inA.area() < 0.05 * a.size().area()) continue;
-      cv::Mat r;
-      cv::matchTemplate(a(inA), b(inA - d), r, cv::TM_CCOEFF_NORMED);
-      if (r.at<float>(0, 0) > bestCorrelation) {
-        bestCorrelation = r.at<float>(0, 0);
-        best = {true, cv::Point2d(x / scale, y / scale),
-                std::max(0.0, std::min(1 - std::fabs(x) / a.cols, 1 - std::fabs(y) / a.rows))};
+  for (int k = 0; k < 6; ++k) {
+    cv::Point peak;
+    cv::minMaxLoc(surface, nullptr, nullptr, nullptr, &peak);
+    cv::rectangle(surface, cv::Rect(peak - cv::Point(2, 2), cv::Size(5, 5)), cv::Scalar(-1e9), cv::FILLED);
+    // A peak at p: b(x) matches a(x + p), modulo the size.
+    for (int x : {peak.x, peak.x - a.cols}) {
+      for (int y : {peak.y, peak.y - a.rows}) {
+        const cv::Rect inA = cv::Rect(x, y, b.cols, b.rows) & cv::Rect(cv::Point(), a.size());
+        if (inA.width < 16 || inA.height < 16 || inA.area() < 0.05 * a.size().area()) continue;
+        cv::Mat r;
+        cv::matchTemplate(a(inA), b(inA - cv::Point(x, y)), r, cv::TM_CCOEFF_NORMED);
+        if (r.at<float>(0, 0) > bestCorrelation) {
+          bestCorrelation = r.at<float>(0, 0);
+          best = {true, cv::Point2d(x / scale, y / scale),
+                  std::min(1.0 - std::abs(x) / double(a.cols), 1.0 - std::abs(y) / double(a.rows))};
+        }
       }
     }
   }
