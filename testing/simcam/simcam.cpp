@@ -229,43 +229,17 @@ uint32_t effectivePitch(uint32_t width, int32_t bits, int32_t rowPitch) {
   return static_cast<uint64_t>(rowPitch) >= rowBytes ? static_cast<uint32_t>(rowPitch) : 0;
 }
 
-// Converts a rendered frame to the layout of `bits`.
+// Converts a rendered frame (8-bit B G R or grey 0..1) to the layout of
+// `bits`: grey outputs take the frame's grey, 16-bit grey the raw depth,
+// 16-bit colour the full 16-bit scale.
 cv::Mat convertFrame(const cv::Mat& frame, int32_t bits, uint32_t rawBits) {
-  const double rawMax = static_cast<double>((1u << (rawBits == 0 ? 16 : rawBits)) - 1);
-  cv::Mat out;
-  if (frame.type() == CV_8UC3) {
-    cv::Mat grey;
-    switch (bits) {
-      case 8: cv::cvtColor(frame, out, cv::COLOR_BGR2GRAY); break;
-      case 16:
-        cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
-        grey.convertTo(out, CV_16U, rawMax / 255.0);
-        break;
-      case 24: out = frame; break;
-      case 32: cv::cvtColor(frame, out, cv::COLOR_BGR2BGRA); break;
-      case 48: frame.convertTo(out, CV_16UC3, 257.0); break;
-      default:
-        frame.convertTo(grey, CV_16UC3, 257.0);
-        cv::cvtColor(grey, out, cv::COLOR_BGR2BGRA);
-        break;
-    }
-    return out;
-  }
-  // Grey 0..1 floating point.
-  cv::Mat narrow;
-  switch (bits) {
-    case 8: frame.convertTo(out, CV_8U, 255.0); break;
-    case 16: frame.convertTo(out, CV_16U, rawMax); break;
-    case 24:
-    case 32:
-      frame.convertTo(narrow, CV_8U, 255.0);
-      cv::cvtColor(narrow, out, bits == 24 ? cv::COLOR_GRAY2BGR : cv::COLOR_GRAY2BGRA);
-      break;
-    default:
-      frame.convertTo(narrow, CV_16U, 65535.0);
-      cv::cvtColor(narrow, out, bits == 48 ? cv::COLOR_GRAY2BGR : cv::COLOR_GRAY2BGRA);
-      break;
-  }
+  const bool colour = bits >= 24, wide = bits == 16 || bits >= 48;
+  const double full = wide ? (bits == 16 ? (1u << (rawBits == 0 ? 16 : rawBits)) - 1 : 65535) : 255;
+  cv::Mat source = frame, out;
+  if (!colour && frame.channels() == 3) cv::cvtColor(frame, source, cv::COLOR_BGR2GRAY);
+  source.convertTo(out, wide ? CV_16U : CV_8U, frame.depth() == CV_8U ? full / 255.0 : full);
+  if (colour && out.channels() == 1) cv::cvtColor(out, out, cv::COLOR_GRAY2BGR);
+  if (bits == 32 || bits == 64) cv::cvtColor(out, out, cv::COLOR_BGR2BGRA);
   return out;
 }
 
