@@ -73,14 +73,12 @@ class EdfSession(ThreadedSession):
         copy_images = bool(copy_images)
 
         def on_frame(_ctx, event, data, stride, width, height, type_):
-            bridge.frame_reported()
-
             def item():
                 dtype, channels = _TYPES.get(type_, FORMATS[0][1:])
                 image = from_address(data, height, width, stride, dtype, channels) \
                     if data and copy_images else None
                 return EdfFrame(event, image, threading.get_ident())
-            bridge.run(item)
+            bridge.frame_reported(item)
 
         def on_error(_ctx, code):
             bridge.worker_halted()

@@ -100,16 +100,33 @@ class Bridge:
         finally:
             _in_callback.bridge = None
 
-    def frame_reported(self):
+    def frame_reported(self, make_item):
         """The worker reported on a frame (called on the worker thread, in
-        the frame callback): the waiting frame, if any, is pushed now, so
-        that the worker finds it on its next pass instead of sleeping."""
+        the frame callback).  A frame kept waiting is pushed first, so that
+        the worker finds it on its next pass instead of sleeping; then the
+        report is delivered.  Only after that does the session count as
+        idle, so drain() returns once the last report can be read."""
+        if self._push_waiting():
+            self.run(make_item)
+            return
+        self.run(make_item)
+        # A push(wait=True) may have left a frame meanwhile (it saw this
+        # frame still in flight): push it now, or the session is idle.
+        if not self._push_waiting():
+            with self.flow:
+                self.in_flight = False
+                self.flow.notify_all()
+
+    def _push_waiting(self):
+        """Pushes the frame kept waiting, if any; the session stays in
+        flight with it.  Returns whether there was one."""
         with self.flow:
             pending, self.pending = self.pending, None
-            self.in_flight = pending is not None
             self.flow.notify_all()
-        if pending is not None:
-            self.pusher(*pending)
+        if pending is None:
+            return False
+        self.pusher(*pending)
+        return True
 
     def worker_halted(self):
         """The worker stopped itself after a failure: a waiting frame is

@@ -112,13 +112,12 @@ class StitchSession(ThreadedSession):
         def on_frame(_ctx, data, stride, cw, ch, fw, fh, _ftype, x, y, mode, changed,
                      reset, score):
             bridge.latest["canvas"] = (cw, ch)
-            bridge.frame_reported()
             def item():
                 canvas = (from_address(data, ch, cw, stride, np.uint8, channels)
                           if copy_canvas and data else None)
                 return StitchFrame(x, y, mode, bool(changed), bool(reset), score, fw, fh,
                                    cw, ch, canvas, threading.get_ident())
-            bridge.run(item)
+            bridge.frame_reported(item)
 
         growing = [False]
 
