@@ -51,11 +51,10 @@ class Reader {
   const uint8_t* end_;
 };
 
-// `size` bytes between 64 guard bytes and a page without access.
+// `size` bytes (0x5A) between 64 guard bytes and a page without access.
 class Buffer {
  public:
   static constexpr size_t kGuard = 64;
-  static constexpr uint8_t kGuardByte = 0xE7;
   explicit Buffer(size_t size) : size_(size) {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     body_ = (size + kGuard + page - 1) / page * page;
@@ -64,25 +63,23 @@ class Buffer {
     base_ = static_cast<uint8_t*>(p);
     mprotect(base_ + body_, page, PROT_NONE);
     data_ = base_ + body_ - size;
-    std::memset(data_ - kGuard, kGuardByte, kGuard);
+    std::memset(data_ - kGuard, 0xE7, kGuard);
+    std::memset(data_, 0x5A, size);
   }
   ~Buffer() {
-    for (size_t i = 1; i <= kGuard; ++i) FUZZ_CHECK(data_[-static_cast<ptrdiff_t>(i)] == kGuardByte);
+    for (size_t i = 1; i <= kGuard; ++i) FUZZ_CHECK(data_[-static_cast<ptrdiff_t>(i)] == 0xE7);
     munmap(base_, body_ + static_cast<size_t>(sysconf(_SC_PAGESIZE)));
   }
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
 
   uint8_t* data() { return data_; }
-  size_t size() const { return size_; }
-  // Repeats `n` bytes of `src` over the buffer (0x5A when there are none).
-  void fill(const uint8_t* src, size_t n) {
-    if (n == 0) {
-      std::memset(data_, 0x5A, size_);
-      return;
-    }
-    size_t done = std::min(n, size_);
-    std::memcpy(data_, src, done);
+  // Repeats the input's remaining bytes over the buffer (left at 0x5A when
+  // there are none).
+  void fill(const Reader& in) {
+    if (in.restSize() == 0) return;
+    size_t done = std::min(in.restSize(), size_);
+    std::memcpy(data_, in.rest(), done);
     for (; done < size_; done *= 2) std::memcpy(data_ + done, data_, std::min(done, size_ - done));
   }
   std::vector<uint8_t> copy() const { return std::vector<uint8_t>(data_, data_ + size_); }

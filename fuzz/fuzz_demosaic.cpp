@@ -16,8 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t stride = vantix_default_stride(width, (alpha ? 32 : 24) * sampleBytes);
   if (fuzz::tooLarge(uint64_t{width} * height, std::max(srcBytes, height * stride))) return 0;
   fuzz::Buffer src(srcBytes), dst(height * stride);
-  src.fill(in.rest(), in.restSize());
-  dst.fill(nullptr, 0);
+  src.fill(in);
   const auto srcBefore = src.copy(), dstBefore = dst.copy();
 
   const VantixResult r = vantix_demosaic(src.data(), dst.data(), width, height, bits, pattern, order, method);

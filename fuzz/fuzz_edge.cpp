@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t bytes = uint64_t{height} * vantix_default_stride(width, pixelBits[format <= 3 ? format : 0]);
   if (fuzz::tooLarge(uint64_t{width} * height, bytes)) return 0;
   fuzz::Buffer frame(bytes);
-  frame.fill(in.rest(), in.restSize());
+  frame.fill(in);
 
   VantixEdge* edge = vantix_edge_new(format, width, height, searchSize);
   FUZZ_CHECK(edge != nullptr);

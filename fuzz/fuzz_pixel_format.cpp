@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t bytes = uint64_t{height} * (pitch != 0 ? pitch : vantix_default_stride(width, pixelBits[format <= 3 ? format : 0]));
   if (fuzz::tooLarge(uint64_t{width} * height, bytes)) return 0;
   fuzz::Buffer frame(width != 0 && height != 0 ? bytes : 0);
-  frame.fill(in.rest(), in.restSize());
+  frame.fill(in);
   const auto before = frame.copy();
 
   cv::Mat working;

@@ -21,7 +21,6 @@ struct Image {
     header.biBitCount = in.take<uint16_t>();
     header.biSize = in.take<uint32_t>();
     header.biCompression = in.take<uint32_t>();
-    header.biPlanes = 1;
     pitch = in.take<uint32_t>();
     if (v1) pitch = 0;  // V1 images have the default stride
     const uint16_t bits = header.biBitCount;
@@ -46,8 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool v1 = flags & 1;
   Image src, dst;
   if (!src.read(in, v1) || !dst.read(in, v1)) return 0;
-  src.buffer->fill(in.rest(), in.restSize());
-  dst.buffer->fill(nullptr, 0);
+  src.buffer->fill(in);
   if (v1) {
     std::memcpy(src.buffer->data(), &src.header, sizeof src.header);
     std::memcpy(dst.buffer->data(), &dst.header, sizeof dst.header);

@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t bytes = uint64_t{height} * (pitch != 0 ? pitch : vantix_default_stride(width, bits));
   if (fuzz::tooLarge(uint64_t{width} * height, bytes)) return 0;
   fuzz::Buffer frame(bytes);
-  frame.fill(in.rest(), in.restSize());
+  frame.fill(in);
 
   vantix::CSpotSession session(spotCount, averageCount);
   session.setEllipseMode(flags & 1);

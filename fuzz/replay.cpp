@@ -17,20 +17,19 @@ int main(int argc, char** argv) {
   namespace fs = std::filesystem;
   std::vector<fs::path> inputs;
   for (int i = 1; i < argc; ++i) {
-    if (!fs::exists(argv[i])) {
-      std::fprintf(stderr, "%s does not exist\n", argv[i]);
-      return 1;
+    if (!fs::is_directory(argv[i])) inputs.emplace_back(argv[i]);
+    if (fs::is_directory(argv[i])) {
+      for (const auto& entry : fs::directory_iterator(argv[i])) inputs.push_back(entry.path());
     }
-    if (!fs::is_directory(argv[i])) {
-      inputs.emplace_back(argv[i]);
-      continue;
-    }
-    for (const auto& entry : fs::directory_iterator(argv[i])) inputs.push_back(entry.path());
   }
   std::sort(inputs.begin(), inputs.end());
   LLVMFuzzerInitialize(&argc, &argv);
   for (const fs::path& path : inputs) {
     std::ifstream file(path, std::ios::binary);
+    if (!file) {
+      std::fprintf(stderr, "cannot read %s\n", path.c_str());
+      return 1;
+    }
     const std::vector<uint8_t> bytes(std::istreambuf_iterator<char>(file), {});
     std::fprintf(stderr, "%s\n", path.c_str());
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
