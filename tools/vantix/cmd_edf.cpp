@@ -83,10 +83,8 @@ Runner addEdf(CLI::App& app) {
     for (size_t i = 0; i < frames.size(); ++i) {
       const cv::Mat& frame = frames[i];
       const auto start = std::chrono::steady_clock::now();
-      vantix_edf_pushback(session.get(), frame.data, static_cast<uint32_t>(frame.cols),
-                          static_cast<uint32_t>(frame.rows),
-                          static_cast<uint32_t>(frame.elemSize1() * 8),
-                          static_cast<uint32_t>(frame.step[0]));
+      session.session().pushback(frame.data, uint32_t(frame.cols), uint32_t(frame.rows),
+                                 uint32_t(frame.step[0]));
       try {
         session.waitFor(static_cast<int>(i + 1));
       } catch (const ToolError& e) {

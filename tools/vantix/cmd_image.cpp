@@ -60,12 +60,10 @@ Runner addResize(CLI::App& app) {
     Padded src = padded(source.size(), source.type(), bits);
     Padded dst = padded(size, source.type(), bits);
     source.copyTo(src.view);
-    VantixImageHeader from{40, source.cols, source.rows, 1, bits, 0, 0, 0, 0, 0, 0};
-    VantixImageHeader to{40, size.width, size.height, 1, bits, 0, 0, 0, 0, 0, 0};
-    initLibrary();
     const auto start = std::chrono::steady_clock::now();
-    check(vantix_resizeV2(&from, 0, src.buffer.data, &to, 0, dst.buffer.data, o->interp),
-          "vantix_resizeV2");
+    vantix::resize(vantix::ImageView(src.buffer.data, uint32_t(source.cols), uint32_t(source.rows), bits),
+                   vantix::ImageView(dst.buffer.data, uint32_t(size.width), uint32_t(size.height), bits),
+                   o->interp);
     const double ms = millisecondsSince(start);
     const bool reduced = writeImage(o->out, dst.view);
     std::printf("resized %s (%s, %s) -> %s (%s), interpolation %s, %.2f ms\n", o->in.c_str(),
@@ -121,20 +119,15 @@ Runner addDemosaic(CLI::App& app) {
     const int type = CV_MAKETYPE(depth, alpha ? 4 : 3);
     Padded out = padded(raw.size(), type, (o->bits == 8 ? 8 : 16) * (alpha ? 4 : 3));
     const cv::Mat packed = raw.clone();
-    initLibrary();
     const auto start = std::chrono::steady_clock::now();
-    // E_FAIL is the library's success code for vantix_demosaic.
-    const VantixResult result =
-        vantix_demosaic(packed.data, out.view.data, static_cast<uint32_t>(raw.cols),
-                        static_cast<uint32_t>(raw.rows), static_cast<uint32_t>(o->bits),
-                        o->pattern, o->order, o->algorithm);
-    const double ms = millisecondsSince(start);
-    if (result != VANTIX_E_FAIL) {
-      throw ToolError(std::string("vantix_demosaic: ") + vantix_result_name(result) +
-                      (result == VANTIX_E_NOTIMPL ? " (not offered for this depth, order and "
-                                                    "algorithm)"
-                                                  : ""));
+    try {
+      vantix::demosaic(packed.data, out.view.data, uint32_t(raw.cols), uint32_t(raw.rows), o->bits,
+                       o->pattern, o->order, o->algorithm);
+    } catch (const vantix::Error& e) {
+      if (e.result() != VANTIX_E_NOTIMPL) throw;
+      throw ToolError(std::string(e.what()) + " (not offered for this depth, order and algorithm)");
     }
+    const double ms = millisecondsSince(start);
     cv::Mat colour = out.view;
     if (o->order == VANTIX_DEMOSAIC_RGB) cv::cvtColor(colour, colour, cv::COLOR_RGB2BGR);
     if (o->order == VANTIX_DEMOSAIC_RGBA) cv::cvtColor(colour, colour, cv::COLOR_RGBA2BGRA);
@@ -179,14 +172,9 @@ Runner addEdge(CLI::App& app) {
     const uint32_t bits = (wide ? 16 : 8) * static_cast<uint32_t>(image.channels());
     Padded frame = padded(image.size(), image.type(), bits);
     image.copyTo(frame.view);
-    initLibrary();
-    VantixEdge* session = vantix_edge_new(pixelFormat, static_cast<uint32_t>(image.cols),
-                                          static_cast<uint32_t>(image.rows), o->size);
-    if (session == nullptr) throw ToolError("vantix_edge_new returned no session");
+    vantix::EdgeSession session(pixelFormat, uint32_t(image.cols), uint32_t(image.rows), o->size);
     int32_t x = o->x, y = o->y;
-    const int32_t found = vantix_edge_get(session, frame.view.data, &x, &y, o->size);
-    vantix_edge_delete(session);
-    if (found == 1) std::printf("snapped (%d,%d) -> (%d,%d)\n", o->x, o->y, x, y);
+    if (session.get(frame.view.data, x, y)) std::printf("snapped (%d,%d) -> (%d,%d)\n", o->x, o->y, x, y);
     else std::printf("no edge within %u px of (%d,%d)\n", o->size, o->x, o->y);
     return 0;
   };

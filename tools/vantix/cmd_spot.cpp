@@ -162,17 +162,14 @@ Runner addSpot(CLI::App& app) {
       }
     }
     ArrayCamera camera;  // before any output: a missing library fails cleanly
-    initLibrary();
-    std::unique_ptr<VantixSpot, void (*)(VantixSpot*)> session(nullptr, &vantix_spot_delete);
+    std::optional<vantix::SpotSession> session;
     const auto newSession = [&] {
-      session.reset(vantix_spot_new(o->spots, stream ? o->average : 1));
+      session.emplace(o->spots, stream ? o->average : 1);
       if (!o->roi.empty()) {
-        vantix_spot_setRoi(session.get(), uint32_t(roi[0]), uint32_t(roi[1]), uint32_t(roi[2]),
-                           uint32_t(roi[3]));
+        session->setRoi(uint32_t(roi[0]), uint32_t(roi[1]), uint32_t(roi[2]), uint32_t(roi[3]));
       }
       if (!o->aperture.empty()) {
-        vantix_spot_setAperture(session.get(),
-                                SpotAperture{aperture[0], aperture[1], aperture[2], aperture[3]});
+        session->setAperture(SpotAperture{aperture[0], aperture[1], aperture[2], aperture[3]});
       }
     };
     const char* const names[] = {"total", "centerX", "centerY", "majorDiameter",
@@ -217,9 +214,10 @@ Runner addSpot(CLI::App& app) {
                      o->files[i].c_str(), text.c_str());
       }
       const uint32_t sample = image.depth() == CV_16U ? 16 : 8;
-      check(camera.setFrame(camera.camera, image.data, uint32_t(image.cols), uint32_t(image.rows),
-                            sample, uint32_t(image.channels()), uint32_t(image.step), 0),
-            "arraycam_set_frame");
+      vantix::check(camera.setFrame(camera.camera, image.data, uint32_t(image.cols),
+                                    uint32_t(image.rows), sample, uint32_t(image.channels()),
+                                    uint32_t(image.step), 0),
+                    "arraycam_set_frame");
       if (!stream || !session) newSession();
       const uint32_t bits = image.channels() == 1 ? sample : 3 * sample;
       buffer.resize(size_t(vantix_default_stride(uint32_t(image.cols), bits)) * image.rows);
@@ -228,9 +226,7 @@ Runner addSpot(CLI::App& app) {
         // make it read as total 0, not as the frame before.
         std::fill(records.begin(), records.end(), SpotResult{});
         FrameInfoV2 info{};
-        check(vantix_spot_pull(session.get(), camera.camera, 1, buffer.data(), bits, 0, &info,
-                               records.data()),
-              "vantix_spot_pull");
+        session->pull(camera.camera, buffer.data(), bits, 0, &info, records.data());
       }
       // With blocks the library reports the trimmed mean with a block's last frame.
       if (blocks && (i + 1) % o->average != 0) continue;

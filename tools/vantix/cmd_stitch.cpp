@@ -267,10 +267,8 @@ Runner addStitch(CLI::App& app) {
       if (o->fps > 0) {  // a camera's clock, whether or not the session kept up
         std::this_thread::sleep_until(started + std::chrono::microseconds(i * 1000000 / o->fps));
       }
-      check(vantix_stitch_pushback(session.get(), frame.data, static_cast<uint32_t>(frame.cols),
-                                   static_cast<uint32_t>(frame.rows), 24,
-                                   static_cast<uint32_t>(frame.step)),
-            "vantix_stitch_pushback");
+      session.session().pushback(frame.data, uint32_t(frame.cols), uint32_t(frame.rows),
+                                 uint32_t(frame.step));
       // In lockstep the next frame waits for this one's report: none is skipped.
       if (o->fps == 0) session.waitFor(i + 1);
       printEvents(session, i + 1);

@@ -9,7 +9,6 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -131,19 +130,6 @@ std::string nameOf(const char* group, uint32_t value) {
     if (std::string(row.group) == group && row.value == value) return row.name;
   }
   return std::to_string(value);
-}
-
-void initLibrary() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    vantix_init([](uint64_t size) { return size > SIZE_MAX ? nullptr : std::malloc(size); });
-  });
-}
-
-void check(VantixResult result, const char* call) {
-  if (VANTIX_FAILED(result)) {
-    throw ToolError(std::string(call) + ": " + vantix_result_name(result));
-  }
 }
 
 cv::Mat readImage(const std::string& path) {

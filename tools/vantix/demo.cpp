@@ -201,8 +201,7 @@ void demoStitch(Demo& demo) {
     demo.sim.panPosition(camera.get(), demo.sim.frameIndex(camera.get()), &where);
     truth.emplace_back(where.x, where.y);
     FrameInfoV2 info{};
-    check(vantix_stitch_pull(session.get(), camera.get(), 1, buffer.data(), 24, 0, &info),
-          "vantix_stitch_pull");
+    session.session().pull(camera.get(), buffer.data(), 24, 0, &info);
     if (!session.waitFor(i + 1)) throw ToolError(format("the session failed at frame %u", i));
   }
   const cv::Mat panorama = session.stop(true);
@@ -269,8 +268,7 @@ void demoEdf(Demo& demo) {
     demo.sim.setFrameIndex(camera.get(), 0);
     for (int i = 0; i < kFrames; ++i) {
       FrameInfoV2 info{};
-      check(vantix_edf_pull(session.get(), camera.get(), 1, buffer.data(), 24, 0, &info),
-            "vantix_edf_pull");
+      session.session().pull(camera.get(), buffer.data(), 24, 0, &info);
       session.waitFor(i + 1);  // one at a time: the session's queue drops none
     }
     const cv::Mat fused = session.fused(CV_8UC3);
@@ -302,7 +300,7 @@ void demoSpot(Demo& demo) {
   if (demo.sim.setSpot(camera.get(), &spot, 0.0, 0.0, 11) != 0) {
     throw ToolError("the simulated camera refused the spot");
   }
-  std::unique_ptr<VantixSpot, void (*)(VantixSpot*)> session(vantix_spot_new(1, 0), vantix_spot_delete);
+  vantix::SpotSession session(1, 0);
   const uint32_t pitch = vantix_default_stride(uint32_t(size.width), 16);
   std::vector<uint8_t> buffer(size_t(pitch) * size.height);
   Report::Series dx{"dX measured", {}, {}}, dy{"dY measured", {}, {}}, tx{"dX true (4 sigma)", {}, {}},
@@ -315,8 +313,7 @@ void demoSpot(Demo& demo) {
     SimcamSpotTruth truth{};
     demo.sim.spotTruth(camera.get(), demo.sim.frameIndex(camera.get()), 0, &truth);
     FrameInfoV2 info{};
-    check(vantix_spot_pull(session.get(), camera.get(), 1, buffer.data(), 16, 0, &info, &r),
-          "vantix_spot_pull");
+    session.pull(camera.get(), buffer.data(), 16, 0, &info, &r);
     // The first frame is measured in the whole-frame aperture: it lags.
     if (i > 0) worstCentre = std::max(worstCentre, std::hypot(r.centerX - truth.centerX, r.centerY - truth.centerY));
     worstDiameter = std::max({worstDiameter, std::fabs(r.majorDiameter - 4 * truth.sigmaX),
@@ -359,9 +356,7 @@ void demoEdge(Demo& demo) {
   gradient = cv::abs(gradient);
   Padded frame = padded(photo.size(), CV_8UC3, 24);
   photo.copyTo(frame.view);
-  initLibrary();
-  std::unique_ptr<VantixEdge, void (*)(VantixEdge*)> session(
-      vantix_edge_new(VANTIX_FORMAT_BGR8, uint32_t(photo.cols), uint32_t(photo.rows), 20), vantix_edge_delete);
+  vantix::EdgeSession session(VANTIX_FORMAT_BGR8, uint32_t(photo.cols), uint32_t(photo.rows), 20);
   int clicks = 0, snapped = 0;
   for (int cell = 0; cell < 12; ++cell) {
     const cv::Rect area(photo.cols * (cell % 4) / 4 + 20, photo.rows * (cell / 4) / 3 + 20,
@@ -371,7 +366,7 @@ void demoEdge(Demo& demo) {
     const cv::Point click = edge + area.tl() + cv::Point(6, 5);
     int32_t x = click.x, y = click.y;
     ++clicks;
-    if (vantix_edge_get(session.get(), frame.view.data, &x, &y, 20) == 1) {
+    if (session.get(frame.view.data, x, y)) {
       ++snapped;
       cv::line(picture, click, {x, y}, {0, 255, 255}, 1, cv::LINE_AA);
       cv::circle(picture, {x, y}, 3, {0, 220, 0}, cv::FILLED, cv::LINE_AA);
@@ -398,10 +393,8 @@ void demoDemosaic(Demo& demo) {
   std::vector<std::pair<cv::Mat, std::string>> figures;
   for (uint32_t algorithm = 0; algorithm < 3; ++algorithm) {
     Padded out = padded(raw.size(), CV_8UC3, 24);
-    const VantixResult result = vantix_demosaic(raw.data, out.view.data, uint32_t(raw.cols), uint32_t(raw.rows), 8,
-                                                VANTIX_BAYER_RGGB, VANTIX_DEMOSAIC_BGR, algorithm);
-    // E_FAIL is the library's success code for vantix_demosaic.
-    if (result != VANTIX_E_FAIL) throw ToolError(std::string("vantix_demosaic: ") + vantix_result_name(result));
+    vantix::demosaic(raw.data, out.view.data, uint32_t(raw.cols), uint32_t(raw.rows), 8,
+                     VANTIX_BAYER_RGGB, VANTIX_DEMOSAIC_BGR, algorithm);
     const std::string name = nameOf("algorithm", algorithm), file = "demosaic-" + name + ".png";
     const double psnr = cv::PSNR(out.view, photo);
     say(format("%s: PSNR %.2f dB", name.c_str(), psnr));
@@ -423,10 +416,8 @@ void demoResize(Demo& demo) {
     const cv::Size size(int(photo.cols * scale), int(photo.rows * scale));
     Padded src = padded(photo.size(), CV_8UC3, 24), dst = padded(size, CV_8UC3, 24);
     photo.copyTo(src.view);
-    const VantixImageHeader from{40, photo.cols, photo.rows, 1, 24, 0, 0, 0, 0, 0, 0};
-    const VantixImageHeader to{40, size.width, size.height, 1, 24, 0, 0, 0, 0, 0, 0};
-    check(vantix_resizeV2(&from, 0, src.buffer.data, &to, 0, dst.buffer.data, VANTIX_INTER_AUTO),
-          "vantix_resizeV2");
+    vantix::resize({src.buffer.data, uint32_t(photo.cols), uint32_t(photo.rows)},
+                   {dst.buffer.data, uint32_t(size.width), uint32_t(size.height)});
     const std::string file = std::string("resize-") + name + ".png";
     demo.save(file, dst.view);
     say(format("%s: %s -> %s", name, sizeText(photo.size()).c_str(), sizeText(size).c_str()));
@@ -486,7 +477,6 @@ Runner addDemo(CLI::App& app) {
     if (!fs::is_directory(*out)) throw ToolError("cannot create the output folder '" + *out + "'");
     demo.out = fs::absolute(*out).lexically_normal();
     demo.sim = loadSimcam();
-    initLibrary();
     const std::pair<const char*, void (*)(Demo&)> steps[] = {
         {"live stitching", demoStitch}, {"extended depth of field", demoEdf},
         {"spot measurement", demoSpot}, {"edge snapping", demoEdge},

@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
   }
   const std::string name = chosen();
   try {
+    vantix::init();
     for (auto& command : commands) {
       if (command.first->parsed()) return command.second();
     }

@@ -3,7 +3,6 @@
 // them.
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <mutex>
 
 #include "tool.h"
@@ -22,41 +21,32 @@ struct StitchRun::State {
 
 StitchRun::StitchRun(cv::Size frame, uint32_t background, uint32_t scaleLevel,
                      uint32_t strictLevel)
-    : state_(std::make_unique<State>()) {
-  const auto onFrame = [](void* self, const uint8_t*, uint32_t, uint32_t canvasWidth,
-                          uint32_t canvasHeight, uint32_t, uint32_t, uint32_t, int32_t x,
-                          int32_t y, uint32_t mode, uint32_t, uint32_t, float score) {
-    auto* s = static_cast<State*>(self);
-    std::lock_guard<std::mutex> lock(s->mutex);
-    const std::chrono::duration<double> since = std::chrono::steady_clock::now() - s->started;
-    s->reports.push_back({{x, y}, mode, cv::Size(int(canvasWidth), int(canvasHeight)), score,
-                          since.count()});
-    s->changed.notify_all();
-  };
-  const auto onEvent = [](void* self, uint32_t code) {
-    auto* s = static_cast<State*>(self);
-    std::lock_guard<std::mutex> lock(s->mutex);
-    // Event 1 stops the worker, and so does 2 unless it follows a canvas
-    // growth (3): the worker then goes on with the canvas it had.
-    s->failed = s->failed || code == VANTIX_STITCH_EVENT_FAILED ||
-                (code == VANTIX_STITCH_EVENT_OUT_OF_MEMORY &&
-                 s->lastEvent != VANTIX_STITCH_EVENT_CANVAS_GROWING);
-    s->events.push_back(code);
-    s->lastEvent = code;
-    s->changed.notify_all();
-  };
-  initLibrary();
-  session_ = vantix_stitch_newV3(VANTIX_FORMAT_BGR8, 0, static_cast<uint32_t>(frame.width),
-                                 static_cast<uint32_t>(frame.height), background, scaleLevel,
-                                 strictLevel, onFrame, onEvent, state_.get());
-  if (session_ == nullptr) throw ToolError("vantix_stitch_newV3 returned no session");
-}
-
-StitchRun::~StitchRun() { vantix_stitch_delete(session_); }
+    : state_(std::make_shared<State>()),
+      session_(
+          uint32_t(frame.width), uint32_t(frame.height),
+          [s = state_.get()](const vantix::StitchFrame& f) {
+            std::lock_guard<std::mutex> lock(s->mutex);
+            const std::chrono::duration<double> since = std::chrono::steady_clock::now() - s->started;
+            s->reports.push_back({{f.x, f.y}, f.mode, cv::Size(int(f.canvasWidth), int(f.canvasHeight)),
+                                  f.score, since.count()});
+            s->changed.notify_all();
+          },
+          [s = state_.get()](uint32_t code) {
+            std::lock_guard<std::mutex> lock(s->mutex);
+            // Event 1 stops the worker, and so does 2 unless it follows a
+            // canvas growth (3): the worker then goes on with its canvas.
+            s->failed = s->failed || code == VANTIX_STITCH_EVENT_FAILED ||
+                        (code == VANTIX_STITCH_EVENT_OUT_OF_MEMORY &&
+                         s->lastEvent != VANTIX_STITCH_EVENT_CANVAS_GROWING);
+            s->events.push_back(code);
+            s->lastEvent = code;
+            s->changed.notify_all();
+          },
+          VANTIX_FORMAT_BGR8, background, scaleLevel, strictLevel) {}
 
 void StitchRun::start() {
   state_->started = std::chrono::steady_clock::now();
-  vantix_stitch_start(session_);
+  session_.start();
 }
 
 bool StitchRun::waitFor(size_t count) {
@@ -94,19 +84,14 @@ std::vector<StitchReport> StitchRun::reports() {
 }
 
 cv::Mat StitchRun::stop(bool cropped, cv::Rect* covered) {
-  VantixImageHeader* image = vantix_stitch_stop(session_, 1, cropped ? 1 : 0);
-  if (image == nullptr) return cv::Mat();
-  // 24-bit rows at the default stride, from the tool's malloc allocator.
-  const cv::Mat panorama =
-      cv::Mat(image->biHeight, image->biWidth, CV_8UC3,
-              reinterpret_cast<uint8_t*>(image) + image->biSize,
-              vantix_default_stride(static_cast<uint32_t>(image->biWidth), 24))
-          .clone();
-  std::free(image);
-  uint32_t x = 0, y = 0, width = 0, height = 0;
-  vantix_stitch_cropparams(session_, &x, &y, &width, &height);
-  if (covered != nullptr) *covered = cv::Rect(int(x), int(y), int(width), int(height));
-  return panorama;
+  const vantix::Image image = session_.stop(true, cropped);
+  if (!image) return cv::Mat();
+  const vantix::ImageView view(image.get());
+  if (covered != nullptr) {
+    const vantix::Rect r = session_.cropparams();
+    *covered = cv::Rect(int(r.x), int(r.y), int(r.width), int(r.height));
+  }
+  return cv::Mat(int(view.height), int(view.width), CV_8UC3, view.data, view.stride).clone();
 }
 
 std::vector<cv::Point> finalPositions(const std::vector<StitchReport>& reports) {
@@ -142,28 +127,24 @@ struct EdfRun::State {
   cv::Size size;
 };
 
-EdfRun::EdfRun(uint32_t format, uint32_t kind) : state_(std::make_unique<State>()) {
-  const auto onFrame = [](void* self, uint32_t, const uint8_t*, uint32_t, uint32_t width,
-                          uint32_t height, uint32_t) {
-    auto* s = static_cast<State*>(self);
-    std::lock_guard<std::mutex> lock(s->mutex);
-    ++s->results;
-    s->size = cv::Size(static_cast<int>(width), static_cast<int>(height));
-    s->changed.notify_all();
-  };
-  const auto onError = [](void* self, uint32_t code) {
-    auto* s = static_cast<State*>(self);
-    std::lock_guard<std::mutex> lock(s->mutex);
-    s->error = code;
-    s->changed.notify_all();
-  };
-  initLibrary();
-  session_ = vantix_edf_newV2(format, kind, onFrame, onError, state_.get());
-  if (session_ == nullptr) throw ToolError("vantix_edf_newV2 returned no session");
-  vantix_edf_start(session_);
+EdfRun::EdfRun(uint32_t format, uint32_t kind)
+    : state_(std::make_shared<State>()),
+      session_(
+          [s = state_.get()](const vantix::EdfFrame& f) {
+            std::lock_guard<std::mutex> lock(s->mutex);
+            ++s->results;
+            s->size = cv::Size(int(f.width), int(f.height));
+            s->changed.notify_all();
+          },
+          [s = state_.get()](uint32_t code) {
+            std::lock_guard<std::mutex> lock(s->mutex);
+            s->error = code;
+            s->changed.notify_all();
+          },
+          kind, format) {
+  if (session_.handle() == nullptr) throw ToolError("vantix_edf_newV2 returned no session");
+  session_.start();
 }
-
-EdfRun::~EdfRun() { vantix_edf_delete(session_); }
 
 void EdfRun::waitFor(int count) {
   std::unique_lock<std::mutex> lock(state_->mutex);
@@ -177,7 +158,7 @@ void EdfRun::waitFor(int count) {
 cv::Mat EdfRun::fused(int type) {
   std::lock_guard<std::mutex> lock(state_->mutex);
   cv::Mat out(state_->size, type);
-  if (!out.empty()) vantix_edf_readdata(session_, out.data, static_cast<uint32_t>(out.step[0]));
+  if (!out.empty()) session_.readdata(out.data, static_cast<uint32_t>(out.step[0]));
   return out;
 }
 

@@ -12,7 +12,7 @@
 
 #include <CLI/CLI.hpp>
 #include <opencv2/core.hpp>
-#include <vantix.h>
+#include <vantix.hpp>
 
 namespace vtool {
 
@@ -42,11 +42,6 @@ Runner addDemo(CLI::App& app);
 CLI::Validator names(const char* group);
 // The table's name of `value` in `group`, or the number.
 std::string nameOf(const char* group, uint32_t value);
-
-// Registers a malloc-based allocator with vantix_init, once.
-void initLibrary();
-// "vantix_resizeV2: E_INVALIDARG" as a ToolError when `result` failed.
-void check(VantixResult result, const char* call);
 
 // Image files.  Reads as stored (8/16-bit, any channels); ToolError with the
 // reason for a missing, unreadable or undecodable file.
@@ -102,10 +97,7 @@ struct StitchReport {
 class StitchRun {
  public:
   StitchRun(cv::Size frame, uint32_t background, uint32_t scaleLevel, uint32_t strictLevel);
-  ~StitchRun();
-  StitchRun(const StitchRun&) = delete;
-  StitchRun& operator=(const StitchRun&) = delete;
-  VantixStitch* get() const { return session_; }
+  vantix::StitchSession& session() { return session_; }
   void start();
   // Waits until `count` reports arrived (true) or the worker stopped after
   // a failure (false).
@@ -122,8 +114,8 @@ class StitchRun {
 
  private:
   struct State;
-  std::unique_ptr<State> state_;
-  VantixStitch* session_ = nullptr;
+  std::shared_ptr<State> state_;
+  vantix::StitchSession session_;
 };
 // Positions of `reports` on the last report's canvas (a canvas that grew
 // left or up moved what was drawn before).
@@ -133,10 +125,7 @@ std::vector<cv::Point> finalPositions(const std::vector<StitchReport>& reports);
 class EdfRun {
  public:
   EdfRun(uint32_t format, uint32_t kind);
-  ~EdfRun();
-  EdfRun(const EdfRun&) = delete;
-  EdfRun& operator=(const EdfRun&) = delete;
-  VantixEdf* get() const { return session_; }
+  vantix::EdfSession& session() { return session_; }
   // Waits until `count` results arrived; ToolError naming the session's
   // error code when it reports one.
   void waitFor(int count);
@@ -144,8 +133,8 @@ class EdfRun {
 
  private:
   struct State;
-  std::unique_ptr<State> state_;
-  VantixEdf* session_ = nullptr;
+  std::shared_ptr<State> state_;
+  vantix::EdfSession session_;
 };
 
 // biBitCount of 8/16-bit grey, 8-bit BGR and BGRA, 16-bit BGR; ToolError
