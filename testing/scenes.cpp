@@ -186,6 +186,25 @@ void planPath(const ScanOptions& o, std::vector<cv::Point2d>& positions, std::ve
   }
 }
 
+// The line kernel of a blurred frame, centred so that the frame keeps its
+// true position.
+cv::Mat motionKernel(const ScanTruth& t) {
+  const int side = static_cast<int>(t.blurLength) | 1;
+  cv::Mat kernel = cv::Mat::zeros(side + 2, side + 2, CV_32F);
+  const double norm = std::hypot(t.motion.x, t.motion.y);
+  const cv::Point2d direction = norm > 1e-6 ? t.motion / norm : cv::Point2d(1, 0);
+  const cv::Point2d centre((side + 1) / 2.0, (side + 1) / 2.0);
+  const cv::Point2d half = direction * (t.blurLength / 2.0);
+  constexpr int kShift = 4;  // sub-pixel end points
+  const auto fixed = [](cv::Point2d p) {
+    return cv::Point(cvRound(p.x * (1 << kShift)), cvRound(p.y * (1 << kShift)));
+  };
+  cv::line(kernel, fixed(centre - half), fixed(centre + half), cv::Scalar(1.0), 1, cv::LINE_AA,
+           kShift);
+  kernel /= cv::sum(kernel)[0];
+  return kernel;
+}
+
 }  // namespace
 
 ScanSimulator::ScanSimulator(const cv::Mat& scene, const ScanOptions& options)
@@ -250,23 +269,6 @@ cv::Mat ScanSimulator::render(size_t index) const {
   cv::Mat frame;
   render(index, frame);
   return frame;
-}
-
-cv::Mat ScanSimulator::motionKernel(const ScanTruth& t) {
-  const int side = static_cast<int>(t.blurLength) | 1;
-  cv::Mat kernel = cv::Mat::zeros(side + 2, side + 2, CV_32F);
-  const double norm = std::hypot(t.motion.x, t.motion.y);
-  const cv::Point2d direction = norm > 1e-6 ? t.motion / norm : cv::Point2d(1, 0);
-  const cv::Point2d centre((side + 1) / 2.0, (side + 1) / 2.0);
-  const cv::Point2d half = direction * (t.blurLength / 2.0);
-  constexpr int kShift = 4;  // sub-pixel end points
-  const auto fixed = [](cv::Point2d p) {
-    return cv::Point(cvRound(p.x * (1 << kShift)), cvRound(p.y * (1 << kShift)));
-  };
-  cv::line(kernel, fixed(centre - half), fixed(centre + half), cv::Scalar(1.0), 1, cv::LINE_AA,
-           kShift);
-  kernel /= cv::sum(kernel)[0];
-  return kernel;
 }
 
 // ---------------------------------------------------------------------------
@@ -336,10 +338,6 @@ cv::Mat BlurLevels::defocus(const cv::Mat& sigma) const {
     }
   }
   return out;
-}
-
-cv::Mat defocusedSlice(const cv::Mat& sharp, const cv::Mat& depth, double focus, double maxSigma) {
-  return BlurLevels(sharp, maxSigma).defocus(cv::abs(depth - focus) * maxSigma);
 }
 
 std::vector<cv::Mat> focusStack(const cv::Mat& sharp, const cv::Mat& depth, int count,

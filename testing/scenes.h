@@ -109,13 +109,9 @@ class ScanSimulator {
   cv::Size frameSize() const { return options_.frame; }
   size_t frameCount() const { return truth_.size(); }
   const ScanTruth& truth(size_t index) const { return truth_.at(index); }
-  const std::vector<ScanTruth>& truths() const { return truth_; }
 
   void render(size_t index, cv::Mat& frame) const;
   cv::Mat render(size_t index) const;
-
-  // The centred line kernel of a blurred frame (keeps the true position).
-  static cv::Mat motionKernel(const ScanTruth& truth);
 
  private:
   cv::Mat scene_;
@@ -149,9 +145,8 @@ class BlurLevels {
   double step_ = 1.0;
 };
 
-// The slice focused at depth `focus`: sigma maxSigma * |depth - focus|.
-cv::Mat defocusedSlice(const cv::Mat& sharp, const cv::Mat& depth, double focus, double maxSigma);
-// `count` slices focused at depths evenly spread over 0..1.
+// `count` slices focused at depths evenly spread over 0..1; a pixel at depth
+// d is blurred by sigma maxSigma * |d - focus|.
 std::vector<cv::Mat> focusStack(const cv::Mat& sharp, const cv::Mat& depth, int count,
                                 double maxSigma);
 
