@@ -42,7 +42,8 @@ class Cli : public ::testing::Test {
   // Runs the tool; `status` receives its exit status, out_ and err_ its output.
   int run(const std::string& args) {
     const int status = std::system((std::string(VANTIX_TOOL_PATH) + " " + args + " >" +
-                                    path("out.txt") + " 2>" + path("err.txt")).c_str());
+                                    path("out.txt") + " 2>" + path("err.txt"))
+                                       .c_str());
     out_ = slurp(path("out.txt"));
     err_ = slurp(path("err.txt"));
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
@@ -109,14 +110,18 @@ TEST_F(Cli, ImageCommandsWriteWhatWasAsked) {
   const cv::Vec3b bgr(40, 120, 200);
   cv::Mat raw(16, 16, CV_8U);
   for (int y = 0; y < 16; ++y) {
-    for (int x = 0; x < 16; ++x) raw.at<uint8_t>(y, x) = bgr[(y % 2) + (x % 2) == 0 ? 2 : (y % 2) * (x % 2) ? 0 : 1];
+    for (int x = 0; x < 16; ++x)
+      raw.at<uint8_t>(y, x) = bgr[x % 2 + y % 2 == 0 ? 2 : x % 2 && y % 2 ? 0 : 1];
   }
   ASSERT_EQ(run("demosaic " + write("raw.png", raw) + " " + path("c.png") +
-                " --pattern rggb --bits 8 --order rgb --algorithm ea"), 0) << err_;
+                " --pattern rggb --bits 8 --order rgb --algorithm ea"),
+            0)
+      << err_;
   const cv::Mat colour = cv::imread(path("c.png"), cv::IMREAD_UNCHANGED);
   ASSERT_EQ(colour.type(), CV_8UC3);
   EXPECT_EQ(colour.at<cv::Vec3b>(8, 8), bgr);
-  EXPECT_EQ(run("demosaic " + path("raw.png") + " " + path("c.png") + " --pattern rggb --bits 12"), 1);
+  EXPECT_EQ(run("demosaic " + path("raw.png") + " " + path("c.png") + " --pattern rggb --bits 12"),
+            1);
   expectOneLine("demosaic", "16-bit");
 
   // Up and left of a bright square's top-left corner at (50, 40).
@@ -163,7 +168,8 @@ TEST_F(Cli, StitchCropsToTheScanAndFailsWithReasons) {
 
   // Flat frames give the registration nothing: most are not placed.
   std::string flat;
-  for (int i = 0; i < 6; ++i) flat += " " + write(cv::format("g%d.png", i), cv::Mat(120, 160, CV_8UC3, cv::Scalar::all(90)));
+  for (int i = 0; i < 6; ++i)
+    flat += " " + write(cv::format("g%d.png", i), cv::Mat(120, 160, CV_8UC3, cv::Scalar::all(90)));
   EXPECT_EQ(run("stitch" + flat + " -o " + path("flat.png")), 1);
   EXPECT_TRUE(fs::exists(path("flat.png")));
   EXPECT_NE(err_.find("vantix: stitch: 5 of 6 frames were not placed"), std::string::npos) << err_;
@@ -182,7 +188,8 @@ TEST_F(Cli, SpotMeasuresEachFileAtItsDepth) {
   cv::Mat b8, b16;
   beam.convertTo(b8, CV_8U, 255);
   beam.convertTo(b16, CV_16U, 4095);
-  ASSERT_EQ(run("spot " + write("b8.png", b8) + " " + write("b16.png", b16) + " --passes 3 --csv"), 0)
+  ASSERT_EQ(run("spot " + write("b8.png", b8) + " " + write("b16.png", b16) + " --passes 3 --csv"),
+            0)
       << err_;
   std::istringstream rows(out_);
   std::string line;
@@ -192,8 +199,10 @@ TEST_F(Cli, SpotMeasuresEachFileAtItsDepth) {
     ASSERT_TRUE(std::getline(rows, line)) << out_;
     double total = 0, cx = 0, cy = 0, major = 0, minor = 0;
     const size_t fields = line.find(",0,") + 3;
-    ASSERT_EQ(std::sscanf(line.c_str() + fields, "%lf,%lf,%lf,%lf,%lf", &total, &cx, &cy, &major,
-                          &minor), 5) << line;
+    ASSERT_EQ(
+        std::sscanf(line.c_str() + fields, "%lf,%lf,%lf,%lf,%lf", &total, &cx, &cy, &major, &minor),
+        5)
+        << line;
     EXPECT_NEAR(cx, 30.5, 0.05);
     EXPECT_NEAR(cy, 20, 0.05);
     EXPECT_NEAR(major, 20, 0.5);

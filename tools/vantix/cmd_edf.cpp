@@ -23,9 +23,12 @@ cv::Mat toFormat(const cv::Mat& image, uint32_t format) {
   }
   if (out.depth() != depth) out.convertTo(out, depth, depth == CV_16U ? 257.0 : 1.0 / 257.0);
   const bool alpha = format >= 2;
-  if (out.channels() == 1) cv::cvtColor(out, out, alpha ? cv::COLOR_GRAY2BGRA : cv::COLOR_GRAY2BGR);
-  else if (out.channels() == 3 && alpha) cv::cvtColor(out, out, cv::COLOR_BGR2BGRA);
-  else if (out.channels() == 4 && !alpha) cv::cvtColor(out, out, cv::COLOR_BGRA2BGR);
+  if (out.channels() == 1)
+    cv::cvtColor(out, out, alpha ? cv::COLOR_GRAY2BGRA : cv::COLOR_GRAY2BGR);
+  else if (out.channels() == 3 && alpha)
+    cv::cvtColor(out, out, cv::COLOR_BGR2BGRA);
+  else if (out.channels() == 4 && !alpha)
+    cv::cvtColor(out, out, cv::COLOR_BGRA2BGR);
   return out.isContinuous() ? out : out.clone();
 }
 
@@ -39,25 +42,31 @@ Runner addEdf(CLI::App& app) {
     int bits = 16;
   };
   auto o = std::make_shared<Options>();
-  CLI::App* cmd = app.add_subcommand("edf", "fuse a focus stack into one sharp image "
-                                            "(vantix_edf_*)");
-  cmd->add_option("FRAME", o->frames, "8- or 16-bit grey, BGR or BGRA images of one size, in "
-                                      "push order; a multi-page TIFF gives its pages, a folder "
-                                      "its images in name order (f2 before f10)")
+  CLI::App* cmd = app.add_subcommand("edf",
+                                     "fuse a focus stack into one sharp image "
+                                     "(vantix_edf_*)");
+  cmd->add_option("FRAME", o->frames,
+                  "8- or 16-bit grey, BGR or BGRA images of one size, in "
+                  "push order; a multi-page TIFF gives its pages, a folder "
+                  "its images in name order (f2 before f10)")
       ->required();
   cmd->add_option("-o,--out", o->out, "the fused image")->required();
-  cmd->add_option("--kind", o->kind, "pyramid_max: largest detail wins (default); "
-                                     "pyramid_blend: detail-weighted; stack: focus-measure blend")
+  cmd->add_option("--kind", o->kind,
+                  "pyramid_max: largest detail wins (default); "
+                  "pyramid_blend: detail-weighted; stack: focus-measure blend")
       ->transform(names("edf_kind"));
-  cmd->add_option("--format", o->format, "session pixel format: 0 8-bit BGR (default), 1 16-bit "
-                                         "BGR, 2 8-bit BGRA, 3 16-bit BGRA")
+  cmd->add_option("--format", o->format,
+                  "session pixel format: 0 8-bit BGR (default), 1 16-bit "
+                  "BGR, 2 8-bit BGRA, 3 16-bit BGRA")
       ->check(CLI::Range(0, 3));
-  CLI::Option* bits = cmd->add_option("--bits", o->bits, "16-bit frames hold N-bit samples "
-                                                         "(default 16), scaled to 16 bits")
+  CLI::Option* bits = cmd->add_option("--bits", o->bits,
+                                      "16-bit frames hold N-bit samples "
+                                      "(default 16), scaled to 16 bits")
                           ->check(CLI::Range(9, 16));
-  cmd->footer("The session fuses at 8 bits a channel: 16-bit frames are reduced (a note on "
-              "stderr says so once).  Formats 1 and 3 give the 8-bit result in 16-bit layout "
-              "(each sample times 257), 2 and 3 add an opaque alpha channel.");
+  cmd->footer(
+      "The session fuses at 8 bits a channel: 16-bit frames are reduced (a note on "
+      "stderr says so once).  Formats 1 and 3 give the 8-bit result in 16-bit layout "
+      "(each sample times 257), 2 and 3 add an opaque alpha channel.");
   return [o, bits] {
     checkOutputPath(o->out);
     const std::string extension = std::filesystem::path(o->out).extension();

@@ -48,8 +48,9 @@ Runner addResize(CLI::App& app) {
   cmd->add_option("OUT", o->out, "output file; 16-bit stays 16-bit in .png, .tif, .pgm/.ppm")
       ->required();
   cmd->add_option("--size", o->size, "the new size, e.g. 640x480")->required()->check(sizeCheck());
-  cmd->add_option("--interp", o->interp, "interpolation (default auto: cubic when enlarging, "
-                                         "else area)")
+  cmd->add_option("--interp", o->interp,
+                  "interpolation (default auto: cubic when enlarging, "
+                  "else area)")
       ->transform(names("interp"));
   return [o] {
     cv::Size size;
@@ -61,9 +62,10 @@ Runner addResize(CLI::App& app) {
     Padded dst = padded(size, source.type(), bits);
     source.copyTo(src.view);
     const auto start = std::chrono::steady_clock::now();
-    vantix::resize(vantix::ImageView(src.buffer.data, uint32_t(source.cols), uint32_t(source.rows), bits),
-                   vantix::ImageView(dst.buffer.data, uint32_t(size.width), uint32_t(size.height), bits),
-                   o->interp);
+    vantix::resize(
+        vantix::ImageView(src.buffer.data, uint32_t(source.cols), uint32_t(source.rows), bits),
+        vantix::ImageView(dst.buffer.data, uint32_t(size.width), uint32_t(size.height), bits),
+        o->interp);
     const double ms = millisecondsSince(start);
     const bool reduced = writeImage(o->out, dst.view);
     std::printf("resized %s (%s, %s) -> %s (%s), interpolation %s, %.2f ms\n", o->in.c_str(),
@@ -82,11 +84,13 @@ Runner addDemosaic(CLI::App& app) {
   };
   auto o = std::make_shared<Options>();
   CLI::App* cmd = app.add_subcommand("demosaic", "demosaic a raw Bayer frame (vantix_demosaic)");
-  cmd->add_option("RAW", o->in, "one-channel image, one sample a pixel: an 8-bit file for "
-                                "--bits 8, a 16-bit file for --bits 9..16")
+  cmd->add_option("RAW", o->in,
+                  "one-channel image, one sample a pixel: an 8-bit file for "
+                  "--bits 8, a 16-bit file for --bits 9..16")
       ->required();
-  cmd->add_option("OUT", o->out, "colour output; 16-bit results stay 16-bit in .png and .tif, "
-                                 "N-bit samples scaled to the full 16-bit range")
+  cmd->add_option("OUT", o->out,
+                  "colour output; 16-bit results stay 16-bit in .png and .tif, "
+                  "N-bit samples scaled to the full 16-bit range")
       ->required();
   cmd->add_option("--pattern", o->pattern, "colour filter of the sensor")
       ->required()
@@ -96,9 +100,10 @@ Runner addDemosaic(CLI::App& app) {
       ->check(CLI::Range(8, 16));
   cmd->add_option("--algorithm", o->algorithm, "default bilinear; vng takes 8-bit only")
       ->transform(names("algorithm"));
-  cmd->add_option("--order", o->order, "channel order asked of the library (default bgr; 4 "
-                                       "channels with bilinear only); OUT always shows true "
-                                       "colours")
+  cmd->add_option("--order", o->order,
+                  "channel order asked of the library (default bgr; 4 "
+                  "channels with bilinear only); OUT always shows true "
+                  "colours")
       ->transform(names("order"));
   return [o] {
     checkOutputPath(o->out);
@@ -112,8 +117,8 @@ Runner addDemosaic(CLI::App& app) {
     double highest = 0;
     cv::minMaxLoc(raw, nullptr, &highest);
     if (highest >= (1 << o->bits)) {
-      throw ToolError(format("'%s' has samples up to %.0f, more than %d bits hold",
-                             o->in.c_str(), highest, o->bits));
+      throw ToolError(format("'%s' has samples up to %.0f, more than %d bits hold", o->in.c_str(),
+                             highest, o->bits));
     }
     const bool alpha = o->order == VANTIX_DEMOSAIC_BGRA || o->order == VANTIX_DEMOSAIC_RGBA;
     const int type = CV_MAKETYPE(depth, alpha ? 4 : 3);
@@ -150,23 +155,26 @@ Runner addEdge(CLI::App& app) {
     uint32_t size = 20;
   };
   auto o = std::make_shared<Options>();
-  CLI::App* cmd = app.add_subcommand("edge", "snap a point onto the nearest edge "
-                                             "(vantix_edge_get)");
+  CLI::App* cmd = app.add_subcommand("edge",
+                                     "snap a point onto the nearest edge "
+                                     "(vantix_edge_get)");
   cmd->add_option("IMAGE", o->image, "8- or 16-bit grey, BGR or BGRA image")->required();
   cmd->add_option("X", o->x, "the point's column, 0-based")->required();
   cmd->add_option("Y", o->y, "the point's row, 0-based")->required();
-  cmd->add_option("--size", o->size, "search size: the search area is 3N pixels a side and an "
-                                     "edge point must lie closer than N pixels (default 20)")
+  cmd->add_option("--size", o->size,
+                  "search size: the search area is 3N pixels a side and an "
+                  "edge point must lie closer than N pixels (default 20)")
       ->check(CLI::Range(1, 50));
   return [o] {
     cv::Mat image = readImage(o->image);
     if (image.channels() == 1) cv::cvtColor(image, image, cv::COLOR_GRAY2BGR);
     const bool wide = image.depth() == CV_16U, alpha = image.channels() == 4;
     if (image.depth() != CV_8U && !wide) bitCountFor(image);  // refuses with the type
-    const uint32_t pixelFormat = (wide ? VANTIX_FORMAT_BGR16 : VANTIX_FORMAT_BGR8) + (alpha ? 2 : 0);
+    const uint32_t pixelFormat =
+        (wide ? VANTIX_FORMAT_BGR16 : VANTIX_FORMAT_BGR8) + (alpha ? 2 : 0);
     if (o->x < 0 || o->y < 0 || o->x >= image.cols || o->y >= image.rows) {
-      throw ToolError(format("point (%d,%d) lies outside '%s' (%s)", o->x, o->y,
-                             o->image.c_str(), sizeText(image.size()).c_str()));
+      throw ToolError(format("point (%d,%d) lies outside '%s' (%s)", o->x, o->y, o->image.c_str(),
+                             sizeText(image.size()).c_str()));
     }
     if (image.cols < 2 || image.rows < 2) throw ToolError("the image is too small (2x2 at least)");
     const uint32_t bits = (wide ? 16 : 8) * static_cast<uint32_t>(image.channels());
@@ -174,8 +182,10 @@ Runner addEdge(CLI::App& app) {
     image.copyTo(frame.view);
     vantix::EdgeSession session(pixelFormat, uint32_t(image.cols), uint32_t(image.rows), o->size);
     int32_t x = o->x, y = o->y;
-    if (session.get(frame.view.data, x, y)) std::printf("snapped (%d,%d) -> (%d,%d)\n", o->x, o->y, x, y);
-    else std::printf("no edge within %u px of (%d,%d)\n", o->size, o->x, o->y);
+    if (session.get(frame.view.data, x, y))
+      std::printf("snapped (%d,%d) -> (%d,%d)\n", o->x, o->y, x, y);
+    else
+      std::printf("no edge within %u px of (%d,%d)\n", o->size, o->x, o->y);
     return 0;
   };
 }

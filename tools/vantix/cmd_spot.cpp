@@ -56,7 +56,8 @@ struct ArrayCamera {
     resolve(firstSdk, "arraycam_first_sdk");
     char other[1024] = {};
     if (firstSdk(other, sizeof other) != 1) {
-      throw ToolError(std::string("the camera SDK '") + other + "' was loaded before the array "
+      throw ToolError(std::string("the camera SDK '") + other +
+                      "' was loaded before the array "
                       "camera, and the library pulls from the first SDK loaded only");
     }
     camera = open();
@@ -70,8 +71,8 @@ CLI::Validator fourNumbers() {
       [](std::string& text) {
         double v[4];
         char rest = 0;
-        return std::sscanf(text.c_str(), "%lf,%lf,%lf,%lf%c", &v[0], &v[1], &v[2], &v[3],
-                           &rest) == 4
+        return std::sscanf(text.c_str(), "%lf,%lf,%lf,%lf%c", &v[0], &v[1], &v[2], &v[3], &rest) ==
+                       4
                    ? std::string()
                    : "'" + text + "' is not four comma-separated numbers";
       },
@@ -79,8 +80,8 @@ CLI::Validator fourNumbers() {
 }
 
 std::vector<double> fieldsOf(const SpotResult& r) {
-  return {r.total, r.centerX, r.centerY, r.majorDiameter, r.minorDiameter, r.ellipticity,
-          r.angle, r.apertureX, r.apertureY, r.apertureA, r.apertureB};
+  return {r.total, r.centerX,   r.centerY,   r.majorDiameter, r.minorDiameter, r.ellipticity,
+          r.angle, r.apertureX, r.apertureY, r.apertureA,     r.apertureB};
 }
 
 }  // namespace
@@ -94,36 +95,43 @@ Runner addSpot(CLI::App& app) {
     std::string roi, aperture, dark;
   };
   auto o = std::make_shared<Options>();
-  CLI::App* cmd = app.add_subcommand("spot", "measure laser spots: centre, 4-sigma diameters "
-                                             "(vantix_spot_pull)");
-  cmd->add_option("IMAGE", o->files, "8- or 16-bit grey or colour images, pulled as 8/16-bit "
-                                     "grey or 24/48-bit B G R frames, values as stored")
+  CLI::App* cmd = app.add_subcommand("spot",
+                                     "measure laser spots: centre, 4-sigma diameters "
+                                     "(vantix_spot_pull)");
+  cmd->add_option("IMAGE", o->files,
+                  "8- or 16-bit grey or colour images, pulled as 8/16-bit "
+                  "grey or 24/48-bit B G R frames, values as stored")
       ->required();
-  cmd->add_option("--spots", o->spots, "spots a frame (default 1: one spot in a self-adjusting "
-                                       "elliptical aperture; 2 or more: by segmentation)")
+  cmd->add_option("--spots", o->spots,
+                  "spots a frame (default 1: one spot in a self-adjusting "
+                  "elliptical aperture; 2 or more: by segmentation)")
       ->check(CLI::Range(1, 64));
-  CLI::Option* passes =
-      cmd->add_option("--passes", o->passes, "measure each image N times, each pass in the "
-                                             "aperture the one before left; report the last")
-          ->check(CLI::Range(1, 100));
-  cmd->add_flag("--stream", o->stream, "the images are consecutive frames "
-                                                             "of one camera: one session, one "
-                                                             "size")
-                            ->excludes(passes);
-  cmd->add_option("--average", o->average, "with --stream, a row of trimmed means for each "
-                                               "complete block of N frames")
-          ->check(CLI::Range(1, 1000))
-          ->excludes(passes);
+  CLI::Option* passes = cmd->add_option("--passes", o->passes,
+                                        "measure each image N times, each pass in the "
+                                        "aperture the one before left; report the last")
+                            ->check(CLI::Range(1, 100));
+  cmd->add_flag("--stream", o->stream,
+                "the images are consecutive frames "
+                "of one camera: one session, one "
+                "size")
+      ->excludes(passes);
+  cmd->add_option("--average", o->average,
+                  "with --stream, a row of trimmed means for each "
+                  "complete block of N frames")
+      ->check(CLI::Range(1, 1000))
+      ->excludes(passes);
   cmd->add_option("--roi", o->roi, "measure only this rectangle X,Y,W,H")->check(fourNumbers());
   cmd->add_option("--aperture", o->aperture, "fixed elliptical aperture CX,CY,A,B")
       ->check(fourNumbers());
-  cmd->add_option("--dark", o->dark, "subtract a dark level, clamping at 0: 'corners' (the mean "
-                                     "of the four 5 % corner patches, per channel) or LEVEL "
-                                     "counts; the level used goes to stderr");
+  cmd->add_option("--dark", o->dark,
+                  "subtract a dark level, clamping at 0: 'corners' (the mean "
+                  "of the four 5 % corner patches, per channel) or LEVEL "
+                  "counts; the level used goes to stderr");
   cmd->add_flag("--csv", o->csv, "comma-separated values with a header line");
-  cmd->footer("By default each image is measured on its own, with a session of its own.  The "
-              "array camera library is $VANTIX_ARRAYCAM, or libvantix_arraycam.so of the build "
-              "or installation.");
+  cmd->footer(
+      "By default each image is measured on its own, with a session of its own.  The "
+      "array camera library is $VANTIX_ARRAYCAM, or libvantix_arraycam.so of the build "
+      "or installation.");
   return [o] {
     const bool stream = o->stream || o->average >= 2, blocks = o->average >= 2;
     if (blocks && o->files.size() < o->average) {
@@ -157,7 +165,8 @@ Runner addSpot(CLI::App& app) {
       }
       if (stream && images.size() > 1 && images.back().size() != images.front().size()) {
         throw ToolError("'" + file + "' is " + sizeText(images.back().size()) + ", the first " +
-                        sizeText(images.front().size()) + ": frames of one stream need one size "
+                        sizeText(images.front().size()) +
+                        ": frames of one stream need one size "
                         "(drop --stream to measure each image on its own)");
       }
     }
@@ -172,11 +181,12 @@ Runner addSpot(CLI::App& app) {
         session->setAperture(SpotAperture{aperture[0], aperture[1], aperture[2], aperture[3]});
       }
     };
-    const char* const names[] = {"total", "centerX", "centerY", "majorDiameter",
-                                 "minorDiameter", "ellipticity", "angle", "apertureX",
-                                 "apertureY", "apertureA", "apertureB"};
+    const char* const names[] = {"total",         "centerX",     "centerY",  "majorDiameter",
+                                 "minorDiameter", "ellipticity", "angle",    "apertureX",
+                                 "apertureY",     "apertureA",   "apertureB"};
     if (o->csv) {
-      std::printf(blocks ? "block,first_frame,last_frame,first_file,last_file,spot" : "frame,file,spot");
+      std::printf(blocks ? "block,first_frame,last_frame,first_file,last_file,spot"
+                         : "frame,file,spot");
       for (const char* name : names) std::printf(",%s", name);
       std::printf("\n");
     } else {
@@ -195,10 +205,10 @@ Runner addSpot(CLI::App& app) {
           const cv::Size patch(std::max(1, cvRound(0.05 * image.cols)),
                                std::max(1, cvRound(0.05 * image.rows)));
           level = cv::Scalar();
-          for (const cv::Point corner : {cv::Point(0, 0), cv::Point(image.cols - patch.width, 0),
-                                         cv::Point(0, image.rows - patch.height),
-                                         cv::Point(image.cols - patch.width,
-                                                   image.rows - patch.height)}) {
+          for (const cv::Point corner :
+               {cv::Point(0, 0), cv::Point(image.cols - patch.width, 0),
+                cv::Point(0, image.rows - patch.height),
+                cv::Point(image.cols - patch.width, image.rows - patch.height)}) {
             level += cv::mean(image(cv::Rect(corner, patch))) * 0.25;
           }
           if (image.channels() == 4) level[3] = 0;
@@ -210,14 +220,14 @@ Runner addSpot(CLI::App& app) {
           text += format("%s%.0f", c > 0 ? " " : "", level[c]);
         }
         std::fflush(stdout);
-        std::fprintf(stderr, "vantix: spot: %s: dark level %s subtracted\n",
-                     o->files[i].c_str(), text.c_str());
+        std::fprintf(stderr, "vantix: spot: %s: dark level %s subtracted\n", o->files[i].c_str(),
+                     text.c_str());
       }
       const uint32_t sample = image.depth() == CV_16U ? 16 : 8;
-      vantix::check(camera.setFrame(camera.camera, image.data, uint32_t(image.cols),
-                                    uint32_t(image.rows), sample, uint32_t(image.channels()),
-                                    uint32_t(image.step), 0),
-                    "arraycam_set_frame");
+      vantix::check(
+          camera.setFrame(camera.camera, image.data, uint32_t(image.cols), uint32_t(image.rows),
+                          sample, uint32_t(image.channels()), uint32_t(image.step), 0),
+          "arraycam_set_frame");
       if (!stream || !session) newSession();
       const uint32_t bits = image.channels() == 1 ? sample : 3 * sample;
       buffer.resize(size_t(vantix_default_stride(uint32_t(image.cols), bits)) * image.rows);
@@ -237,21 +247,27 @@ Runner addSpot(CLI::App& app) {
       for (size_t k = 0; k < records.size(); ++k) {
         const std::vector<double> f = fieldsOf(records[k]);
         if (o->csv) {
-          if (blocks) std::printf("%zu,%zu,%zu,%s,%zu", i / o->average, first, i, files.c_str(), k);
-          else std::printf("%zu,%s,%zu", i, files.c_str(), k);
+          if (blocks)
+            std::printf("%zu,%zu,%zu,%s,%zu", i / o->average, first, i, files.c_str(), k);
+          else
+            std::printf("%zu,%s,%zu", i, files.c_str(), k);
           for (const double value : f) std::printf(",%.10g", value);
           std::printf("\n");
         } else {
-          std::printf("%5zu %9s %4zu %12.0f %9.3f %9.3f %9.3f %9.3f %7.4f %8.3f %9.2f %9.2f "
-                      "%9.2f %9.2f  %s\n", blocks ? i / o->average : i, frames.c_str(), k, f[0],
-                      f[1], f[2], f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10], files.c_str());
+          std::printf(
+              "%5zu %9s %4zu %12.0f %9.3f %9.3f %9.3f %9.3f %7.4f %8.3f %9.2f %9.2f "
+              "%9.2f %9.2f  %s\n",
+              blocks ? i / o->average : i, frames.c_str(), k, f[0], f[1], f[2], f[3], f[4], f[5],
+              f[6], f[7], f[8], f[9], f[10], files.c_str());
         }
       }
     }
     std::fflush(stdout);
     if (blocks && images.size() % o->average != 0) {
-      std::fprintf(stderr, "vantix: spot: the last %zu file(s) do not complete a block of %u; "
-                   "not reported\n", images.size() % o->average, o->average);
+      std::fprintf(stderr,
+                   "vantix: spot: the last %zu file(s) do not complete a block of %u; "
+                   "not reported\n",
+                   images.size() % o->average, o->average);
     }
     return 0;
   };

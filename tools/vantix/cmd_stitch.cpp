@@ -62,7 +62,8 @@ Shift measureShift(const cv::Mat& first, const cv::Mat& second) {
   const auto ramp = [](int length) {
     cv::Mat r(1, length, CV_32F, cv::Scalar(1));
     for (int i = 0; i < std::min(12, length / 2); ++i) {
-      r.at<float>(i) = r.at<float>(length - 1 - i) = float(0.5 - 0.5 * std::cos(CV_PI * (i + 0.5) / 12));
+      r.at<float>(i) = r.at<float>(length - 1 - i) =
+          float(0.5 - 0.5 * std::cos(CV_PI * (i + 0.5) / 12));
     }
     return r;
   };
@@ -81,7 +82,8 @@ Shift measureShift(const cv::Mat& first, const cv::Mat& second) {
   for (int k = 0; k < 6; ++k) {
     cv::Point peak;
     cv::minMaxLoc(surface, nullptr, nullptr, nullptr, &peak);
-    cv::rectangle(surface, cv::Rect(peak - cv::Point(2, 2), cv::Size(5, 5)), cv::Scalar(-1e9), cv::FILLED);
+    cv::rectangle(surface, cv::Rect(peak - cv::Point(2, 2), cv::Size(5, 5)), cv::Scalar(-1e9),
+                  cv::FILLED);
     // A peak at p: b(x) matches a(x + p), modulo the size.
     for (int x : {peak.x, peak.x - a.cols}) {
       for (int y : {peak.y, peak.y - a.rows}) {
@@ -109,8 +111,8 @@ T median(std::vector<T> v) {
 
 // Why most frames were not placed: a line per cause found, with figures.
 std::vector<std::string> explainUnplaced(const std::vector<FrameSource>& sources,
-                                         FrameReader& reader, const std::vector<StitchReport>& reports,
-                                         uint32_t level) {
+                                         FrameReader& reader,
+                                         const std::vector<StitchReport>& reports, uint32_t level) {
   std::vector<std::string> lines;
   std::vector<Shift> shifts;  // frame i to i + 1
   std::vector<double> overlaps;
@@ -122,15 +124,16 @@ std::vector<std::string> explainUnplaced(const std::vector<FrameSource>& sources
     previous = frame;
   }
   const auto least = std::min_element(overlaps.begin(), overlaps.end());
-  const size_t narrow = static_cast<size_t>(
-      std::count_if(overlaps.begin(), overlaps.end(), [](double v) { return v < kTrackingOverlap; }));
+  const size_t narrow = static_cast<size_t>(std::count_if(
+      overlaps.begin(), overlaps.end(), [](double v) { return v < kTrackingOverlap; }));
   if (narrow > 0) {
     const size_t i = static_cast<size_t>(least - overlaps.begin());
-    lines.push_back(format("too little overlap: %zu of %zu successive frame pairs share less than "
-                           "the 40 %% of a frame live tracking needs (least %.0f %%, %s to %s; "
-                           "median %.0f %%)", narrow, overlaps.size(), 100 * *least,
-                           sources[i].label().c_str(), sources[i + 1].label().c_str(),
-                           100 * median(overlaps)));
+    lines.push_back(
+        format("too little overlap: %zu of %zu successive frame pairs share less than "
+               "the 40 %% of a frame live tracking needs (least %.0f %%, %s to %s; "
+               "median %.0f %%)",
+               narrow, overlaps.size(), 100 * *least, sources[i].label().c_str(),
+               sources[i + 1].label().c_str(), 100 * median(overlaps)));
   }
   const float gate = kLevelSharpness[level];
   std::vector<float> scores, smooth;
@@ -142,20 +145,24 @@ std::vector<std::string> explainUnplaced(const std::vector<FrameSource>& sources
     kept += r.mode == 2;
   }
   if (!smooth.empty()) {
-    std::string line = format("too smooth: %zu of the %zu frames not placed score a sharpness of "
-                              "%.3f or less, which strict level %u does not place (median %.3f, "
-                              "highest %.3f)", smooth.size(), scores.size(), gate, level,
-                              median(smooth), *std::max_element(smooth.begin(), smooth.end()));
+    std::string line = format(
+        "too smooth: %zu of the %zu frames not placed score a sharpness of "
+        "%.3f or less, which strict level %u does not place (median %.3f, "
+        "highest %.3f)",
+        smooth.size(), scores.size(), gate, level, median(smooth),
+        *std::max_element(smooth.begin(), smooth.end()));
     for (uint32_t lower = level; lower-- > 0;) {
       if (median(smooth) > kLevelSharpness[lower]) {
-        line += format("; --strict-level %u takes frames above %.3f", lower,
-                       kLevelSharpness[lower]);
+        line +=
+            format("; --strict-level %u takes frames above %.3f", lower, kLevelSharpness[lower]);
         break;
       }
     }
     if (reader.suggestedBits() > 0) {
-      line += format("; the 16-bit frames use only %d bits: --bits %d spreads their samples over "
-                     "the whole range", reader.suggestedBits(), reader.suggestedBits());
+      line += format(
+          "; the 16-bit frames use only %d bits: --bits %d spreads their samples over "
+          "the whole range",
+          reader.suggestedBits(), reader.suggestedBits());
     }
     lines.push_back(line);
   }
@@ -173,26 +180,28 @@ std::vector<std::string> explainUnplaced(const std::vector<FrameSource>& sources
       const cv::Point moved = placed[i + 1] - placed[i];
       if (cv::norm(cv::Point2d(moved) - shifts[i].at) <= tolerance) continue;
       if (wrong++ == 0) {
-        example = format("%s placed (%d, %d) px from the frame before, which the frames put at "
-                         "(%.0f, %.0f)", sources[i + 1].label().c_str(), moved.x, moved.y,
-                         shifts[i].at.x, shifts[i].at.y);
+        example = format(
+            "%s placed (%d, %d) px from the frame before, which the frames put at "
+            "(%.0f, %.0f)",
+            sources[i + 1].label().c_str(), moved.x, moved.y, shifts[i].at.x, shifts[i].at.y);
       }
     }
     if (wrong > 0) {
-      lines.push_back(format("misplaced: %zu of %zu frames placed after a placed frame lie "
-                             "elsewhere than the frames show (%s)", wrong, checked,
-                             example.c_str()));
+      lines.push_back(
+          format("misplaced: %zu of %zu frames placed after a placed frame lie "
+                 "elsewhere than the frames show (%s)",
+                 wrong, checked, example.c_str()));
     }
   }
   if (lines.empty()) {
-    lines.push_back(format("neither too little overlap nor too smooth frames: successive frames "
-                           "share at least %.0f %% and the frames not placed score a sharpness "
-                           "above %.3f (median %.3f); %s", overlaps.empty() ? 100 : 100 * *least,
-                           gate, median(scores),
-                           2 * kept > scores.size()
-                               ? "most were matched but not surely enough to place (kept): the "
-                                 "frames may lack distinct detail"
-                               : "the frames may not show one scene"));
+    lines.push_back(format(
+        "neither too little overlap nor too smooth frames: successive frames "
+        "share at least %.0f %% and the frames not placed score a sharpness "
+        "above %.3f (median %.3f); %s",
+        overlaps.empty() ? 100 : 100 * *least, gate, median(scores),
+        2 * kept > scores.size() ? "most were matched but not surely enough to place (kept): the "
+                                   "frames may lack distinct detail"
+                                 : "the frames may not show one scene"));
   }
   return lines;
 }
@@ -208,11 +217,13 @@ Runner addStitch(CLI::App& app) {
     int fps = 0, bits = 16;
   };
   auto o = std::make_shared<Options>();
-  CLI::App* cmd = app.add_subcommand("stitch", "stitch frames into a panorama with a live "
-                                               "session (vantix_stitch_*)");
-  cmd->add_option("FRAME", o->frames, "8- or 16-bit grey, BGR or BGRA images of one size, in "
-                                      "scan order; a multi-page TIFF gives its pages, a folder "
-                                      "its images in name order (f2 before f10)")
+  CLI::App* cmd = app.add_subcommand("stitch",
+                                     "stitch frames into a panorama with a live "
+                                     "session (vantix_stitch_*)");
+  cmd->add_option("FRAME", o->frames,
+                  "8- or 16-bit grey, BGR or BGRA images of one size, in "
+                  "scan order; a multi-page TIFF gives its pages, a folder "
+                  "its images in name order (f2 before f10)")
       ->required();
   cmd->add_option("-o,--out", o->out, "the panorama file")->required();
   CLI::Option* whole = cmd->add_flag("--whole-canvas", o->wholeCanvas,
@@ -220,26 +231,32 @@ Runner addStitch(CLI::App& app) {
   cmd->add_flag("--crop", o->crop, "the default; accepted for older scripts")->excludes(whole);
   cmd->add_option("--background", o->background, "of uncovered canvas (default checkerboard)")
       ->transform(names("background"));
-  cmd->add_option("--scale-level", o->scaleLevel, "working copy 10, 15, 20, 30, 40 % for 0..4 "
-                                                  "(default 2)")
+  cmd->add_option("--scale-level", o->scaleLevel,
+                  "working copy 10, 15, 20, 30, 40 % for 0..4 "
+                  "(default 2)")
       ->check(CLI::Range(0, 4));
-  cmd->add_option("--strict-level", o->strictLevel, "how sharp and well matched a frame must "
-                                                    "be to be placed, 0..4 (default 2)")
+  cmd->add_option("--strict-level", o->strictLevel,
+                  "how sharp and well matched a frame must "
+                  "be to be placed, 0..4 (default 2)")
       ->check(CLI::Range(0, 4));
-  cmd->add_option("--fps", o->fps, "push N frames a second as a camera would; the session "
-                                   "skips frames it cannot keep up with (default 0: each frame "
-                                   "after the previous one's report)")
+  cmd->add_option("--fps", o->fps,
+                  "push N frames a second as a camera would; the session "
+                  "skips frames it cannot keep up with (default 0: each frame "
+                  "after the previous one's report)")
       ->check(CLI::Range(0, 1000));
-  cmd->add_option("--positions", o->positions, "CSV: where each processed frame went on the "
-                                               "canvas and in the panorama");
-  CLI::Option* bits = cmd->add_option("--bits", o->bits, "16-bit frames hold N-bit samples "
-                                                         "(default 16), scaled to 16 bits")
+  cmd->add_option("--positions", o->positions,
+                  "CSV: where each processed frame went on the "
+                  "canvas and in the panorama");
+  CLI::Option* bits = cmd->add_option("--bits", o->bits,
+                                      "16-bit frames hold N-bit samples "
+                                      "(default 16), scaled to 16 bits")
                           ->check(CLI::Range(9, 16));
-  cmd->footer("The session works on 8-bit B G R: 16-bit frames are reduced (a note on stderr "
-              "says so once) and alpha dropped.  Exit status 1 when half the frames or more "
-              "were not placed (the panorama is still written), with a line on stderr for each "
-              "cause found: too little overlap between successive frames, frames too smooth "
-              "for the strict level, or frames placed elsewhere than the frames show.");
+  cmd->footer(
+      "The session works on 8-bit B G R: 16-bit frames are reduced (a note on stderr "
+      "says so once) and alpha dropped.  Exit status 1 when half the frames or more "
+      "were not placed (the panorama is still written), with a line on stderr for each "
+      "cause found: too little overlap between successive frames, frames too smooth "
+      "for the strict level, or frames placed elsewhere than the frames show.");
   return [o, bits] {
     checkOutputPath(o->out);
     const std::vector<FrameSource> sources = listFrames(o->frames);
@@ -251,9 +268,10 @@ Runner addStitch(CLI::App& app) {
                       "; frames must be at least 16x16");
     }
     StitchRun session(first.size(), o->background, o->scaleLevel, o->strictLevel);
-    std::printf("stitching %zu frames of %s (scale level %u, strict level %u, %s)\n",
-                sources.size(), sizeText(first.size()).c_str(), o->scaleLevel, o->strictLevel,
-                o->fps > 0 ? format("%d frames a second", o->fps).c_str() : "every frame processed");
+    std::printf(
+        "stitching %zu frames of %s (scale level %u, strict level %u, %s)\n", sources.size(),
+        sizeText(first.size()).c_str(), o->scaleLevel, o->strictLevel,
+        o->fps > 0 ? format("%d frames a second", o->fps).c_str() : "every frame processed");
     std::fflush(stdout);
     session.start();
     const auto started = std::chrono::steady_clock::now();
@@ -307,9 +325,9 @@ Runner addStitch(CLI::App& app) {
         // The file is known only when each frame was waited for.
         const std::string file = o->fps == 0 ? sources[i].label() : "";
         csv << format("%zu,\"%s\",%s,%d,%d,%d,%d,%d,%d,%.4f,%.3f\n", i, file.c_str(),
-                      modeName(r.mode), r.position.x, r.position.y, r.canvas.width,
-                      r.canvas.height, finals[i].x - origin.x, finals[i].y - origin.y,
-                      static_cast<double>(r.score), r.seconds);
+                      modeName(r.mode), r.position.x, r.position.y, r.canvas.width, r.canvas.height,
+                      finals[i].x - origin.x, finals[i].y - origin.y, static_cast<double>(r.score),
+                      r.seconds);
       }
       if (!csv) throw ToolError("cannot write '" + o->positions + "'");
     }
@@ -318,9 +336,10 @@ Runner addStitch(CLI::App& app) {
     std::fflush(stdout);
     const size_t unplaced = reports.size() - byMode[1];
     if (!reports.empty() && 2 * unplaced < reports.size()) return 0;
-    std::fprintf(stderr, "vantix: stitch: %zu of %zu frames were not placed (%zu kept as "
-                 "reference only, %zu lost, %zu not placed%s)\n", unplaced, reports.size(),
-                 byMode[2], byMode[3], byMode[4],
+    std::fprintf(stderr,
+                 "vantix: stitch: %zu of %zu frames were not placed (%zu kept as "
+                 "reference only, %zu lost, %zu not placed%s)\n",
+                 unplaced, reports.size(), byMode[2], byMode[3], byMode[4],
                  byMode[0] > 0 ? format(", %zu in another mode", byMode[0]).c_str() : "");
     for (const std::string& line : explainUnplaced(sources, reader, reports, o->strictLevel)) {
       std::fprintf(stderr, "vantix: stitch: %s\n", line.c_str());

@@ -61,7 +61,9 @@ struct QuietStderr {
   }
 };
 
-std::string extensionOf(const std::string& path) { return lower(fs::path(path).extension()); }
+std::string extensionOf(const std::string& path) {
+  return lower(fs::path(path).extension());
+}
 
 // Name order with runs of digits compared by value: f2 before f10.
 bool nameBefore(const std::string& a, const std::string& b) {
@@ -108,7 +110,8 @@ void addFile(const std::string& path, std::vector<FrameSource>& frames) {
 CLI::Validator names(const char* group) {
   std::string choices;
   for (const NameRow& row : kNameRows) {
-    if (std::string(row.group) == group) choices += (choices.empty() ? "" : "|") + std::string(row.name);
+    if (std::string(row.group) == group)
+      choices += (choices.empty() ? "" : "|") + std::string(row.name);
   }
   return CLI::Validator(
       [group, choices](std::string& text) {
@@ -153,7 +156,8 @@ void checkOutputPath(const std::string& path) {
   } catch (const cv::Exception&) {
   }
   if (!writable) {
-    throw ToolError("cannot write '" + path + "': its extension names no image format (.png, "
+    throw ToolError("cannot write '" + path +
+                    "': its extension names no image format (.png, "
                     ".tif, .jpg, ...)");
   }
   const fs::path folder = fs::path(path).parent_path();
@@ -233,21 +237,23 @@ cv::Mat FrameReader::read(const FrameSource& source) {
     note = format(", after scaling %d-bit samples to 16 bits", bits_);
   } else if (!noted_ && used > 0 && used < 16) {
     suggested_ = std::max(used, 9);  // the fewest --bits takes
-    note = format("; the first frame's largest sample, %.0f, fits in %d bits: give --bits %d "
-                  "(as read, the samples use %ld of the 256 8-bit levels)",
-                  largest, used, suggested_, std::lround(largest / 257.0) + 1);
+    note = format(
+        "; the first frame's largest sample, %.0f, fits in %d bits: give --bits %d "
+        "(as read, the samples use %ld of the 256 8-bit levels)",
+        largest, used, suggested_, std::lround(largest / 257.0) + 1);
   }
   std::fflush(stdout);
   if (!noted_) {
-    std::fprintf(stderr, "vantix: %s: note: 16-bit frames are %s at 8 bits a channel%s\n",
-                 command_, std::string(command_) == "edf" ? "fused" : "stitched", note.c_str());
+    std::fprintf(stderr, "vantix: %s: note: 16-bit frames are %s at 8 bits a channel%s\n", command_,
+                 std::string(command_) == "edf" ? "fused" : "stitched", note.c_str());
   }
   noted_ = true;
   if (used > bits_ && !clipNoted_) {
     clipNoted_ = true;
-    std::fprintf(stderr, "vantix: %s: note: %s has samples above %d, the largest of %d bits: "
-                 "they are taken as %d\n", command_, source.label().c_str(), (1 << bits_) - 1,
-                 bits_, (1 << bits_) - 1);
+    std::fprintf(stderr,
+                 "vantix: %s: note: %s has samples above %d, the largest of %d bits: "
+                 "they are taken as %d\n",
+                 command_, source.label().c_str(), (1 << bits_) - 1, bits_, (1 << bits_) - 1);
   }
   std::fflush(stderr);
   if (bits_ < 16) image.convertTo(image, CV_16U, 1 << (16 - bits_));  // saturates
@@ -287,9 +293,9 @@ cv::Mat toBgr8(const cv::Mat& image) {
 }
 
 std::string describeType(int type) {
-  static const char* const depths[] = {"8-bit", "8-bit signed", "16-bit", "16-bit signed",
-                                       "32-bit integer", "32-bit float", "64-bit float",
-                                       "16-bit float"};
+  static const char* const depths[] = {"8-bit",         "8-bit signed",   "16-bit",
+                                       "16-bit signed", "32-bit integer", "32-bit float",
+                                       "64-bit float",  "16-bit float"};
   const int depth = CV_MAT_DEPTH(type), channels = CV_MAT_CN(type);
   const bool plain = depth == CV_8U || depth == CV_16U;
   const std::string kind = plain && channels == 1   ? "grey"
@@ -299,7 +305,9 @@ std::string describeType(int type) {
   return std::string(depths[depth]) + " " + kind;
 }
 
-std::string sizeText(cv::Size size) { return format("%dx%d", size.width, size.height); }
+std::string sizeText(cv::Size size) {
+  return format("%dx%d", size.width, size.height);
+}
 
 std::string format(const char* fmt, ...) {
   va_list args, copy;

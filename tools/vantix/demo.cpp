@@ -37,13 +37,15 @@ class Report {
     body_ += "</section>\n<section id=\"" + id + "\"><h2>" + title + "</h2>\n";
   }
   void text(const std::string& html, const char* cls = nullptr) {
-    body_ += cls ? "<p class=\"" + std::string(cls) + "\">" + html + "</p>\n" : "<p>" + html + "</p>\n";
+    body_ +=
+        cls ? "<p class=\"" + std::string(cls) + "\">" + html + "</p>\n" : "<p>" + html + "</p>\n";
   }
   void table(const std::vector<std::vector<std::string>>& rows) {  // the first is the header
     body_ += "<table>";
     for (size_t r = 0; r < rows.size(); ++r) {
       body_ += "<tr>";
-      for (const std::string& cell : rows[r]) body_ += (r ? "<td>" : "<th>") + cell + (r ? "</td>" : "</th>");
+      for (const std::string& cell : rows[r])
+        body_ += (r ? "<td>" : "<th>") + cell + (r ? "</td>" : "</th>");
       body_ += "</tr>";
     }
     body_ += "</table>\n";
@@ -54,14 +56,15 @@ class Report {
     body_ += "<div class=\"figures\">";
     for (const auto& [image, caption] : figures) {
       cv::Mat shown = image;
-      if (shown.cols > 1200) cv::resize(shown, shown, {}, 1200.0 / shown.cols, 1200.0 / shown.cols, cv::INTER_AREA);
+      if (shown.cols > 1200)
+        cv::resize(shown, shown, {}, 1200.0 / shown.cols, 1200.0 / shown.cols, cv::INTER_AREA);
       std::vector<uint8_t> png, jpeg;
       cv::imencode(".png", shown, png);
       cv::imencode(".jpg", shown, jpeg, {cv::IMWRITE_JPEG_QUALITY, 90});
       const bool small = png.size() < 300000 || png.size() < 2 * jpeg.size();
-      body_ += "<figure><img alt=\"" + caption + "\" src=\"data:image/" +
-               (small ? "png" : "jpeg") + ";base64," + base64(small ? png : jpeg) +
-               "\"><figcaption>" + caption + "</figcaption></figure>";
+      body_ += "<figure><img alt=\"" + caption + "\" src=\"data:image/" + (small ? "png" : "jpeg") +
+               ";base64," + base64(small ? png : jpeg) + "\"><figcaption>" + caption +
+               "</figcaption></figure>";
     }
     body_ += "</div>\n";
   }
@@ -83,23 +86,26 @@ class Report {
     const int w = 720, h = 300, left = 60, bottom = 40;
     const auto px = [&](double x) { return left + (x - x0) / (x1 - x0) * (w - left - 20); };
     const auto py = [&](double y) { return h - bottom - (y - y0) / (y1 - y0) * (h - bottom - 30); };
-    std::string svg = format("<svg class=\"plot\" role=\"img\" aria-label=\"%s\" width=\"%d\" "
-                             "height=\"%d\" viewBox=\"0 0 %d %d\"><text x=\"%d\" y=\"18\">%s</text>"
-                             "<path d=\"M%d 30V%dH%d\" fill=\"none\" stroke=\"#333\"/>"
-                             "<text x=\"%d\" y=\"%d\">%s</text><text x=\"4\" y=\"26\">%s</text>"
-                             "<text x=\"4\" y=\"%d\">%.3g</text><text x=\"4\" y=\"%.0f\">%.3g</text>"
-                             "<text x=\"%d\" y=\"%d\">%.3g</text><text x=\"%d\" y=\"%d\">%.3g</text>",
-                             title.c_str(), w, h, w, h, left, title.c_str(), left, h - bottom, w - 20,
-                             w / 2, h - 6, xLabel.c_str(), yLabel.c_str(), h - bottom, y0, py(y1) + 10,
-                             y1, left, h - bottom + 16, x0, w - 50, h - bottom + 16, x1);
+    std::string svg = format(
+        "<svg class=\"plot\" role=\"img\" aria-label=\"%s\" width=\"%d\" "
+        "height=\"%d\" viewBox=\"0 0 %d %d\"><text x=\"%d\" y=\"18\">%s</text>"
+        "<path d=\"M%d 30V%dH%d\" fill=\"none\" stroke=\"#333\"/>"
+        "<text x=\"%d\" y=\"%d\">%s</text><text x=\"4\" y=\"26\">%s</text>"
+        "<text x=\"4\" y=\"%d\">%.3g</text><text x=\"4\" y=\"%.0f\">%.3g</text>"
+        "<text x=\"%d\" y=\"%d\">%.3g</text><text x=\"%d\" y=\"%d\">%.3g</text>",
+        title.c_str(), w, h, w, h, left, title.c_str(), left, h - bottom, w - 20, w / 2, h - 6,
+        xLabel.c_str(), yLabel.c_str(), h - bottom, y0, py(y1) + 10, y1, left, h - bottom + 16, x0,
+        w - 50, h - bottom + 16, x1);
     for (size_t k = 0; k < series.size(); ++k) {
       std::string points;
       for (size_t i = 0; i < series[k].x.size(); ++i) {
         points += format("%s%.1f,%.1f", i ? " " : "", px(series[k].x[i]), py(series[k].y[i]));
       }
-      svg += format("<polyline fill=\"none\" stroke=\"%s\" stroke-width=\"1.5\" points=\"%s\"/>"
-                    "<text x=\"%d\" y=\"%zu\" fill=\"%s\">%s</text>", colours[k % 4], points.c_str(),
-                    w - 200, 44 + 16 * k, colours[k % 4], series[k].name.c_str());
+      svg += format(
+          "<polyline fill=\"none\" stroke=\"%s\" stroke-width=\"1.5\" points=\"%s\"/>"
+          "<text x=\"%d\" y=\"%zu\" fill=\"%s\">%s</text>",
+          colours[k % 4], points.c_str(), w - 200, 44 + 16 * k, colours[k % 4],
+          series[k].name.c_str());
     }
     body_ += svg + "</svg>\n";
   }
@@ -112,15 +118,15 @@ class Report {
            ".figures{display:flex;flex-wrap:wrap;gap:1em}figure{margin:0;flex:1 1 300px}"
            "img,svg{max-width:100%;height:auto;border:1px solid #ccc}"
            "td,th{border:1px solid #ccd;padding:.2em .6em}table{border-collapse:collapse}"
-           "</style></head><body><h1>vantix demo</h1><p>" << facts << "</p><nav>" << toc_
-        << "</nav>\n<section>" << body_ << "</section></body></html>\n";
+           "</style></head><body><h1>vantix demo</h1><p>"
+        << facts << "</p><nav>" << toc_ << "</nav>\n<section>" << body_
+        << "</section></body></html>\n";
     if (!out) throw ToolError("cannot write '" + path.string() + "'");
   }
 
  private:
   static std::string base64(const std::vector<uint8_t>& data) {
-    static const char digits[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
     for (size_t i = 0; i < data.size(); i += 3) {
       const size_t left = data.size() - i;
@@ -185,7 +191,8 @@ void demoStitch(Demo& demo) {
     path.push_back({row % 2 ? left : right, y});
     path.push_back({row % 2 ? right : left, y});
   }
-  const auto perSegment = static_cast<uint32_t>(std::max(4.0, std::round((right - left) / (frame.width / 10.0))));
+  const auto perSegment =
+      static_cast<uint32_t>(std::max(4.0, std::round((right - left) / (frame.width / 10.0))));
   const uint32_t frames = uint32_t(path.size() - 1) * perSegment + 1;
   auto camera = demo.camera(frame);
   if (demo.sim.setPan(camera.get(), photo.data, uint32_t(photo.cols), uint32_t(photo.rows),
@@ -216,15 +223,17 @@ void demoStitch(Demo& demo) {
     errors.x.push_back(double(i)), errors.y.push_back(error);
   }
   const size_t count = errors.x.size();
-  const std::string key = format("%zu of %u frames placed; placement error against the true "
-                                 "camera positions: mean %.2f px, max %.2f px", count, frames,
-                                 count ? sum / double(count) : 0.0, worst);
+  const std::string key = format(
+      "%zu of %u frames placed; placement error against the true "
+      "camera positions: mean %.2f px, max %.2f px",
+      count, frames, count ? sum / double(count) : 0.0, worst);
   say(key);
   demo.save("stitch-panorama.png", panorama);
-  demo.report.text(format("The simulated camera pans over a photograph (%s) in a serpentine of 4 "
-                          "rows; a live stitch session pulls each of its %u frames of %s "
-                          "(vantix_stitch_pull) and places it on the growing canvas.",
-                          sizeText(photo.size()).c_str(), frames, sizeText(frame).c_str()));
+  demo.report.text(
+      format("The simulated camera pans over a photograph (%s) in a serpentine of 4 "
+             "rows; a live stitch session pulls each of its %u frames of %s "
+             "(vantix_stitch_pull) and places it on the growing canvas.",
+             sizeText(photo.size()).c_str(), frames, sizeText(frame).c_str()));
   demo.report.text(key + ".", "key");
   demo.report.figures({{panorama, "stitch-panorama.png: " + sizeText(panorama.size())}});
   demo.report.plot("Placement error of each placed frame", "frame", "error (px)", {errors});
@@ -274,20 +283,25 @@ void demoEdf(Demo& demo) {
     const cv::Mat fused = session.fused(CV_8UC3);
     const double psnr = cv::PSNR(fused, photo);
     demo.save(format("edf-kind%u.png", kind), fused);
-    rows.push_back({nameOf("edf_kind", kind), format("%.1f dB", psnr), format("%+.1f dB", psnr - slicePsnr)});
+    rows.push_back(
+        {nameOf("edf_kind", kind), format("%.1f dB", psnr), format("%+.1f dB", psnr - slicePsnr)});
     if (psnr > bestPsnr) bestPsnr = psnr, best = fused, bestKind = kind;
   }
   demo.save("edf-sharpest-slice.png", sharpest);
-  const std::string key = format("Best fusion (kind %u, %s): %.1f dB; sharpest single frame: "
-                                 "%.1f dB", bestKind, nameOf("edf_kind", bestKind).c_str(),
-                                 bestPsnr, slicePsnr);
+  const std::string key = format(
+      "Best fusion (kind %u, %s): %.1f dB; sharpest single frame: "
+      "%.1f dB",
+      bestKind, nameOf("edf_kind", bestKind).c_str(), bestPsnr, slicePsnr);
   say(key);
-  demo.report.text(format("The simulated camera sweeps its focus through a photograph (%d frames, "
-                          "blur up to sigma 4 by a depth map); EDF sessions pull the frames "
-                          "(vantix_edf_pull).  PSNR against the sharp photograph.", kFrames));
+  demo.report.text(
+      format("The simulated camera sweeps its focus through a photograph (%d frames, "
+             "blur up to sigma 4 by a depth map); EDF sessions pull the frames "
+             "(vantix_edf_pull).  PSNR against the sharp photograph.",
+             kFrames));
   demo.report.text(key + ".", "key");
-  demo.report.figures({{sharpest, format("edf-sharpest-slice.png: the sharpest frame, %.1f dB", slicePsnr)},
-                       {best, format("edf-kind%u.png: fused, %.1f dB", bestKind, bestPsnr)}});
+  demo.report.figures(
+      {{sharpest, format("edf-sharpest-slice.png: the sharpest frame, %.1f dB", slicePsnr)},
+       {best, format("edf-kind%u.png: fused, %.1f dB", bestKind, bestPsnr)}});
   demo.report.table(rows);
 }
 
@@ -303,8 +317,8 @@ void demoSpot(Demo& demo) {
   vantix::SpotSession session(1, 0);
   const uint32_t pitch = vantix_default_stride(uint32_t(size.width), 16);
   std::vector<uint8_t> buffer(size_t(pitch) * size.height);
-  Report::Series dx{"dX measured", {}, {}}, dy{"dY measured", {}, {}}, tx{"dX true (4 sigma)", {}, {}},
-      ty{"dY true (4 sigma)", {}, {}};
+  Report::Series dx{"dX measured", {}, {}}, dy{"dY measured", {}, {}},
+      tx{"dX true (4 sigma)", {}, {}}, ty{"dY true (4 sigma)", {}, {}};
   std::vector<cv::Point2d> track;
   SpotResult r{};
   double worstCentre = 0, worstDiameter = 0;
@@ -315,11 +329,14 @@ void demoSpot(Demo& demo) {
     FrameInfoV2 info{};
     session.pull(camera.get(), buffer.data(), 16, 0, &info, &r);
     // The first frame is measured in the whole-frame aperture: it lags.
-    if (i > 0) worstCentre = std::max(worstCentre, std::hypot(r.centerX - truth.centerX, r.centerY - truth.centerY));
+    if (i > 0)
+      worstCentre =
+          std::max(worstCentre, std::hypot(r.centerX - truth.centerX, r.centerY - truth.centerY));
     worstDiameter = std::max({worstDiameter, std::fabs(r.majorDiameter - 4 * truth.sigmaX),
                               std::fabs(r.minorDiameter - 4 * truth.sigmaY)});
-    for (auto [series, value] : {std::pair{&dx, r.majorDiameter}, std::pair{&dy, r.minorDiameter},
-                                 std::pair{&tx, 4 * truth.sigmaX}, std::pair{&ty, 4 * truth.sigmaY}}) {
+    for (auto [series, value] :
+         {std::pair{&dx, r.majorDiameter}, std::pair{&dy, r.minorDiameter},
+          std::pair{&tx, 4 * truth.sigmaX}, std::pair{&ty, 4 * truth.sigmaY}}) {
       series->x.push_back(i), series->y.push_back(value);
     }
     track.emplace_back(r.centerX, r.centerY);
@@ -329,22 +346,30 @@ void demoSpot(Demo& demo) {
   cv::Mat picture;
   cv::Mat(size, CV_16UC1, buffer.data(), pitch).convertTo(picture, CV_8U, 255.0 / 4095.0);
   cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
-  for (size_t i = 1; i < track.size(); ++i) cv::line(picture, track[i - 1], track[i], {0, 200, 255}, 1, cv::LINE_AA);
-  cv::ellipse(picture, cv::RotatedRect(cv::Point2f(float(r.centerX), float(r.centerY)),
-                                       cv::Size2f(float(r.majorDiameter), float(r.minorDiameter)),
-                                       r.angle == 90 ? 0.0f : float(-r.angle)),
+  for (size_t i = 1; i < track.size(); ++i)
+    cv::line(picture, track[i - 1], track[i], {0, 200, 255}, 1, cv::LINE_AA);
+  cv::ellipse(picture,
+              cv::RotatedRect(cv::Point2f(float(r.centerX), float(r.centerY)),
+                              cv::Size2f(float(r.majorDiameter), float(r.minorDiameter)),
+                              r.angle == 90 ? 0.0f : float(-r.angle)),
               {0, 255, 0}, 1, cv::LINE_AA);
   demo.save("spot-track.png", picture);
-  const std::string key = format("Largest centre error after the first frame %.2f px; largest "
-                                 "diameter error %.2f px", worstCentre, worstDiameter);
+  const std::string key = format(
+      "Largest centre error after the first frame %.2f px; largest "
+      "diameter error %.2f px",
+      worstCentre, worstDiameter);
   say(key);
-  demo.report.text(format("A Gaussian spot circles and breathes before a simulated 12-bit camera; "
-                          "a spot session pulls %d frames (vantix_spot_pull) and measures centre "
-                          "and 4-sigma diameters.", kFrames));
+  demo.report.text(
+      format("A Gaussian spot circles and breathes before a simulated 12-bit camera; "
+             "a spot session pulls %d frames (vantix_spot_pull) and measures centre "
+             "and 4-sigma diameters.",
+             kFrames));
   demo.report.text(key + ".", "key");
-  demo.report.figures({{picture, "spot-track.png: the last frame, the measured 4-sigma ellipse "
-                                 "(green) and the track of the centre"}});
-  demo.report.plot("Beam diameters over the frames", "frame", "4-sigma diameter (px)", {dx, dy, tx, ty});
+  demo.report.figures({{picture,
+                        "spot-track.png: the last frame, the measured 4-sigma ellipse "
+                        "(green) and the track of the centre"}});
+  demo.report.plot("Beam diameters over the frames", "frame", "4-sigma diameter (px)",
+                   {dx, dy, tx, ty});
 }
 
 // Clicks a few pixels off the strongest edges of a photo's 4 x 3 cells.
@@ -376,8 +401,9 @@ void demoEdge(Demo& demo) {
   demo.save("edge-snap.png", picture);
   const std::string key = format("%d of %d clicks snapped", snapped, clicks);
   say(key);
-  demo.report.text("Clicks a few pixels off strong edges of a photograph, each snapped by an "
-                   "edge session (search size 20).");
+  demo.report.text(
+      "Clicks a few pixels off strong edges of a photograph, each snapped by an "
+      "edge session (search size 20).");
   demo.report.text(key + ".", "key");
   demo.report.figures({{picture, "edge-snap.png: red circle = click, green dot = snapped point"}});
 }
@@ -387,7 +413,10 @@ void demoDemosaic(Demo& demo) {
   const cv::Mat photo = demo.photo("fruits.jpg");
   cv::Mat raw(photo.size(), CV_8U);
   for (int y = 0; y < raw.rows; ++y) {
-    for (int x = 0; x < raw.cols; ++x) raw.at<uint8_t>(y, x) = photo.at<cv::Vec3b>(y, x)[x % 2 + y % 2 == 0 ? 2 : x % 2 && y % 2 ? 0 : 1];
+    for (int x = 0; x < raw.cols; ++x)
+      raw.at<uint8_t>(y, x) = photo.at<cv::Vec3b>(y, x)[x % 2 + y % 2 == 0 ? 2
+                                                        : x % 2 && y % 2   ? 0
+                                                                           : 1];
   }
   std::vector<std::vector<std::string>> rows = {{"algorithm", "PSNR"}};
   std::vector<std::pair<cv::Mat, std::string>> figures;
@@ -400,10 +429,12 @@ void demoDemosaic(Demo& demo) {
     say(format("%s: PSNR %.2f dB", name.c_str(), psnr));
     demo.save(file, out.view);
     rows.push_back({name, format("%.2f dB", psnr)});
-    figures.push_back({out.view.clone(), format("%s: %s, %.2f dB", file.c_str(), name.c_str(), psnr)});
+    figures.push_back(
+        {out.view.clone(), format("%s: %s, %.2f dB", file.c_str(), name.c_str(), psnr)});
   }
-  demo.report.text("A photograph made into an RGGB Bayer mosaic in memory and demosaiced back "
-                   "(vantix_demosaic); PSNR against the photograph.");
+  demo.report.text(
+      "A photograph made into an RGGB Bayer mosaic in memory and demosaiced back "
+      "(vantix_demosaic); PSNR against the photograph.");
   demo.report.table(rows);
   demo.report.figures(figures);
 }
@@ -423,8 +454,9 @@ void demoResize(Demo& demo) {
     say(format("%s: %s -> %s", name, sizeText(photo.size()).c_str(), sizeText(size).c_str()));
     figures.push_back({dst.view.clone(), file + ": " + sizeText(size)});
   }
-  demo.report.text("A photograph resized to half and twice its size (vantix_resizeV2, automatic "
-                   "interpolation: area when shrinking, cubic when enlarging).");
+  demo.report.text(
+      "A photograph resized to half and twice its size (vantix_resizeV2, automatic "
+      "interpolation: area when shrinking, cubic when enlarging).");
   demo.report.figures(figures);
 }
 
@@ -460,15 +492,18 @@ SimcamApi loadSimcam() {
 Runner addDemo(CLI::App& app) {
   auto out = std::make_shared<std::string>("demo-output");
   auto data = std::make_shared<std::string>();
-  CLI::App* cmd = app.add_subcommand("demo", "run the library on sample images; write PNG "
-                                             "results and report.html");
+  CLI::App* cmd = app.add_subcommand("demo",
+                                     "run the library on sample images; write PNG "
+                                     "results and report.html");
   cmd->add_option("--out", *out, "where the files go (default ./demo-output)");
-  cmd->add_option("--data", *data, "folder of the sample photographs (default opencv-doc's; "
-                                   "a synthetic scene stands in for a missing one)");
-  cmd->footer("The report shows a live panorama of a simulated camera panning over a photograph "
-              "(placement error against the true positions), extended depth of field over a "
-              "focus sweep (fused beside the sharpest frame), a moving laser spot (its 4-sigma "
-              "ellipse and diameters), edge snapping, demosaicing and resizing.");
+  cmd->add_option("--data", *data,
+                  "folder of the sample photographs (default opencv-doc's; "
+                  "a synthetic scene stands in for a missing one)");
+  cmd->footer(
+      "The report shows a live panorama of a simulated camera panning over a photograph "
+      "(placement error against the true positions), extended depth of field over a "
+      "focus sweep (fused beside the sharpest frame), a moving laser spot (its 4-sigma "
+      "ellipse and diameters), edge snapping, demosaicing and resizing.");
   return [out, data] {
     Demo demo;
     demo.data = *data;
@@ -505,7 +540,8 @@ Runner addDemo(CLI::App& app) {
                                      VANTIX_VERSION_MINOR, VANTIX_VERSION_PATCH, CV_VERSION));
     std::printf("%zu images in %s\nReport: %s\nOpen %s in a browser\n", demo.written.size(),
                 demo.out.c_str(), report.c_str(), report.c_str());
-    if (failed > 0) throw ToolError(format("%d of %zu demo steps failed", failed, std::size(steps)));
+    if (failed > 0)
+      throw ToolError(format("%d of %zu demo steps failed", failed, std::size(steps)));
     return 0;
   };
 }

@@ -26,8 +26,9 @@ int main(int argc, char** argv) {
   CLI::App app("Image operations of libvantix from the command line.", "vantix");
   app.require_subcommand(1);
   app.get_formatter()->label("Usage", "usage");
-  app.footer("'vantix <command> --help' describes a command.\n"
-             "Exit status: 0 success, 1 failure, 2 wrong command line.");
+  app.footer(
+      "'vantix <command> --help' describes a command.\n"
+      "Exit status: 0 success, 1 failure, 2 wrong command line.");
   std::vector<std::pair<CLI::App*, vtool::Runner>> commands;
   for (auto add : {vtool::addResize, vtool::addDemosaic, vtool::addEdge, vtool::addEdf,
                    vtool::addStitch, vtool::addSpot, vtool::addDemo}) {
@@ -47,8 +48,7 @@ int main(int argc, char** argv) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help
     const std::string name = chosen();
     const std::string where = name.empty() ? "" : name + ": ";
-    return fail(where + e.what() + " (see 'vantix " + (name.empty() ? "" : name + " ") +
-                    "--help')",
+    return fail(where + e.what() + " (see 'vantix " + (name.empty() ? "" : name + " ") + "--help')",
                 2);
   }
   const std::string name = chosen();

@@ -19,16 +19,19 @@ struct StitchRun::State {
   std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };
 
-StitchRun::StitchRun(cv::Size frame, uint32_t background, uint32_t scaleLevel,
-                     uint32_t strictLevel)
+StitchRun::StitchRun(cv::Size frame, uint32_t background, uint32_t scaleLevel, uint32_t strictLevel)
     : state_(std::make_shared<State>()),
       session_(
           uint32_t(frame.width), uint32_t(frame.height),
           [s = state_.get()](const vantix::StitchFrame& f) {
             std::lock_guard<std::mutex> lock(s->mutex);
-            const std::chrono::duration<double> since = std::chrono::steady_clock::now() - s->started;
-            s->reports.push_back({{f.x, f.y}, f.mode, cv::Size(int(f.canvasWidth), int(f.canvasHeight)),
-                                  f.score, since.count()});
+            const std::chrono::duration<double> since =
+                std::chrono::steady_clock::now() - s->started;
+            s->reports.push_back({{f.x, f.y},
+                                  f.mode,
+                                  cv::Size(int(f.canvasWidth), int(f.canvasHeight)),
+                                  f.score,
+                                  since.count()});
             s->changed.notify_all();
           },
           [s = state_.get()](uint32_t code) {
