@@ -28,6 +28,7 @@ struct ArrayCamera {
   int32_t (*setFrame)(ArraycamCamera*, const void*, uint32_t, uint32_t, uint32_t, uint32_t,
                       uint32_t, uint32_t) = nullptr;
   int32_t (*firstSdk)(char*, size_t) = nullptr;
+  void (*close)(ArraycamCamera*) = nullptr;
   ArraycamCamera* camera = nullptr;
 
   ArrayCamera() {
@@ -54,6 +55,7 @@ struct ArrayCamera {
     resolve(open, "arraycam_open");
     resolve(setFrame, "arraycam_set_frame");
     resolve(firstSdk, "arraycam_first_sdk");
+    resolve(close, "arraycam_close");
     char other[1024] = {};
     if (firstSdk(other, sizeof other) != 1) {
       throw ToolError(std::string("the camera SDK '") + other +
@@ -62,6 +64,9 @@ struct ArrayCamera {
     }
     camera = open();
     if (camera == nullptr) throw ToolError("the array camera cannot open a camera");
+  }
+  ~ArrayCamera() {
+    if (camera != nullptr) close(camera);
   }
 };
 
