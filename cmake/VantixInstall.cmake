@@ -1,9 +1,10 @@
-# Install rules: the shared library, its public header, the CMake package
+# Install rules: the shared library, its public headers, the CMake package
 # (find_package(vantix) -> vantix::vantix) and vantix.pc.
 #
 # Components: "runtime" (libvantix.so.1 and its versioned file), "devel"
-# (headers vantix.h and the header-only C++ layer vantix.hpp, libvantix.so link, CMake package, vantix.pc), plus "tool" and
-# "simcam" from tools/.  A plain `cmake --install` installs all of them.
+# (vantix.h, the header-only C++ layer vantix.hpp, the libvantix.so link,
+# CMake package, vantix.pc), plus "tool" from tools/ and "simcam" from
+# testing/simcam/.  A plain `cmake --install` installs all of them.
 # tools/arraycam/ adds the array camera to "runtime" (lib/) and its header
 # to "devel" (include/vantix/).
 #
