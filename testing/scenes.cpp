@@ -449,30 +449,24 @@ Moments momentsOf(const cv::Mat& image, cv::Rect rect) {
   if (rect.empty()) rect = cv::Rect(0, 0, image.cols, image.rows);
   cv::Mat values;
   image(rect).convertTo(values, CV_64F);
+  // Raw sums about the rectangle's corner (long double keeps the central
+  // moments exact to far below a pixel), then moved to the centroid.
   Moments m;
-  long double sx = 0, sy = 0;
+  long double sx = 0, sy = 0, sxx = 0, syy = 0, sxy = 0;
   for (int y = 0; y < values.rows; ++y) {
     for (int x = 0; x < values.cols; ++x) {
       const long double v = values.at<double>(y, x);
       m.total += v;
-      sx += v * (x + rect.x);
-      sy += v * (y + rect.y);
+      sx += v * x, sy += v * y;
+      sxx += v * x * x, syy += v * y * y, sxy += v * x * y;
     }
   }
-  m.cx = sx / m.total;
-  m.cy = sy / m.total;
-  for (int y = 0; y < values.rows; ++y) {
-    for (int x = 0; x < values.cols; ++x) {
-      const long double v = values.at<double>(y, x);
-      const long double dx = x + rect.x - m.cx, dy = y + rect.y - m.cy;
-      m.xx += v * dx * dx;
-      m.yy += v * dy * dy;
-      m.xy += v * dx * dy;
-    }
-  }
-  m.xx /= m.total;
-  m.yy /= m.total;
-  m.xy /= m.total;
+  const long double mx = sx / m.total, my = sy / m.total;
+  m.cx = rect.x + mx;
+  m.cy = rect.y + my;
+  m.xx = sxx / m.total - mx * mx;
+  m.yy = syy / m.total - my * my;
+  m.xy = sxy / m.total - mx * my;
   return m;
 }
 
