@@ -464,43 +464,28 @@ PhaseSummary runEdf(const Options& options) {
 // Stitching
 // ---------------------------------------------------------------------------
 
-// The camera's path over the scene: a serpentine of 4 rows across the whole
-// 2048 x 1536 scene, starting at the bottom right, running left and climbing
-// (so the canvas grows to the left and upwards during the first pass, the
-// directions that move the earlier content), then the same path backwards,
-// and so on.  Speed changes smoothly between about 6 and 40 pixels a frame.
-// Positions are whole pixels: each frame is a window of the scene pushed in
-// place (the scene's own row pitch).
-std::vector<cv::Point> serpentineLoop(cv::Size scene, cv::Size frame) {
-  const double right = scene.width - frame.width, bottom = scene.height - frame.height;
-  constexpr int kRows = 4;
-  std::vector<cv::Point2d> corners{{right, bottom}};
-  for (int row = 0; row < kRows; ++row) {
-    const double y = bottom - bottom * row / (kRows - 1);
-    corners.push_back({row % 2 == 0 ? 0.0 : right, y});
-    if (row + 1 < kRows) corners.push_back({row % 2 == 0 ? 0.0 : right, bottom - bottom * (row + 1) / (kRows - 1)});
+// The camera's path over the scene: the testing kit's serpentine scan (4
+// rows from the bottom right, running left and climbing, so that the canvas
+// grows to the left and upwards during the first pass; no pause, no jump),
+// then the same path backwards, and so on.  Positions are rounded to whole
+// pixels: each frame is a window of the scene pushed in place (the scene's
+// own row pitch).
+std::vector<cv::Point> serpentineLoop(const cv::Mat& scene, cv::Size frame) {
+  vtest::ScanOptions o;
+  o.frame = frame;
+  o.start = cv::Point(scene.cols - frame.width - 40, scene.rows - frame.height - 40);
+  o.rowLength = o.start.x - 40;
+  o.rows = 4;
+  o.rowStep = (o.start.y - 40) / 3.0;
+  o.speedScale = 0.75;
+  o.pauseAt = o.jumpAt = -1;
+  const vtest::ScanSimulator scan(scene, o);
+  std::vector<cv::Point> loop;
+  for (size_t i = 0; i < scan.frameCount(); ++i) {
+    const cv::Point2d p = scan.truth(i).position;
+    loop.emplace_back(cvRound(p.x), cvRound(p.y));
   }
-  double length = 0;
-  for (size_t i = 1; i < corners.size(); ++i) length += cv::norm(corners[i] - corners[i - 1]);
-  const auto along = [&](double s) {
-    for (size_t i = 1; i < corners.size(); ++i) {
-      const double d = cv::norm(corners[i] - corners[i - 1]);
-      if (s <= d) return corners[i - 1] + (corners[i] - corners[i - 1]) * (s / d);
-      s -= d;
-    }
-    return corners.back();
-  };
-  std::vector<cv::Point> forward;
-  double s = 0;
-  for (int k = 0; s < length; ++k) {
-    const cv::Point2d p = along(s);
-    forward.emplace_back(cvRound(p.x), cvRound(p.y));
-    s += 23.0 + 12.0 * std::sin(6.283185307179586 * k / 97.0) +
-         5.0 * std::sin(6.283185307179586 * k / 41.0 + 1.0);
-  }
-  forward.emplace_back(cvRound(corners.back().x), cvRound(corners.back().y));
-  std::vector<cv::Point> loop = forward;
-  for (size_t i = forward.size() - 1; i-- > 1;) loop.push_back(forward[i]);
+  for (size_t i = scan.frameCount() - 1; i-- > 1;) loop.push_back(loop[i]);
   return loop;
 }
 
@@ -559,7 +544,7 @@ PhaseSummary runStitch(const Options& options) {
     const cv::Mat big = vtest::scanScene();
     cv::resize(big, phase.scene, cv::Size(2048, 1536), 0, 0, cv::INTER_AREA);
   }
-  phase.path = serpentineLoop(phase.scene.size(), cv::Size(kWidth, kHeight));
+  phase.path = serpentineLoop(phase.scene, cv::Size(kWidth, kHeight));
   const long pass = static_cast<long>(phase.path.size() / 2 + 1);
   const int warmup = static_cast<int>((pass + log.blockSize - 1) / log.blockSize);
   std::printf("\n## stitch: %ld frames of %d x %d, back and forth along a serpentine over a "
