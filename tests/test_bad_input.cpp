@@ -18,7 +18,7 @@
 #include <vantix.h>
 
 #include "support/test_support.h"
-#include "tools/simcam/simcam_loader.h"
+#include "testing/simcam/simcam_loader.h"
 
 namespace {
 

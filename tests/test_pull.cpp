@@ -1,7 +1,6 @@
 // Camera pulls with the simulated SDK: what the stitch and EDF pulls push
-// and refuse, several threads making their first pull at once through every
-// pull family (the binding is made without a lock and must end bound), and a
-// spot session whose ROI and aperture another thread changes during pulls.
+// and refuse, and several threads making their first pull at once through
+// every pull family (the binding is made without a lock and must end bound).
 // Bindings are process-wide: each scenario runs in a child process.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -9,9 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -249,129 +246,6 @@ TEST(Pull, FirstPullsAtOnceEndBound) {
       EXPECT_TRUE(vtest::runInChildProcess([&] { firstPullsAtOnce(paths); }))
           << "path " << paths[0] << " of " << paths.size() << ", attempt " << attempt;
     }
-  }
-}
-
-// Spot: a control thread changes the ROI (inside, across the border, wholly
-// outside, negative read as signed, whole frame), sets fixed and ignored
-// apertures and resets, while this thread pulls and measures.  Stages hand
-// over between the two, so every phase happens whatever the speed of either
-// thread: stage 3r the control thread changes things until the puller has
-// pulled 6 frames and seen 6 changes; 3r + 1 it resets and sets the whole
-// frame; 3r + 2 the puller measures a block there and finds every beam.
-constexpr uint32_t kSpotW = 160, kSpotH = 120;
-
-void controlLoop(VantixSpot* spot, const std::atomic<bool>& done, std::atomic<int>& stage,
-                 std::atomic<int>& changes) {
-  uint32_t seed = 12345;
-  const auto next = [&seed](uint32_t range) {
-    seed = seed * 1664525u + 1013904223u;
-    return (seed >> 8) % range;
-  };
-  while (!done.load()) {
-    const int now = stage.load();
-    if (now % 3 == 1) {
-      vantix_spot_reset(spot);
-      vantix_spot_setRoi(spot, 0, 0, 0, 0);
-      stage.store(now + 1);
-    } else if (now % 3 == 0) {
-      switch (next(6)) {
-        case 0: vantix_spot_setRoi(spot, next(120), next(90), 20 + next(140), 20 + next(100)); break;
-        case 1: vantix_spot_setRoi(spot, 0, 0, 0, 0); break;
-        case 2: vantix_spot_setRoi(spot, 0xFFFFFFF0u - next(50), next(60), 80, 200); break;
-        case 3: vantix_spot_setRoi(spot, 500, 500, 40, 40); break;
-        case 4:
-          vantix_spot_setAperture(spot, SpotAperture{double(next(kSpotW)), double(next(kSpotH)),
-                                                     double(next(60)) - 5, double(next(40)) + 1});
-          break;
-        default: vantix_spot_reset(spot);
-      }
-      ++changes;
-    }
-    std::this_thread::yield();
-  }
-}
-
-void spotUnderControl(uint32_t spotCount, uint32_t averageCount) {
-  const SimcamApi sim = loadSimcam();
-  SimcamCamera* camera = sim.open(kSpotW, kSpotH);
-  std::vector<SimcamSpot> beams(spotCount == 1 ? 1 : 3);
-  for (size_t k = 0; k < beams.size(); ++k) {
-    beams[k] = SimcamSpot{};
-    beams[k].centerX = 30.0 + 50.0 * k;
-    beams[k].centerY = 60.0 - 10.0 * k;
-    beams[k].sigmaX = 5 + k;
-    beams[k].sigmaY = 3.5;
-    beams[k].angle = 20.0 * k;
-    beams[k].peak = 0.8;
-    beams[k].orbitRadius = 6;
-    beams[k].orbitPeriod = 23;
-    beams[k].breathAmplitude = 0.2;
-    beams[k].breathPeriod = 31;
-  }
-  ASSERT_EQ(sim.setSpots(camera, beams.data(), uint32_t(beams.size()), 0.02, 0.005, 7), SIMCAM_S_OK);
-  VantixSpot* spot = vantix_spot_new(spotCount, averageCount);
-  std::vector<uint8_t> buffer(sim.frameBytes(camera, 16, 0));
-  std::vector<SpotResult> out(spotCount);
-  std::atomic<bool> done{false};
-  std::atomic<int> stage{0}, changes{0};
-  std::thread control(controlLoop, spot, std::cref(done), std::ref(stage), std::ref(changes));
-  // Any record of a measured frame: finite, and when a spot was found its
-  // centre lies in the frame and its shape values in their ranges.
-  const auto pull = [&](uint32_t bits, int frame) {
-    ASSERT_EQ(vantix_spot_pull(spot, camera, 1, buffer.data(), bits, 0, nullptr, out.data()), 0u);
-    for (const SpotResult& r : out) {
-      const double* f = &r.total;
-      ASSERT_TRUE(std::all_of(f, f + 11, [](double v) { return std::isfinite(v); })) << frame;
-      if (r.total == 0) continue;
-      EXPECT_TRUE(r.centerX >= 0 && r.centerX <= kSpotW - 1 && r.centerY >= 0 &&
-                  r.centerY <= kSpotH - 1 && r.majorDiameter >= 0 && r.minorDiameter >= 0 &&
-                  r.ellipticity >= 0 && r.ellipticity <= 1 && r.angle > -90 && r.angle <= 90)
-          << "frame " << frame;
-    }
-  };
-  int frame = 0;
-  for (int round = 0; round < vtest::scaled(40) && !::testing::Test::HasFatalFailure(); ++round) {
-    const int changesBefore = changes.load();
-    for (int pulls = 0; pulls < 6 || changes.load() - changesBefore < 6; ++pulls, ++frame) {
-      pull(frame % 3 == 0 ? 8 : 16, frame);
-      if (::testing::Test::HasFatalFailure()) break;
-    }
-    stage.store(3 * round + 1);
-    while (stage.load() != 3 * round + 2) std::this_thread::yield();
-    for (uint32_t n = 0; n < std::max(1u, averageCount); ++n, ++frame) {
-      std::fill(out.begin(), out.end(), SpotResult{});
-      pull(16, frame);
-    }
-    for (uint32_t k = 0; k < spotCount; ++k) EXPECT_GT(out[k].total, 0) << round << " spot " << k;
-    stage.store(3 * round + 3);
-  }
-  done = true;
-  control.join();
-
-  // Afterwards a reset and the whole frame measure as a new session does.
-  vantix_spot_reset(spot);
-  vantix_spot_setRoi(spot, 0, 0, 0, 0);
-  VantixSpot* fresh = vantix_spot_new(spotCount, averageCount);
-  std::vector<SpotResult> a(spotCount), b(spotCount);
-  const uint32_t index = sim.frameIndex(camera);
-  for (uint32_t n = 0; n < std::max(3u, averageCount); ++n) {
-    sim.setFrameIndex(camera, index + n);
-    ASSERT_EQ(vantix_spot_pull(spot, camera, 1, buffer.data(), 16, 0, nullptr, a.data()), 0u);
-    sim.setFrameIndex(camera, index + n);
-    ASSERT_EQ(vantix_spot_pull(fresh, camera, 1, buffer.data(), 16, 0, nullptr, b.data()), 0u);
-  }
-  EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(SpotResult)), 0);
-  vantix_spot_delete(fresh);
-  vantix_spot_delete(spot);
-  sim.close(camera);
-}
-
-TEST(Pull, SpotSettersFromAnotherThreadDuringPulls) {
-  for (const auto& counts : {std::array<uint32_t, 2>{1, 0}, std::array<uint32_t, 2>{1, 3},
-                             std::array<uint32_t, 2>{3, 0}, std::array<uint32_t, 2>{3, 2}}) {
-    EXPECT_TRUE(vtest::runInChildProcess([counts] { spotUnderControl(counts[0], counts[1]); }))
-        << "spotCount " << counts[0] << ", averageCount " << counts[1];
   }
 }
 

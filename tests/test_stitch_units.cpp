@@ -1,10 +1,8 @@
 // The stitcher's parts without threads: registration against displacements
-// made here, the decision rules, and the panorama canvas.
+// made here, and the panorama canvas.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <memory>
-#include <random>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -30,23 +28,6 @@ cv::Mat scaled(const cv::Mat& image, int percent) {
   cv::Mat out;
   cv::resize(image, out, cv::Size(image.cols * percent / 100, image.rows * percent / 100));
   return out;
-}
-
-TEST(StitchRegistration, CoarseShiftGivesTheMoveOfTheNewFrame) {
-  const cv::Mat scene = vtest::photo("aloeL.jpg");
-  ASSERT_FALSE(scene.empty());
-  // 50 x 30 images are padded to 75 x 45: odd transform sizes both ways.
-  const std::vector<std::pair<cv::Size, cv::Point2d>> cases = {
-      {{320, 240}, {7, -4}}, {{320, 240}, {-25, 11}}, {{320, 240}, {3.5, 0}}, {{50, 30}, {6, -3}}};
-  for (const auto& [size, d] : cases) {
-    const cv::Mat ref = greyView(scene, 300, 300, size.width, size.height);
-    const cv::Mat moved = greyView(scene, 300 + d.x, 300 + d.y, size.width, size.height);
-    vantix::PhaseCache cache;
-    const cv::Point2d c = vantix::coarseShift(moved, ref, &cache);
-    EXPECT_NEAR(c.x, d.x, 0.5) << d << size;
-    EXPECT_NEAR(c.y, d.y, 0.5) << d << size;
-    EXPECT_EQ(vantix::coarseShift(moved, ref, &cache), c);  // from the kept spectrum
-  }
 }
 
 // Known shifts of a photo, of a smooth scene with too few corners for the
@@ -84,75 +65,6 @@ TEST(StitchRegistration, MeasuresKnownShifts) {
     EXPECT_NEAR(m.dy, c.shift.y, c.tolerance);
     EXPECT_GT(m.confidence, c.confidence);
   }
-}
-
-TEST(StitchRegistration, SubPixelPeakAndOffsetEstimate) {
-  cv::Mat surface(21, 21, CV_32F);
-  const double px = 9.3, py = 11.7;
-  for (int y = 0; y < 21; ++y) {
-    for (int x = 0; x < 21; ++x) {
-      surface.at<float>(y, x) = std::exp(-((x - px) * (x - px) + (y - py) * (y - py)) / 8.0);
-    }
-  }
-  const cv::Point2d p = vantix::parabolicPeak(surface, cv::Point(9, 12));
-  EXPECT_NEAR(p.x, px, 0.1);
-  EXPECT_NEAR(p.y, py, 0.1);
-
-  // A fifth of the matched corner pairs are wrong; the rest moved by a known
-  // offset, rounded to whole pixels.
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<float> pos(0, 300), wrong(-300, 300);
-  const cv::Point2f truth(12.4f, -7.6f);
-  std::vector<cv::Point2f> from, to;
-  for (int i = 0; i < 200; ++i) {
-    const cv::Point2f a(pos(rng), pos(rng));
-    from.push_back(a);
-    to.push_back(i % 5 == 0 ? a + cv::Point2f(wrong(rng), wrong(rng))
-                            : cv::Point2f(std::round(a.x + truth.x), std::round(a.y + truth.y)));
-  }
-  int wrongKept = 0;
-  const std::vector<int> kept = vantix::consistentPairs(from, to);
-  for (int i : kept) wrongKept += i % 5 == 0;
-  EXPECT_LT(wrongKept * 10, static_cast<int>(kept.size()));
-  EXPECT_GT(kept.size(), 140u);
-  const cv::Point2f e = vantix::estimateOffset(from, to, from, to, 30, 80, 0.2);
-  EXPECT_NEAR(e.x, truth.x, 0.1);
-  EXPECT_NEAR(e.y, truth.y, 0.1);
-}
-
-// Decision for a 640 x 480 frame of sharpness 0.5 at the default strictness.
-int decide(vantix::TrackingState& s, double confidence, double background, double dx, bool& lost,
-           bool templatePath = true) {
-  Measurement m;
-  m.confidence = confidence, m.background = background, m.dx = dx, m.dy = 1;
-  m.templatePath = templatePath;
-  m.ambiguous = !templatePath;
-  return vantix::decideRegistration(s, m, 0.5, 0.06f, 0.9f, cv::Size(640, 480), lost);
-}
-
-TEST(StitchDecision, TrackingIsLostByALargeMoveOrTenWeakFrames) {
-  vantix::TrackingState s;
-  s.state = 1;
-  bool lost = false;
-  EXPECT_EQ(decide(s, 0.85, 0.25, 1, lost), 4);  // weak: tracking cleared
-  EXPECT_EQ(decide(s, 0.88, 0.1, 1, lost), 4);   // below minMatch without tracking
-  EXPECT_EQ(decide(s, 0.93, 0.1, 1, lost), 1);
-  EXPECT_EQ(decide(s, 0.4, 0.3, 0.7 * 640, lost), 3);
-  EXPECT_TRUE(lost);
-  EXPECT_EQ(decide(s, 0.4, 0.3, 0.7 * 640, lost), 3);  // no second event
-  EXPECT_FALSE(lost);
-
-  vantix::TrackingState t;
-  t.state = 1;
-  for (int i = 0; i < 9; ++i) EXPECT_EQ(decide(t, 0.2, 0.1, 3, lost), 4);
-  EXPECT_FALSE(lost);
-  EXPECT_EQ(decide(t, 0.2, 0.1, 3, lost), 3);
-  EXPECT_TRUE(lost);
-  // An ambiguous fallback match is placed after ten steady passes.
-  vantix::TrackingState u;
-  u.state = 1;
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(decide(u, 0.97, 0.1, 2, lost, false), 2);
-  EXPECT_EQ(decide(u, 0.97, 0.1, 2, lost, false), 1);
 }
 
 std::unique_ptr<CLvCanvas> makeCanvas(int w, int h, uint32_t background) {
