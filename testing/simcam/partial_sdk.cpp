@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "simcam.h"
+#include "simcam_internal.h"
 
 namespace {
 
@@ -16,23 +17,12 @@ std::mutex gLock;
 SimcamStats gStats{};
 uint32_t gFrameIndex = 0;
 
-bool supportedBits(int32_t bits) {
-  return bits == 8 || bits == 16 || bits == 24 || bits == 32 || bits == 48 || bits == 64;
-}
-
 // Writes the frame; returns the index of the delivered frame.  Caller holds gLock.
 uint32_t deliver(void* buffer, int32_t bits, uint32_t pitch) {
   for (uint32_t y = 0; y < kHeight; ++y) {
     std::memset(static_cast<uint8_t*>(buffer) + y * pitch, kPixel, kWidth * bits / 8);
   }
   return gFrameIndex++;
-}
-
-uint32_t pitchFor(int32_t bits, int32_t rowPitch) {
-  if (rowPitch < 0) return 0;
-  const uint32_t rowBytes = kWidth * bits / 8;
-  if (rowPitch == 0) return (kWidth * bits + 31) / 32 * 4;
-  return static_cast<uint32_t>(rowPitch) >= rowBytes ? static_cast<uint32_t>(rowPitch) : 0;
 }
 
 }  // namespace
@@ -54,17 +44,11 @@ SIMCAM_API int32_t DllPullImageV3(void* camera, void* buffer, int32_t zero, int3
   gStats.lastBits = bits;
   gStats.lastRowPitch = rowPitch;
   gStats.lastZero = zero;
-  const uint32_t pitch = supportedBits(bits) ? pitchFor(bits, rowPitch) : 0;
+  const uint32_t pitch = simcam::effectivePitch(kWidth, bits, rowPitch);
   if (buffer == nullptr) return SIMCAM_E_POINTER;
   if (pitch == 0) return SIMCAM_E_INVALIDARG;
   const uint32_t index = deliver(buffer, bits, pitch);
-  if (frameInfoV3 != nullptr) {
-    auto* bytes = static_cast<uint8_t*>(frameInfoV3);
-    std::memcpy(bytes, &kWidth, 4);
-    std::memcpy(bytes + 4, &kHeight, 4);
-    std::memcpy(bytes + 8, &index, 4);
-    for (uint32_t i = 12; i < 40; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + index);
-  }
+  if (frameInfoV3 != nullptr) simcam::fillFrameInfo(frameInfoV3, 40, kWidth, kHeight, index);
   return SIMCAM_S_OK;
 }
 
@@ -77,8 +61,9 @@ SIMCAM_API int32_t Partial_PullImage(void* camera, void* buffer, int32_t bits, u
   gStats.lastBits = bits;
   gStats.lastRowPitch = 0;
   if (buffer == nullptr) return SIMCAM_E_POINTER;
-  if (!supportedBits(bits)) return SIMCAM_E_INVALIDARG;
-  deliver(buffer, bits, pitchFor(bits, 0));
+  const uint32_t pitch = simcam::effectivePitch(kWidth, bits, 0);
+  if (pitch == 0) return SIMCAM_E_INVALIDARG;
+  deliver(buffer, bits, pitch);
   if (width != nullptr) *width = kWidth;
   if (height != nullptr) *height = kHeight;
   return SIMCAM_S_OK;

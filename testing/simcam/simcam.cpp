@@ -18,6 +18,8 @@
 
 namespace {
 
+using simcam::effectivePitch;
+
 constexpr uint32_t kMaxSide = 16384;
 constexpr uint32_t kMaxSpots = 64;
 constexpr double kPi = 3.14159265358979323846;
@@ -213,22 +215,6 @@ class SpotScene : public Scene {
 // Pixel output
 // ---------------------------------------------------------------------------
 
-bool supportedBits(int32_t bits) {
-  return bits == 8 || bits == 16 || bits == 24 || bits == 32 || bits == 48 || bits == 64;
-}
-
-uint32_t defaultPitch(uint32_t width, int32_t bits) {
-  return static_cast<uint32_t>((static_cast<uint64_t>(width) * bits + 31) / 32 * 4);
-}
-
-// The pitch a pull uses, or 0 when bits or pitch are not accepted.
-uint32_t effectivePitch(uint32_t width, int32_t bits, int32_t rowPitch) {
-  if (!supportedBits(bits) || rowPitch < 0) return 0;
-  if (rowPitch == 0) return defaultPitch(width, bits);
-  const uint64_t rowBytes = static_cast<uint64_t>(width) * bits / 8;
-  return static_cast<uint64_t>(rowPitch) >= rowBytes ? static_cast<uint32_t>(rowPitch) : 0;
-}
-
 // Converts a rendered frame (8-bit B G R or grey 0..1) to the layout of
 // `bits`: grey outputs take the frame's grey, 16-bit grey the raw depth,
 // 16-bit colour the full 16-bit scale.
@@ -316,14 +302,6 @@ struct SimcamCamera {
 };
 
 namespace simcam {
-
-void fillFrameInfo(void* info, size_t size, uint32_t width, uint32_t height, uint32_t frameIndex) {
-  auto* bytes = static_cast<uint8_t*>(info);
-  std::memcpy(bytes, &width, 4);
-  std::memcpy(bytes + 4, &height, 4);
-  std::memcpy(bytes + 8, &frameIndex, 4);
-  for (size_t i = 12; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + frameIndex);
-}
 
 int32_t pull(Entry entry, void* camera, void* buffer, int32_t zero, int32_t bits, int32_t rowPitch,
              void* info, size_t infoSize, uint32_t* width, uint32_t* height) {
@@ -421,7 +399,7 @@ SIMCAM_API void simcam_set_frame_index(SimcamCamera* camera, uint32_t index) {
 }
 
 SIMCAM_API uint32_t simcam_default_pitch(uint32_t width, int32_t bits) {
-  return supportedBits(bits) ? defaultPitch(width, bits) : 0;
+  return simcam::supportedBits(bits) ? simcam::defaultPitch(width, bits) : 0;
 }
 
 SIMCAM_API size_t simcam_frame_bytes(SimcamCamera* camera, int32_t bits, int32_t rowPitch) {
