@@ -114,6 +114,7 @@ TEST(EdfSession, RefusalsAndTheQueueOfThree) {
   vantix_edf_start(session);
   vantix_edf_stop(session);
   EXPECT_EQ(push(session, image), VANTIX_S_OK);  // stopped
+  EXPECT_EQ(queued(session), 0u);
   vantix_edf_start(session);
   EXPECT_EQ(vantix_edf_pushback(session, nullptr, 0, 0, 8, 0), VANTIX_S_OK);
   EXPECT_EQ(vantix_edf_pushback(session, image.data, 96, 0, 8, 0), VANTIX_S_OK);

@@ -146,6 +146,7 @@ TEST_F(StitchSession, CreationAndRefusals) {
   vantix_init(&hostAlloc);
   const cv::Mat frame = vtest::randomImage(48, 64, CV_8UC3, 3);
   host.push(frame);  // not running: dropped
+  EXPECT_EQ(proc(s)->queuedFrames(), 0u);
   vantix_stitch_start(s);
   EXPECT_EQ(vantix_stitch_pushback(s, nullptr, 0, 0, 24, 0), VANTIX_S_OK);
   EXPECT_EQ(vantix_stitch_pushback(s, frame.data, 64, 0, 24, 0), VANTIX_S_OK);
