@@ -47,6 +47,9 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help
     const std::string name = chosen();
+    if (name.empty() && argc > 1 && argv[1][0] != '-') {
+      return fail(std::string("unknown command '") + argv[1] + "' (see 'vantix --help')", 2);
+    }
     const std::string where = name.empty() ? "" : name + ": ";
     return fail(where + e.what() + " (see 'vantix " + (name.empty() ? "" : name + " ") + "--help')",
                 2);
