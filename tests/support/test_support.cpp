@@ -4,11 +4,8 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstring>
 
 #include <opencv2/imgproc.hpp>
-
-#include "api/image_header.h"
 
 namespace vtest {
 
@@ -28,30 +25,8 @@ namespace vtest {
   if (WIFSIGNALED(status)) {
     return ::testing::AssertionFailure() << "child died with signal " << WTERMSIG(status);
   }
-  return ::testing::AssertionFailure() << "child reported failures (exit "
-                                       << WEXITSTATUS(status) << ")";
-}
-
-cv::Mat HeaderImage::mat(int type) const {
-  return cv::Mat(header->biHeight, header->biWidth, type, pixels, stride);
-}
-
-HeaderImage makeHeaderImage(int32_t width, int32_t height, uint16_t bitCount) {
-  HeaderImage image;
-  VantixImageHeader h{};
-  h.biSize = 40;
-  h.biWidth = width;
-  h.biHeight = height;
-  h.biPlanes = 1;
-  h.biBitCount = bitCount;
-  image.stride = vantix::defaultStride(h);
-  const size_t table = bitCount == 8 ? 1024 : 0;
-  const size_t bytes = 40 + table + static_cast<size_t>(image.stride) * std::abs(height);
-  image.storage.assign((bytes + 7) / 8 + 1, 0);
-  image.header = reinterpret_cast<VantixImageHeader*>(image.storage.data());
-  *image.header = h;
-  image.pixels = reinterpret_cast<uint8_t*>(image.storage.data()) + 40 + table;
-  return image;
+  return ::testing::AssertionFailure()
+         << "child reported failures (exit " << WEXITSTATUS(status) << ")";
 }
 
 cv::Mat randomImage(int rows, int cols, int type, uint64_t seed) {
