@@ -146,26 +146,4 @@ TEST(Demosaic, SmoothScenesInPaddedRowsAndDeepSamples) {
   EXPECT_EQ(out.bytes[16 * out.stride], 0xCD);  // 4-channel rows are packed
 }
 
-// VNG's R G B output is its B G R output mirrored, on frames under 8 pixels
-// a side too (they get the bilinear result).
-TEST(Demosaic, VngRgbIsMirroredBgrAtEverySize) {
-  for (const cv::Size size : {cv::Size(6, 10), cv::Size(5, 5), cv::Size(40, 24)}) {
-    const cv::Mat truth(size, CV_8UC3, cv::Scalar(30, 120, 220));
-    for (uint32_t pattern : {VANTIX_BAYER_RGGB, VANTIX_BAYER_BGGR}) {
-      cv::Mat raw = mosaic(truth, pattern);
-      if (size.width > 8) cv::randu(raw, 0, 256);
-      VantixResult result = 0;
-      const Output bgr = run(raw, 8, pattern, VANTIX_DEMOSAIC_BGR, VANTIX_DEMOSAIC_VNG, &result);
-      const Output rgb = run(raw, 8, pattern, VANTIX_DEMOSAIC_RGB, VANTIX_DEMOSAIC_VNG, &result);
-      cv::Mat mirrored;
-      cv::cvtColor(bgr.image, mirrored, cv::COLOR_BGR2RGB);
-      EXPECT_EQ(cv::norm(rgb.image, mirrored, cv::NORM_INF), 0.0) << size << " " << pattern;
-      if (size.width <= 8) {
-        EXPECT_EQ(rgb.image.at<cv::Vec3b>(size.height / 2, size.width / 2),
-                  cv::Vec3b(220, 120, 30));
-      }
-    }
-  }
-}
-
 }  // namespace

