@@ -10,20 +10,15 @@ import numpy as np
 _cam, _u32, _i32, _p = _c.c_void_p, _c.c_uint32, _c.c_int32, _c.c_void_p
 
 
-_SPOT = ("centerX", "centerY", "sigmaX", "sigmaY", "angle", "peak", "orbitRadius",
-         "orbitPeriod", "breathAmplitude", "breathPeriod")
-
-
 class Point(_c.Structure):
     _fields_ = [("x", _c.c_double), ("y", _c.c_double)]
 
 
 class Spot(_c.Structure):
-    _fields_ = [(n, _c.c_double) for n in _SPOT]
-
-
-class SpotTruth(_c.Structure):
-    _fields_ = [(n, _c.c_double) for n in _SPOT[:6]]
+    """A spot as set; its first six fields are also the truth of a frame."""
+    _fields_ = [(n, _c.c_double) for n in (
+        "centerX", "centerY", "sigmaX", "sigmaY", "angle", "peak", "orbitRadius",
+        "orbitPeriod", "breathAmplitude", "breathPeriod")]
 
 
 lib = _c.CDLL(os.environ["VANTIX_SIMCAM"], mode=os.RTLD_GLOBAL)
@@ -37,7 +32,7 @@ for _name, _restype, _argtypes in (
         ("simcam_set_focus_sweep", _i32, [_cam, _p, _u32, _u32, _u32, _u32, _c.c_double]),
         ("simcam_set_spots", _i32, [_cam, _c.POINTER(Spot), _u32, _c.c_double, _c.c_double,
                                     _u32]),
-        ("simcam_spot_truth", _i32, [_cam, _u32, _u32, _c.POINTER(SpotTruth)]),
+        ("simcam_spot_truth", _i32, [_cam, _u32, _u32, _c.POINTER(Spot)]),
         ("simcam_texture", _i32, [_p, _u32, _u32, _u32, _u32]),
         ("simcam_blur", _i32, [_p, _u32, _u32, _u32, _c.c_double, _p, _u32])):
     getattr(lib, _name).restype, getattr(lib, _name).argtypes = _restype, _argtypes
@@ -104,9 +99,9 @@ class Camera:
         assert lib.simcam_set_spots(self.handle, array, len(spots), 0.0, 0.0, 1) == 0
 
     def spot_truth(self, index):
-        t = SpotTruth()
-        assert lib.simcam_spot_truth(self.handle, index, 0, _c.byref(t)) == 0
-        return t
+        truth = Spot()
+        assert lib.simcam_spot_truth(self.handle, index, 0, _c.byref(truth)) == 0
+        return truth
 
     def render(self, index, bits=24):
         """Frame `index` as a pull delivers it: the ground truth of a pull."""

