@@ -52,12 +52,6 @@ def test_a_twelve_bit_stack_with_bits_12_fuses_as_its_eight_bit_original():
         assert len(np.unique(vantix.fuse(map(twelve_bit, stack), kind="stack"))) <= 17
 
 
-@pytest.mark.parametrize("kind", ["pyramid_max", "pyramid_blend"])
-def test_the_pyramid_kinds_keep_the_detail_of_both_halves(kind):
-    fused = vantix.fuse(_strips(SHARP, BLURRED, 2), kind=kind)
-    assert max(_error(fused)) < _error(BLURRED)[1] / 2
-
-
 def test_a_focus_sweep_pulled_from_the_camera_is_sharper_than_every_slice():
     with Camera(160, 120) as camera, vantix.EdfSession("stack") as session:
         camera.set_focus_sweep(SHARP, 5, 8.0)

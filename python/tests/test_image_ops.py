@@ -8,22 +8,19 @@ import vantix
 RNG = np.random.default_rng(7)
 
 
-def _random(shape, dtype, top):
-    return RNG.integers(0, top + 1, size=shape).astype(dtype)
-
-
 @pytest.mark.parametrize("shape,dtype,bits,top", [((18, 26, 4), np.uint8, None, 255),
                                                    ((18, 26), np.uint16, 12, 4095),
                                                    ((18, 26, 3), np.uint16, 16, 65535)])
 def test_nearest_doubling_of_a_strided_view_repeats_every_pixel(shape, dtype, bits, top):
-    image = _random(shape, dtype, top)[::2, 1::2]  # rows and pixels strided: copied first
+    # Rows and pixels both strided: copied first.
+    image = RNG.integers(0, top, shape, dtype, endpoint=True)[::2, 1::2]
     out = vantix.resize(image, (26, 18), interpolation="nearest", bits=bits)
     assert out.dtype == dtype
     np.testing.assert_array_equal(out, image.repeat(2, axis=0).repeat(2, axis=1))
 
 
 def test_row_padded_views_are_read_and_written_in_place():
-    padded = _random((40, 64, 3), np.uint8, 255)[:20, :32]
+    padded = RNG.integers(0, 256, (40, 64, 3), np.uint8)[:20, :32]
     target = np.zeros((50, 70, 3), np.uint8)
     assert vantix.resize(padded, (64, 40), "nearest", out=target[5:45, 3:67]) is not None
     np.testing.assert_array_equal(target[5:45, 3:67], padded.repeat(2, 0).repeat(2, 1))
@@ -53,7 +50,8 @@ def _interiors(image):
 @pytest.mark.parametrize("dtype,bits,top", [(np.uint8, None, 255), (np.uint16, 12, 4095)])
 @pytest.mark.parametrize("pattern", ["RGGB", "BGGR", "GRBG", "GBRG"])
 def test_demosaic_restores_flat_colours(dtype, bits, top, pattern):
-    bgr = _random((4, 5, 3), dtype, top).repeat(12, axis=0).repeat(12, axis=1)  # flat patches
+    flat = RNG.integers(0, top, (4, 5, 3), dtype, endpoint=True)
+    bgr = flat.repeat(12, axis=0).repeat(12, axis=1)  # flat patches
     raw = _mosaic(bgr, pattern)
     for algorithm in ("bilinear", "edge_aware") + (("vng",) if bits is None else ()):
         out = vantix.demosaic(raw, pattern=pattern.lower(), bits=bits, algorithm=algorithm)

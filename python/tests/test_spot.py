@@ -63,11 +63,9 @@ u, v = np.cos(t) * dx + np.sin(t) * dy, -np.sin(t) * dx + np.cos(t) * dy
 profile = np.exp(-0.5 * (u * u / 40.0**2 + v * v / 26.0**2))
 
 def moments(a):
-    a = a.astype(np.float64)
-    s = a.sum()
-    cx, cy = (a * x).sum() / s, (a * y).sum() / s
-    return (cx, cy, 4 * np.sqrt((a * (x - cx) ** 2).sum() / s),
-            4 * np.sqrt((a * (y - cy) ** 2).sum() / s))
+    a = a / a.sum(dtype=np.float64)
+    cx, cy = (a * x).sum(), (a * y).sum()
+    return cx, cy, 4 * np.sqrt((a * (x - cx) ** 2).sum()), 4 * np.sqrt((a * (y - cy) ** 2).sum())
 
 def check(spot, truth):
     got = (spot.center_x, spot.center_y, spot.major_diameter, spot.minor_diameter)
