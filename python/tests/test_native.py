@@ -20,13 +20,13 @@ HEADER = os.path.join(PYTHON_DIR, "..", "include", "vantix.h")
 _RETURNS = {"void": None, "VantixResult": ctypes.c_uint32, "int32_t": ctypes.c_int32}
 
 
-def _header():
+def test_the_exports_and_result_names_are_the_headers():
+    """Every export's argument count and return type; the library's result
+    names as vantix_result_name gives them, with the macros' prefix (a
+    camera SDK's codes are named in hex)."""
     with open(HEADER) as header:
-        return re.sub(r"/\*.*?\*/", "", header.read(), flags=re.S)
-
-
-def test_every_export_of_the_header_has_its_signature():
-    found = re.findall(r"VANTIX_API\s+([\w\s]+?\**)\s*(vantix_\w+)\s*\(([^)]*)\)", _header())
+        text = re.sub(r"/\*.*?\*/", "", header.read(), flags=re.S)
+    found = re.findall(r"VANTIX_API\s+([\w\s]+?\**)\s*(vantix_\w+)\s*\(([^)]*)\)", text)
     declared = {name: (ret.strip(), params) for ret, name, params in found}
     assert len(declared) == 37 and set(declared) == set(_native.SIGNATURES)
     for name, (ret, params) in declared.items():
@@ -38,12 +38,6 @@ def test_every_export_of_the_header_has_its_signature():
             assert restype is ctypes.c_void_p or issubclass(restype, ctypes._Pointer), name
         else:
             assert function.restype is _RETURNS[ret], name
-
-
-def test_the_result_names_are_the_headers():
-    """The library's codes as vantix_result_name names them, with the
-    macros' prefix (a camera SDK's codes are named in hex)."""
-    text = _header()
     values = {name: int(value, 16) for name, value in
               re.findall(r"#define (VANTIX_[SE]_\w+) \(\(VantixResult\)(0x[0-9A-Fa-f]+)u\)", text)}
     body = re.search(r"vantix_result_name\(VantixResult \w+\) \{(.*?)\n\}", text, re.S)[1]
