@@ -61,7 +61,7 @@ def test_a_focus_sweep_pulled_from_the_camera_is_sharper_than_every_slice():
         for i, version in enumerate((2, 3, 4, "named", 2)):
             slices.append(session.pull(camera, version=version).image)
             session.wait_for(vantix.EdfFrame, i + 1, timeout=None)
-        reports = list(session.events(timeout=0))
+        reports = [next(session.events(timeout=60)) for _ in slices]
         fused = session.readdata()
     np.testing.assert_array_equal(reports[-1].image, fused)  # the report's copy
     assert np.mean(_error(fused)) < min(np.mean(_error(s)) for s in slices) / 3
