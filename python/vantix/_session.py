@@ -85,13 +85,17 @@ class Bridge:
         _in_callback.bridge = self
         try:
             item = make_item()
-            with self.lock:
-                self.counts[type(item).__name__] += 1
-                self.arrived.notify_all()
-            if self.user_callback is None:
-                self.queue.put(item)
-            else:
-                self.user_callback(item)
+            # Counted once delivered, so that a count wait_for saw is a
+            # report that events() can already read.
+            try:
+                if self.user_callback is None:
+                    self.queue.put(item)
+                else:
+                    self.user_callback(item)
+            finally:
+                with self.lock:
+                    self.counts[type(item).__name__] += 1
+                    self.arrived.notify_all()
         except BaseException as error:  # noqa: BLE001 - must not unwind into C
             with self.lock:
                 if self.error is None:
