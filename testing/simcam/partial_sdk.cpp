@@ -11,80 +11,59 @@ namespace {
 
 constexpr uint32_t kWidth = 4;
 constexpr uint32_t kHeight = 2;
-constexpr uint8_t kPixel = 0x5A;
 
+simcam::Stats gStats;
 std::mutex gLock;
-SimcamStats gStats{};
 uint32_t gFrameIndex = 0;
 
-// Writes the frame; returns the index of the delivered frame.  Caller holds gLock.
-uint32_t deliver(void* buffer, int32_t bits, uint32_t pitch) {
+}  // namespace
+
+namespace simcam {
+
+int32_t pull(Counter counter, void* camera, void* buffer, int32_t zero, int32_t bits,
+             int32_t rowPitch, void* info, size_t infoSize, uint32_t* width, uint32_t* height) {
+  gStats.pull(counter, camera, buffer, bits, rowPitch, zero);
+  if (buffer == nullptr) return SIMCAM_E_POINTER;
+  const uint32_t pitch = effectivePitch(kWidth, bits, rowPitch);
+  if (pitch == 0) return SIMCAM_E_INVALIDARG;
+  std::lock_guard<std::mutex> lock(gLock);
   for (uint32_t y = 0; y < kHeight; ++y) {
-    std::memset(static_cast<uint8_t*>(buffer) + y * pitch, kPixel, kWidth * bits / 8);
+    std::memset(static_cast<uint8_t*>(buffer) + y * pitch, 0x5A, kWidth * bits / 8);
   }
-  return gFrameIndex++;
+  report(info, infoSize, kWidth, kHeight, gFrameIndex++, width, height);
+  return SIMCAM_S_OK;
 }
 
-}  // namespace
+}  // namespace simcam
 
 extern "C" {
 
 SIMCAM_API const char* DllPrefix(void) {
-  std::lock_guard<std::mutex> lock(gLock);
-  ++gStats.prefixCalls;
+  gStats.count(&SimcamStats::prefixCalls);
   return "Partial";
 }
 
 SIMCAM_API int32_t DllPullImageV3(void* camera, void* buffer, int32_t zero, int32_t bits,
                                   int32_t rowPitch, void* frameInfoV3) {
-  std::lock_guard<std::mutex> lock(gLock);
-  ++gStats.pullV3Calls;
-  gStats.lastCamera = camera;
-  gStats.lastBuffer = buffer;
-  gStats.lastBits = bits;
-  gStats.lastRowPitch = rowPitch;
-  gStats.lastZero = zero;
-  const uint32_t pitch = simcam::effectivePitch(kWidth, bits, rowPitch);
-  if (buffer == nullptr) return SIMCAM_E_POINTER;
-  if (pitch == 0) return SIMCAM_E_INVALIDARG;
-  const uint32_t index = deliver(buffer, bits, pitch);
-  if (frameInfoV3 != nullptr) simcam::fillFrameInfo(frameInfoV3, 40, kWidth, kHeight, index);
-  return SIMCAM_S_OK;
+  return simcam::pull(&SimcamStats::pullV3Calls, camera, buffer, zero, bits, rowPitch,
+                      frameInfoV3, 40, nullptr, nullptr);
 }
 
 SIMCAM_API int32_t Partial_PullImage(void* camera, void* buffer, int32_t bits, uint32_t* width,
                                      uint32_t* height) {
-  std::lock_guard<std::mutex> lock(gLock);
-  ++gStats.namedPullCalls;
-  gStats.lastCamera = camera;
-  gStats.lastBuffer = buffer;
-  gStats.lastBits = bits;
-  gStats.lastRowPitch = 0;
-  if (buffer == nullptr) return SIMCAM_E_POINTER;
-  const uint32_t pitch = simcam::effectivePitch(kWidth, bits, 0);
-  if (pitch == 0) return SIMCAM_E_INVALIDARG;
-  deliver(buffer, bits, pitch);
-  if (width != nullptr) *width = kWidth;
-  if (height != nullptr) *height = kHeight;
-  return SIMCAM_S_OK;
+  return simcam::pull(&SimcamStats::namedPullCalls, camera, buffer, 0, bits, 0, nullptr, 0, width,
+                      height);
 }
 
 SIMCAM_API int32_t Partial_get_RawFormat(void*, uint32_t* format, uint32_t* bitDepth) {
-  std::lock_guard<std::mutex> lock(gLock);
-  ++gStats.rawFormatCalls;
+  gStats.count(&SimcamStats::rawFormatCalls);
   if (format != nullptr) *format = SIMCAM_RAW_FOURCC;
   if (bitDepth != nullptr) *bitDepth = 10;
   return SIMCAM_S_OK;
 }
 
 SIMCAM_API void simcam_partial_get_stats(SimcamStats* stats) {
-  std::lock_guard<std::mutex> lock(gLock);
-  *stats = gStats;
-}
-
-SIMCAM_API void simcam_partial_reset_stats(void) {
-  std::lock_guard<std::mutex> lock(gLock);
-  gStats = SimcamStats{};
+  gStats.get(stats);
 }
 
 }  // extern "C"

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <vector>
 
@@ -35,16 +34,19 @@ class Scene {
   virtual cv::Mat render(uint32_t index) const = 0;
 };
 
-// Copies host rows into a matrix of the frame size (resized when needed).
-cv::Mat importImage(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride) {
-  return cv::Mat(static_cast<int>(height), static_cast<int>(width), CV_8UC3,
-                 const_cast<uint8_t*>(bgr), stride)
-      .clone();
-}
+using ScenePtr = std::shared_ptr<const Scene>;
 
 bool validImage(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride) {
   return bgr != nullptr && width >= 1 && height >= 1 && width <= kMaxSide && height <= kMaxSide &&
          stride >= width * 3;
+}
+
+// A copy of host rows; empty when they are not a valid image.
+cv::Mat importImage(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride) {
+  if (!validImage(bgr, width, height, stride)) return cv::Mat();
+  return cv::Mat(static_cast<int>(height), static_cast<int>(width), CV_8UC3,
+                 const_cast<uint8_t*>(bgr), stride)
+      .clone();
 }
 
 cv::Mat fitToFrame(const cv::Mat& image, cv::Size frame) {
@@ -128,16 +130,17 @@ class FocusScene : public Scene {
         depth_(vtest::hillDepth(sharp.size())),
         levels_(sharp, maxBlurSigma, 12) {}
 
-  double depth(uint32_t x, uint32_t y) const {
-    return depth_.at<float>(static_cast<int>(y), static_cast<int>(x));
-  }
-
   double sigma(uint32_t index, double depth) const {
     if (frameCount_ < 2 || maxBlur_ <= 0) return 0.0;
     const double spacing = 1.0 / (frameCount_ - 1);
     const double focus = (index % frameCount_) * spacing;
     const double halfField = spacing / 2;
     return maxBlur_ * std::max(0.0, std::abs(depth - focus) - halfField) / (1 - halfField);
+  }
+
+  double sigmaAt(uint32_t index, uint32_t x, uint32_t y) const {
+    if (x >= static_cast<uint32_t>(depth_.cols) || y >= static_cast<uint32_t>(depth_.rows)) return -1;
+    return sigma(index, depth_.at<float>(static_cast<int>(y), static_cast<int>(x)));
   }
 
   cv::Mat render(uint32_t index) const override {
@@ -237,28 +240,7 @@ void writeRows(const cv::Mat& image, void* buffer, uint32_t pitch) {
   }
 }
 
-// ---------------------------------------------------------------------------
-// Call statistics
-// ---------------------------------------------------------------------------
-
-std::mutex gStatsLock;
-SimcamStats gStats{};
-
-void countCall(simcam::Entry entry, void* camera, void* buffer, int32_t bits, int32_t rowPitch,
-               int32_t zero) {
-  std::lock_guard<std::mutex> lock(gStatsLock);
-  switch (entry) {
-    case simcam::Entry::PullV2: ++gStats.pullV2Calls; break;
-    case simcam::Entry::PullV3: ++gStats.pullV3Calls; break;
-    case simcam::Entry::PullV4: ++gStats.pullV4Calls; break;
-    case simcam::Entry::Named: ++gStats.namedPullCalls; break;
-  }
-  if (entry == simcam::Entry::PullV3 || entry == simcam::Entry::PullV4) gStats.lastZero = zero;
-  gStats.lastCamera = camera;
-  gStats.lastBuffer = buffer;
-  gStats.lastBits = bits;
-  gStats.lastRowPitch = rowPitch;
-}
+simcam::Stats gStats;
 
 // Runs a control or SDK function, turning a C++ exception into a code so
 // that none crosses the C boundary.
@@ -287,40 +269,53 @@ struct SimcamCamera {
   int32_t result = 0;
   uint32_t rawBits = 12;
   uint32_t frameIndex = 0;
-  std::shared_ptr<const Scene> scene;
+  ScenePtr scene;
 
   template <typename T>
-  std::shared_ptr<const T> sceneAs() const {
+  std::shared_ptr<const T> sceneAs() {
+    std::lock_guard<std::mutex> hold(lock);
     return std::dynamic_pointer_cast<const T>(scene);
   }
 
-  // Renders and writes frame `index`; the caller holds the lock and has
-  // validated bits and pitch.
-  void write(uint32_t index, void* buffer, int32_t bits, uint32_t pitch) const {
+  // Renders and writes frame `index`; the caller holds the lock.
+  int32_t write(uint32_t index, void* buffer, int32_t bits, int32_t rowPitch) const {
+    const uint32_t pitch = effectivePitch(size.width, bits, rowPitch);
+    if (pitch == 0) return SIMCAM_E_INVALIDARG;
     writeRows(convertFrame(scene->render(index), bits, rawBits), buffer, pitch);
+    return SIMCAM_S_OK;
   }
 };
 
+namespace {
+
+// Installs the scene `make` returns (none: invalid arguments).
+template <typename Make>
+int32_t install(SimcamCamera* camera, Make make) {
+  if (camera == nullptr) return SIMCAM_E_POINTER;
+  return guarded([&] {
+    ScenePtr scene = make();
+    if (!scene) return SIMCAM_E_INVALIDARG;
+    std::lock_guard<std::mutex> lock(camera->lock);
+    camera->scene = std::move(scene);
+    return SIMCAM_S_OK;
+  });
+}
+
+}  // namespace
+
 namespace simcam {
 
-int32_t pull(Entry entry, void* camera, void* buffer, int32_t zero, int32_t bits, int32_t rowPitch,
-             void* info, size_t infoSize, uint32_t* width, uint32_t* height) {
-  countCall(entry, camera, buffer, bits, rowPitch, zero);
+int32_t pull(Counter counter, void* camera, void* buffer, int32_t zero, int32_t bits,
+             int32_t rowPitch, void* info, size_t infoSize, uint32_t* width, uint32_t* height) {
+  gStats.pull(counter, camera, buffer, bits, rowPitch, zero);
   if (camera == nullptr || buffer == nullptr) return SIMCAM_E_POINTER;
   auto* cam = static_cast<SimcamCamera*>(camera);
   return guarded([&] {
     std::lock_guard<std::mutex> lock(cam->lock);
     if (cam->result < 0) return cam->result;
-    const uint32_t pitch = effectivePitch(cam->size.width, bits, rowPitch);
-    if (pitch == 0) return SIMCAM_E_INVALIDARG;
-    const uint32_t index = cam->frameIndex;
-    cam->write(index, buffer, bits, pitch);
-    ++cam->frameIndex;
-    const auto w = static_cast<uint32_t>(cam->size.width);
-    const auto h = static_cast<uint32_t>(cam->size.height);
-    if (info != nullptr) fillFrameInfo(info, infoSize, w, h, index);
-    if (width != nullptr) *width = w;
-    if (height != nullptr) *height = h;
+    const int32_t written = cam->write(cam->frameIndex, buffer, bits, rowPitch);
+    if (written != SIMCAM_S_OK) return written;
+    report(info, infoSize, cam->size.width, cam->size.height, cam->frameIndex++, width, height);
     return cam->result;
   });
 }
@@ -330,28 +325,24 @@ int32_t pull(Entry entry, void* camera, void* buffer, int32_t zero, int32_t bits
 extern "C" {
 
 SIMCAM_API const char* DllPrefix(void) {
-  std::lock_guard<std::mutex> lock(gStatsLock);
-  ++gStats.prefixCalls;
+  gStats.count(&SimcamStats::prefixCalls);
   return "Simcam";
 }
 
 SIMCAM_API int32_t DllPullImageWithRowPitchV2(void* camera, void* buffer, int32_t bits,
                                               int32_t rowPitch, void* frameInfoV2) {
-  return simcam::pull(simcam::Entry::PullV2, camera, buffer, 0, bits, rowPitch, frameInfoV2, 24,
-                      nullptr, nullptr);
+  return simcam::pull(&SimcamStats::pullV2Calls, camera, buffer, 0, bits, rowPitch, frameInfoV2,
+                      24, nullptr, nullptr);
 }
 
 SIMCAM_API int32_t DllPullImageV3(void* camera, void* buffer, int32_t zero, int32_t bits,
                                   int32_t rowPitch, void* frameInfoV3) {
-  return simcam::pull(simcam::Entry::PullV3, camera, buffer, zero, bits, rowPitch, frameInfoV3, 40,
-                      nullptr, nullptr);
+  return simcam::pull(&SimcamStats::pullV3Calls, camera, buffer, zero, bits, rowPitch,
+                      frameInfoV3, 40, nullptr, nullptr);
 }
 
 SIMCAM_API int32_t Simcam_get_RawFormat(void* camera, uint32_t* format, uint32_t* bitDepth) {
-  {
-    std::lock_guard<std::mutex> lock(gStatsLock);
-    ++gStats.rawFormatCalls;
-  }
+  gStats.count(&SimcamStats::rawFormatCalls);
   if (camera == nullptr) return SIMCAM_E_POINTER;
   auto* cam = static_cast<SimcamCamera*>(camera);
   std::lock_guard<std::mutex> lock(cam->lock);
@@ -412,52 +403,42 @@ SIMCAM_API int32_t simcam_render(SimcamCamera* camera, uint32_t index, void* buf
   if (camera == nullptr || buffer == nullptr) return SIMCAM_E_POINTER;
   return guarded([&] {
     std::lock_guard<std::mutex> lock(camera->lock);
-    const uint32_t pitch = effectivePitch(camera->size.width, bits, rowPitch);
-    if (pitch == 0) return SIMCAM_E_INVALIDARG;
-    camera->write(index, buffer, bits, pitch);
-    return SIMCAM_S_OK;
+    return camera->write(index, buffer, bits, rowPitch);
   });
 }
 
 SIMCAM_API int32_t simcam_set_still(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
                                     uint32_t height, uint32_t stride) {
-  if (camera == nullptr) return SIMCAM_E_POINTER;
-  if (!validImage(bgr, width, height, stride)) return SIMCAM_E_INVALIDARG;
-  return guarded([&] {
-    auto scene = std::make_shared<StillScene>(
-        fitToFrame(importImage(bgr, width, height, stride), camera->size));
-    std::lock_guard<std::mutex> lock(camera->lock);
-    camera->scene = std::move(scene);
-    return SIMCAM_S_OK;
+  return install(camera, [&]() -> ScenePtr {
+    const cv::Mat image = importImage(bgr, width, height, stride);
+    if (image.empty()) return nullptr;
+    return std::make_shared<StillScene>(fitToFrame(image, camera->size));
   });
 }
 
 SIMCAM_API int32_t simcam_set_pan(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
                                   uint32_t height, uint32_t stride, const SimcamPoint* path,
                                   uint32_t count, uint32_t framesPerSegment) {
-  if (camera == nullptr) return SIMCAM_E_POINTER;
-  if (!validImage(bgr, width, height, stride) || path == nullptr || count == 0 ||
-      framesPerSegment == 0 || width < static_cast<uint32_t>(camera->size.width) ||
-      height < static_cast<uint32_t>(camera->size.height)) {
-    return SIMCAM_E_INVALIDARG;
-  }
-  for (uint32_t i = 0; i < count; ++i) {
-    if (!std::isfinite(path[i].x) || !std::isfinite(path[i].y)) return SIMCAM_E_INVALIDARG;
-  }
-  return guarded([&] {
-    auto scene =
-        std::make_shared<PanScene>(importImage(bgr, width, height, stride), camera->size,
-                                   std::vector<SimcamPoint>(path, path + count), framesPerSegment);
-    std::lock_guard<std::mutex> lock(camera->lock);
-    camera->scene = std::move(scene);
-    return SIMCAM_S_OK;
+  return install(camera, [&]() -> ScenePtr {
+    if (path == nullptr || count == 0 || framesPerSegment == 0 ||
+        width < static_cast<uint32_t>(camera->size.width) ||
+        height < static_cast<uint32_t>(camera->size.height)) {
+      return nullptr;
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+      if (!std::isfinite(path[i].x) || !std::isfinite(path[i].y)) return nullptr;
+    }
+    cv::Mat image = importImage(bgr, width, height, stride);
+    if (image.empty()) return nullptr;
+    return std::make_shared<PanScene>(std::move(image), camera->size,
+                                      std::vector<SimcamPoint>(path, path + count),
+                                      framesPerSegment);
   });
 }
 
 SIMCAM_API int32_t simcam_pan_position(SimcamCamera* camera, uint32_t index,
                                        SimcamPoint* position) {
   if (camera == nullptr || position == nullptr) return SIMCAM_E_POINTER;
-  std::lock_guard<std::mutex> lock(camera->lock);
   const auto pan = camera->sceneAs<PanScene>();
   if (!pan) return SIMCAM_E_INVALIDARG;
   *position = pan->position(index);
@@ -467,66 +448,42 @@ SIMCAM_API int32_t simcam_pan_position(SimcamCamera* camera, uint32_t index,
 SIMCAM_API int32_t simcam_set_focus_sweep(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
                                           uint32_t height, uint32_t stride, uint32_t frameCount,
                                           double maxBlurSigma) {
-  if (camera == nullptr) return SIMCAM_E_POINTER;
-  if (!validImage(bgr, width, height, stride) || frameCount == 0 || !(maxBlurSigma >= 0) ||
-      maxBlurSigma > 100) {
-    return SIMCAM_E_INVALIDARG;
-  }
-  return guarded([&] {
-    auto scene = std::make_shared<FocusScene>(
-        fitToFrame(importImage(bgr, width, height, stride), camera->size), frameCount,
-        maxBlurSigma);
-    std::lock_guard<std::mutex> lock(camera->lock);
-    camera->scene = std::move(scene);
-    return SIMCAM_S_OK;
+  return install(camera, [&]() -> ScenePtr {
+    if (frameCount == 0 || !(maxBlurSigma >= 0) || maxBlurSigma > 100) return nullptr;
+    const cv::Mat image = importImage(bgr, width, height, stride);
+    if (image.empty()) return nullptr;
+    return std::make_shared<FocusScene>(fitToFrame(image, camera->size), frameCount,
+                                        maxBlurSigma);
   });
 }
 
-SIMCAM_API double simcam_focus_depth(SimcamCamera* camera, uint32_t x, uint32_t y) {
-  std::lock_guard<std::mutex> lock(camera->lock);
-  const auto focus = camera->sceneAs<FocusScene>();
-  if (!focus || x >= static_cast<uint32_t>(camera->size.width) ||
-      y >= static_cast<uint32_t>(camera->size.height)) {
-    return -1.0;
-  }
-  return focus->depth(x, y);
-}
-
 SIMCAM_API double simcam_focus_sigma(SimcamCamera* camera, uint32_t index, uint32_t x, uint32_t y) {
-  std::lock_guard<std::mutex> lock(camera->lock);
   const auto focus = camera->sceneAs<FocusScene>();
-  if (!focus || x >= static_cast<uint32_t>(camera->size.width) ||
-      y >= static_cast<uint32_t>(camera->size.height)) {
-    return -1.0;
-  }
-  return focus->sigma(index, focus->depth(x, y));
+  return focus ? focus->sigmaAt(index, x, y) : -1.0;
 }
 
 SIMCAM_API int32_t simcam_set_spots(SimcamCamera* camera, const SimcamSpot* spots, uint32_t count,
                                     double background, double noise, uint32_t seed) {
-  if (camera == nullptr || spots == nullptr) return SIMCAM_E_POINTER;
-  if (count == 0 || count > kMaxSpots || !std::isfinite(background) || !(noise >= 0) ||
-      !std::isfinite(noise)) {
-    return SIMCAM_E_INVALIDARG;
-  }
-  for (uint32_t k = 0; k < count; ++k) {
-    const SimcamSpot& s = spots[k];
-    const double values[] = {s.centerX,     s.centerY,     s.angle,           s.peak,
-                             s.orbitRadius, s.orbitPeriod, s.breathAmplitude, s.breathPeriod};
-    for (double v : values) {
-      if (!std::isfinite(v)) return SIMCAM_E_INVALIDARG;
+  if (spots == nullptr) return SIMCAM_E_POINTER;
+  return install(camera, [&]() -> ScenePtr {
+    if (count == 0 || count > kMaxSpots || !std::isfinite(background) || !(noise >= 0) ||
+        !std::isfinite(noise)) {
+      return nullptr;
     }
-    if (!(s.sigmaX > 0) || !(s.sigmaY > 0) || !std::isfinite(s.sigmaX) ||
-        !std::isfinite(s.sigmaY) || std::abs(s.breathAmplitude) >= 1) {
-      return SIMCAM_E_INVALIDARG;
+    for (uint32_t k = 0; k < count; ++k) {
+      const SimcamSpot& s = spots[k];
+      const double values[] = {s.centerX,     s.centerY,     s.angle,           s.peak,
+                               s.orbitRadius, s.orbitPeriod, s.breathAmplitude, s.breathPeriod};
+      for (double v : values) {
+        if (!std::isfinite(v)) return nullptr;
+      }
+      if (!(s.sigmaX > 0) || !(s.sigmaY > 0) || !std::isfinite(s.sigmaX) ||
+          !std::isfinite(s.sigmaY) || std::abs(s.breathAmplitude) >= 1) {
+        return nullptr;
+      }
     }
-  }
-  return guarded([&] {
-    auto scene = std::make_shared<SpotScene>(
-        camera->size, std::vector<SimcamSpot>(spots, spots + count), background, noise, seed);
-    std::lock_guard<std::mutex> lock(camera->lock);
-    camera->scene = std::move(scene);
-    return SIMCAM_S_OK;
+    return std::make_shared<SpotScene>(camera->size, std::vector<SimcamSpot>(spots, spots + count),
+                                       background, noise, seed);
   });
 }
 
@@ -538,7 +495,6 @@ SIMCAM_API int32_t simcam_set_spot(SimcamCamera* camera, const SimcamSpot* spot,
 SIMCAM_API int32_t simcam_spot_truth(SimcamCamera* camera, uint32_t index, uint32_t spot,
                                      SimcamSpotTruth* truth) {
   if (camera == nullptr || truth == nullptr) return SIMCAM_E_POINTER;
-  std::lock_guard<std::mutex> lock(camera->lock);
   const auto spots = camera->sceneAs<SpotScene>();
   if (!spots || spot >= spots->count()) return SIMCAM_E_INVALIDARG;
   *truth = spots->truth(index, spot);
@@ -574,13 +530,7 @@ SIMCAM_API int32_t simcam_blur(const uint8_t* bgr, uint32_t width, uint32_t heig
 }
 
 SIMCAM_API void simcam_get_stats(SimcamStats* stats) {
-  std::lock_guard<std::mutex> lock(gStatsLock);
-  *stats = gStats;
-}
-
-SIMCAM_API void simcam_reset_stats(void) {
-  std::lock_guard<std::mutex> lock(gStatsLock);
-  gStats = SimcamStats{};
+  gStats.get(stats);
 }
 
 }  // extern "C"

@@ -15,8 +15,8 @@
  *   libvantix_simcam_partial.so  an SDK stub with prefix "Partial" that
  *                                exports "DllPullImageV3", "Partial_get_RawFormat"
  *                                and "Partial_PullImage" but no V2 pull.  It
- *                                has no cameras; its only control functions are
- *                                simcam_partial_get_stats / _reset_stats.
+ *                                has no cameras; its only control function is
+ *                                simcam_partial_get_stats.
  *
  * Tests and the demo load these libraries with dlopen, as a host loads its
  * SDK (linking the target vantix_simcam works too); simcam_loader.h
@@ -215,9 +215,8 @@ SIMCAM_API int32_t simcam_pan_position(SimcamCamera* camera, uint32_t index, Sim
 SIMCAM_API int32_t simcam_set_focus_sweep(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
                                           uint32_t height, uint32_t stride, uint32_t frameCount,
                                           double maxBlurSigma);
-/* Depth at pixel (x, y), and the blur sigma there in frame `index`; -1 when
- * the scene is not a focus sweep or the pixel is outside the frame. */
-SIMCAM_API double simcam_focus_depth(SimcamCamera* camera, uint32_t x, uint32_t y);
+/* The blur sigma at pixel (x, y) in frame `index`; -1 when the scene is not
+ * a focus sweep or the pixel is outside the frame. */
 SIMCAM_API double simcam_focus_sigma(SimcamCamera* camera, uint32_t index, uint32_t x, uint32_t y);
 
 /* Grey Gaussian spots on a background, with additive Gaussian noise (standard
@@ -253,13 +252,11 @@ SIMCAM_API int32_t simcam_blur(const uint8_t* bgr, uint32_t width, uint32_t heig
  * ------------------------------------------------------------------------- */
 
 SIMCAM_API void simcam_get_stats(SimcamStats* stats);
-SIMCAM_API void simcam_reset_stats(void);
 
 /* Exported by libvantix_simcam_partial.so only.  Its pulls deliver a 4 x 2
  * frame (every byte 0x5A; the same record pattern), return 0 and ignore the
  * camera handle; its raw-format query reports a depth of 10. */
 SIMCAM_API void simcam_partial_get_stats(SimcamStats* stats);
-SIMCAM_API void simcam_partial_reset_stats(void);
 
 #ifdef __cplusplus
 }

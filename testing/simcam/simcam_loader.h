@@ -21,105 +21,72 @@
 extern "C" {
 #endif
 
-typedef struct SimcamApi {
-  /* SDK entry points */
-  const char* (*prefix)(void);
-  int32_t (*pullV2)(void*, void*, int32_t, int32_t, void*);
-  int32_t (*pullV3)(void*, void*, int32_t, int32_t, int32_t, void*);
-  int32_t (*pullV4)(void*, void*, int32_t, int32_t, int32_t, void*); /* null if absent */
-  int32_t (*getRawFormat)(void*, uint32_t*, uint32_t*);
-  int32_t (*pullNamed)(void*, void*, int32_t, uint32_t*, uint32_t*); /* null if absent */
-  /* control interface */
-  SimcamCamera* (*open)(uint32_t, uint32_t);
-  void (*close)(SimcamCamera*);
-  void (*setResult)(SimcamCamera*, int32_t);
-  int32_t (*setRawBits)(SimcamCamera*, uint32_t);
-  uint32_t (*frameIndex)(SimcamCamera*);
-  void (*setFrameIndex)(SimcamCamera*, uint32_t);
-  size_t (*frameBytes)(SimcamCamera*, int32_t, int32_t);
-  uint32_t (*defaultPitch)(uint32_t, int32_t);
-  int32_t (*render)(SimcamCamera*, uint32_t, void*, int32_t, int32_t);
-  int32_t (*setStill)(SimcamCamera*, const uint8_t*, uint32_t, uint32_t, uint32_t);
-  int32_t (*setPan)(SimcamCamera*, const uint8_t*, uint32_t, uint32_t, uint32_t, const SimcamPoint*,
-                    uint32_t, uint32_t);
-  int32_t (*panPosition)(SimcamCamera*, uint32_t, SimcamPoint*);
-  int32_t (*setFocusSweep)(SimcamCamera*, const uint8_t*, uint32_t, uint32_t, uint32_t, uint32_t,
-                           double);
-  double (*focusDepth)(SimcamCamera*, uint32_t, uint32_t);
-  double (*focusSigma)(SimcamCamera*, uint32_t, uint32_t, uint32_t);
-  int32_t (*setSpots)(SimcamCamera*, const SimcamSpot*, uint32_t, double, double, uint32_t);
-  int32_t (*setSpot)(SimcamCamera*, const SimcamSpot*, double, double, uint32_t);
-  int32_t (*spotTruth)(SimcamCamera*, uint32_t, uint32_t, SimcamSpotTruth*);
-  void (*getStats)(SimcamStats*);
-  void (*resetStats)(void);
-} SimcamApi;
+/* X(field, exported name, declaration giving the type, required) */
+#define SIMCAM_API_LIST_(X)                                                \
+  X(prefix, "DllPrefix", DllPrefix, 1)                                     \
+  X(pullV2, "DllPullImageWithRowPitchV2", DllPullImageWithRowPitchV2, 1)   \
+  X(pullV3, "DllPullImageV3", DllPullImageV3, 1)                           \
+  X(pullV4, "DllPullImageV4", DllPullImageV4, 0)                           \
+  X(getRawFormat, "Simcam_get_RawFormat", Simcam_get_RawFormat, 1)         \
+  X(pullNamed, "Simcam_PullImage", Simcam_PullImage, 0)                    \
+  X(open, "simcam_open", simcam_open, 1)                                   \
+  X(close, "simcam_close", simcam_close, 1)                                \
+  X(setResult, "simcam_set_result", simcam_set_result, 1)                  \
+  X(setRawBits, "simcam_set_raw_bits", simcam_set_raw_bits, 1)             \
+  X(frameIndex, "simcam_frame_index", simcam_frame_index, 1)               \
+  X(setFrameIndex, "simcam_set_frame_index", simcam_set_frame_index, 1)    \
+  X(frameBytes, "simcam_frame_bytes", simcam_frame_bytes, 1)               \
+  X(defaultPitch, "simcam_default_pitch", simcam_default_pitch, 1)         \
+  X(render, "simcam_render", simcam_render, 1)                             \
+  X(setStill, "simcam_set_still", simcam_set_still, 1)                     \
+  X(setPan, "simcam_set_pan", simcam_set_pan, 1)                           \
+  X(panPosition, "simcam_pan_position", simcam_pan_position, 1)            \
+  X(setFocusSweep, "simcam_set_focus_sweep", simcam_set_focus_sweep, 1)    \
+  X(focusSigma, "simcam_focus_sigma", simcam_focus_sigma, 1)               \
+  X(setSpots, "simcam_set_spots", simcam_set_spots, 1)                     \
+  X(setSpot, "simcam_set_spot", simcam_set_spot, 1)                        \
+  X(spotTruth, "simcam_spot_truth", simcam_spot_truth, 1)                  \
+  X(getStats, "simcam_get_stats", simcam_get_stats, 1)
 
+#define SIMCAM_PARTIAL_API_LIST_(X)                                   \
+  X(prefix, "DllPrefix", DllPrefix, 1)                                \
+  X(pullV3, "DllPullImageV3", DllPullImageV3, 1)                      \
+  X(getRawFormat, "Partial_get_RawFormat", Simcam_get_RawFormat, 1)   \
+  X(pullNamed, "Partial_PullImage", Simcam_PullImage, 1)              \
+  X(getStats, "simcam_partial_get_stats", simcam_partial_get_stats, 1)
+
+#define SIMCAM_FIELD_(field, name, decl, required) __typeof__(&decl) field;
+typedef struct SimcamApi {
+  SIMCAM_API_LIST_(SIMCAM_FIELD_)
+} SimcamApi;
 typedef struct SimcamPartialApi {
-  const char* (*prefix)(void);
-  int32_t (*pullV3)(void*, void*, int32_t, int32_t, int32_t, void*);
-  int32_t (*getRawFormat)(void*, uint32_t*, uint32_t*);
-  int32_t (*pullNamed)(void*, void*, int32_t, uint32_t*, uint32_t*);
-  void (*getStats)(SimcamStats*);
-  void (*resetStats)(void);
+  SIMCAM_PARTIAL_API_LIST_(SIMCAM_FIELD_)
 } SimcamPartialApi;
+#undef SIMCAM_FIELD_
 
 /* dlsym into a function pointer without a cast between object and function
- * pointers (which ISO C does not define). */
-#define SIMCAM_RESOLVE_(handle, field, name, missing) \
-  do {                                                \
-    void* symbol_ = dlsym((handle), (name));          \
-    memcpy(&(field), &symbol_, sizeof symbol_);       \
-    if (symbol_ == NULL) ++(missing);                 \
-  } while (0)
+ * pointers (which ISO C does not define); counts missing required ones. */
+#define SIMCAM_RESOLVE_(field, name, decl, required)  \
+  {                                                   \
+    void* symbol_ = dlsym(handle, name);              \
+    memcpy(&api->field, &symbol_, sizeof symbol_);    \
+    if (symbol_ == NULL && (required)) ++missing;     \
+  }
 
-/* Fills *api from a handle; returns 1 when every function but pullV4 and
- * pullNamed was found, else 0. */
+/* Fill *api from a handle; 1 when every required function was found. */
 static inline int simcam_load_api(void* handle, SimcamApi* api) {
   int missing = 0;
-  int optional = 0;
   memset(api, 0, sizeof *api);
   if (handle == NULL) return 0;
-  SIMCAM_RESOLVE_(handle, api->prefix, "DllPrefix", missing);
-  SIMCAM_RESOLVE_(handle, api->pullV2, "DllPullImageWithRowPitchV2", missing);
-  SIMCAM_RESOLVE_(handle, api->pullV3, "DllPullImageV3", missing);
-  SIMCAM_RESOLVE_(handle, api->pullV4, "DllPullImageV4", optional);
-  SIMCAM_RESOLVE_(handle, api->getRawFormat, "Simcam_get_RawFormat", missing);
-  SIMCAM_RESOLVE_(handle, api->pullNamed, "Simcam_PullImage", optional);
-  SIMCAM_RESOLVE_(handle, api->open, "simcam_open", missing);
-  SIMCAM_RESOLVE_(handle, api->close, "simcam_close", missing);
-  SIMCAM_RESOLVE_(handle, api->setResult, "simcam_set_result", missing);
-  SIMCAM_RESOLVE_(handle, api->setRawBits, "simcam_set_raw_bits", missing);
-  SIMCAM_RESOLVE_(handle, api->frameIndex, "simcam_frame_index", missing);
-  SIMCAM_RESOLVE_(handle, api->setFrameIndex, "simcam_set_frame_index", missing);
-  SIMCAM_RESOLVE_(handle, api->frameBytes, "simcam_frame_bytes", missing);
-  SIMCAM_RESOLVE_(handle, api->defaultPitch, "simcam_default_pitch", missing);
-  SIMCAM_RESOLVE_(handle, api->render, "simcam_render", missing);
-  SIMCAM_RESOLVE_(handle, api->setStill, "simcam_set_still", missing);
-  SIMCAM_RESOLVE_(handle, api->setPan, "simcam_set_pan", missing);
-  SIMCAM_RESOLVE_(handle, api->panPosition, "simcam_pan_position", missing);
-  SIMCAM_RESOLVE_(handle, api->setFocusSweep, "simcam_set_focus_sweep", missing);
-  SIMCAM_RESOLVE_(handle, api->focusDepth, "simcam_focus_depth", missing);
-  SIMCAM_RESOLVE_(handle, api->focusSigma, "simcam_focus_sigma", missing);
-  SIMCAM_RESOLVE_(handle, api->setSpots, "simcam_set_spots", missing);
-  SIMCAM_RESOLVE_(handle, api->setSpot, "simcam_set_spot", missing);
-  SIMCAM_RESOLVE_(handle, api->spotTruth, "simcam_spot_truth", missing);
-  SIMCAM_RESOLVE_(handle, api->getStats, "simcam_get_stats", missing);
-  SIMCAM_RESOLVE_(handle, api->resetStats, "simcam_reset_stats", missing);
-  (void)optional;
+  SIMCAM_API_LIST_(SIMCAM_RESOLVE_)
   return missing == 0;
 }
 
-/* Fills *api from a handle of libvantix_simcam_partial.so; 1 when complete. */
 static inline int simcam_load_partial_api(void* handle, SimcamPartialApi* api) {
   int missing = 0;
   memset(api, 0, sizeof *api);
   if (handle == NULL) return 0;
-  SIMCAM_RESOLVE_(handle, api->prefix, "DllPrefix", missing);
-  SIMCAM_RESOLVE_(handle, api->pullV3, "DllPullImageV3", missing);
-  SIMCAM_RESOLVE_(handle, api->getRawFormat, "Partial_get_RawFormat", missing);
-  SIMCAM_RESOLVE_(handle, api->pullNamed, "Partial_PullImage", missing);
-  SIMCAM_RESOLVE_(handle, api->getStats, "simcam_partial_get_stats", missing);
-  SIMCAM_RESOLVE_(handle, api->resetStats, "simcam_partial_reset_stats", missing);
+  SIMCAM_PARTIAL_API_LIST_(SIMCAM_RESOLVE_)
   return missing == 0;
 }
 
