@@ -93,35 +93,19 @@ cv::Mat scanScene(const std::string& folder) {
   return scene;
 }
 
+// Fields in order: frame, start, rowLength, rows, rowStep, speedScale, pauseAt,
+// pauseFrames, jumpAt, jumpOffset, jumpDwell, blurEvery, noiseSigma,
+// gainAmplitude, seed.
 ScanOptions scanOptions640() {
   return ScanOptions{};
 }
-
 ScanOptions scanOptions720() {
-  ScanOptions o;
-  o.frame = cv::Size(1280, 720);
-  o.start = cv::Point(2780, 2300);
-  o.rowLength = 2700;
-  o.rows = 3;
-  o.rowStep = 420;
-  o.pauseAt = 120;
-  o.jumpAt = 50;
-  o.jumpOffset = cv::Point2d(-200, -1250);
-  o.seed = 2;
-  return o;
+  return {{1280, 720}, {2780, 2300}, 2700, 3, 420, 1.0, 120, 10, 50, {-200, -1250}, 24, 23, 2.0,
+          0.04, 2};
 }
-
 ScanOptions scanOptions1080() {
-  ScanOptions o;
-  o.frame = cv::Size(1920, 1080);
-  o.start = cv::Point(2100, 1900);
-  o.rowLength = 1900;
-  o.rows = 3;
-  o.rowStep = 600;
-  o.pauseAt = -1;
-  o.jumpAt = -1;
-  o.seed = 3;
-  return o;
+  return {{1920, 1080}, {2100, 1900}, 1900, 3, 600, 1.0, -1, 10, -1, {0, -1300}, 24, 23, 2.0, 0.04,
+          3};
 }
 
 namespace {
@@ -243,7 +227,7 @@ ScanSimulator::ScanSimulator(const cv::Mat& scene, const ScanOptions& options)
   }
 }
 
-void ScanSimulator::render(size_t index, cv::Mat& frame) const {
+cv::Mat ScanSimulator::render(size_t index) const {
   const ScanTruth& t = truth_.at(index);
   const cv::Size size = options_.frame;
   const int margin = t.blurLength > 0 ? static_cast<int>(t.blurLength) / 2 + 3 : 0;
@@ -262,12 +246,8 @@ void ScanSimulator::render(size_t index, cv::Mat& frame) const {
   const int ox = static_cast<int>((index * 37) % kNoiseSlack);
   const int oy = static_cast<int>((index * 53) % kNoiseSlack);
   cv::add(level, field(cv::Rect(ox, oy, size.width, size.height)), level);
-  level.convertTo(frame, CV_8U);
-}
-
-cv::Mat ScanSimulator::render(size_t index) const {
   cv::Mat frame;
-  render(index, frame);
+  level.convertTo(frame, CV_8U);
   return frame;
 }
 
@@ -300,13 +280,9 @@ cv::Mat hillDepth(cv::Size size) {
   }
   double low = 0, high = 0;
   cv::minMaxLoc(raw, &low, &high);
-  cv::Mat depth(size, CV_32F);
-  for (int y = 0; y < size.height; ++y) {
-    for (int x = 0; x < size.width; ++x) {
-      const double d = high > low ? (raw.at<double>(y, x) - low) / (high - low) : 0.5;
-      depth.at<float>(y, x) = static_cast<float>(std::clamp(d, 0.0, 1.0));
-    }
-  }
+  raw = high > low ? (raw - low) / (high - low) : cv::Mat(size, CV_64F, cv::Scalar(0.5));
+  cv::Mat depth;
+  raw.convertTo(depth, CV_32F);
   return depth;
 }
 
@@ -376,20 +352,14 @@ cv::Mat moved(const cv::Mat& image, double scale, double dx, double dy) {
 // Beams
 // ---------------------------------------------------------------------------
 
-double Moments::dX() const {
-  return 4.0 * std::sqrt(static_cast<double>(xx));
-}
-double Moments::dY() const {
-  return 4.0 * std::sqrt(static_cast<double>(yy));
-}
-long double Moments::spread() const {
-  return std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy);
+double Moments::diameter(long double second) {
+  return static_cast<double>(4 * std::sqrt(second));
 }
 double Moments::dMajor() const {
-  return static_cast<double>(2 * std::sqrt(2 * (xx + yy + spread())));
+  return diameter((xx + yy + std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy)) / 2);
 }
 double Moments::dMinor() const {
-  return static_cast<double>(2 * std::sqrt(2 * (xx + yy - spread())));
+  return diameter((xx + yy - std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy)) / 2);
 }
 
 void addBeam(cv::Mat& image, const Beam& beam, double reach) {

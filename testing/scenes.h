@@ -105,12 +105,10 @@ class ScanSimulator {
   // Throws std::runtime_error when the path leaves the scene.
   ScanSimulator(const cv::Mat& scene, const ScanOptions& options);
 
-  const ScanOptions& options() const { return options_; }
   cv::Size frameSize() const { return options_.frame; }
   size_t frameCount() const { return truth_.size(); }
   const ScanTruth& truth(size_t index) const { return truth_.at(index); }
 
-  void render(size_t index, cv::Mat& frame) const;
   cv::Mat render(size_t index) const;
 
  private:
@@ -174,11 +172,11 @@ struct Beam {
 // Second moments about the centroid and 4-sigma diameters.
 struct Moments {
   long double total = 0, cx = 0, cy = 0, xx = 0, yy = 0, xy = 0;
-  double dX() const;
-  double dY() const;
+  double dX() const { return diameter(xx); }
+  double dY() const { return diameter(yy); }
   double dMajor() const;  // along the principal axes
   double dMinor() const;
-  long double spread() const;  // difference of the principal second moments
+  static double diameter(long double second);  // 4 sqrt(second moment)
 };
 
 // Adds the beam, point-sampled at pixel centres, to a CV_32F or CV_64F image

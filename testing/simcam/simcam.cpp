@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 #include <vector>
@@ -25,15 +26,17 @@ constexpr double kPi = 3.14159265358979323846;
 
 // ---------------------------------------------------------------------------
 // Scenes.  A scene renders frame i of the camera's frame size as either
-// CV_8UC3 (B G R) or CV_32FC1 (grey, 0..1 of full scale).
+// CV_8UC3 (B G R) or CV_32FC1 (grey, 0..1 of full scale), and answers the
+// truth queries of its kind (the others stay empty).
 // ---------------------------------------------------------------------------
 
-class Scene {
- public:
-  virtual ~Scene() = default;
-  virtual cv::Mat render(uint32_t index) const = 0;
+struct Scene {
+  std::function<cv::Mat(uint32_t index)> render;
+  std::function<SimcamPoint(uint32_t index)> position;                  // pans
+  std::function<double(uint32_t index, uint32_t x, uint32_t y)> sigma;  // focus sweeps
+  std::function<SimcamSpotTruth(uint32_t index, uint32_t spot)> truth;  // spots
+  uint32_t spots = 0;
 };
-
 using ScenePtr = std::shared_ptr<const Scene>;
 
 bool validImage(const uint8_t* bgr, uint32_t width, uint32_t height, uint32_t stride) {
@@ -57,14 +60,11 @@ cv::Mat fitToFrame(const cv::Mat& image, cv::Size frame) {
   return out;
 }
 
-class StillScene : public Scene {
- public:
-  explicit StillScene(cv::Mat image) : image_(std::move(image)) {}
-  cv::Mat render(uint32_t) const override { return image_; }
-
- private:
-  cv::Mat image_;
-};
+ScenePtr stillScene(const cv::Mat& image) {
+  auto scene = std::make_shared<Scene>();
+  scene->render = [image](uint32_t) { return image; };
+  return scene;
+}
 
 // The pattern a camera shows until a scene is set: smooth colour waves, a
 // grid every 32 pixels and a bright disc in the middle.
@@ -86,94 +86,65 @@ cv::Mat testPattern(cv::Size size) {
   return image;
 }
 
-class PanScene : public Scene {
- public:
-  PanScene(cv::Mat scene, cv::Size frame, std::vector<SimcamPoint> path, uint32_t framesPerSegment)
-      : scene_(std::move(scene)),
-        frame_(frame),
-        path_(std::move(path)),
-        framesPerSegment_(framesPerSegment) {}
-
-  SimcamPoint position(uint32_t index) const {
-    SimcamPoint p = path_.back();
-    const uint64_t segment = index / framesPerSegment_;
-    if (segment + 1 < path_.size()) {
-      const SimcamPoint& a = path_[segment];
-      const SimcamPoint& b = path_[segment + 1];
-      const double t = static_cast<double>(index % framesPerSegment_) / framesPerSegment_;
+ScenePtr panScene(const cv::Mat& image, cv::Size frame, std::vector<SimcamPoint> path,
+                  uint32_t framesPerSegment) {
+  auto scene = std::make_shared<Scene>();
+  scene->position = [=](uint32_t index) {
+    SimcamPoint p = path.back();
+    const uint64_t segment = index / framesPerSegment;
+    if (segment + 1 < path.size()) {
+      const SimcamPoint& a = path[segment];
+      const SimcamPoint& b = path[segment + 1];
+      const double t = static_cast<double>(index % framesPerSegment) / framesPerSegment;
       p = {a.x + t * (b.x - a.x), a.y + t * (b.y - a.y)};
     }
-    p.x = std::clamp(p.x, 0.0, static_cast<double>(scene_.cols - frame_.width));
-    p.y = std::clamp(p.y, 0.0, static_cast<double>(scene_.rows - frame_.height));
+    p.x = std::clamp(p.x, 0.0, static_cast<double>(image.cols - frame.width));
+    p.y = std::clamp(p.y, 0.0, static_cast<double>(image.rows - frame.height));
     return p;
-  }
-
-  cv::Mat render(uint32_t index) const override {
+  };
+  scene->render = [image, frame, position = scene->position](uint32_t index) {
     const SimcamPoint p = position(index);
-    return vtest::sampleWindow(scene_, {p.x, p.y}, frame_);
-  }
-
- private:
-  cv::Mat scene_;
-  cv::Size frame_;
-  std::vector<SimcamPoint> path_;
-  uint32_t framesPerSegment_;
-};
+    return vtest::sampleWindow(image, {p.x, p.y}, frame);
+  };
+  return scene;
+}
 
 // Blurred copies of the sharp image are made once (at most 12 levels); each
 // frame blends, per pixel, the two around that pixel's sigma.
-class FocusScene : public Scene {
- public:
-  FocusScene(const cv::Mat& sharp, uint32_t frameCount, double maxBlurSigma)
-      : frameCount_(frameCount),
-        maxBlur_(maxBlurSigma),
-        depth_(vtest::hillDepth(sharp.size())),
-        levels_(sharp, maxBlurSigma, 12) {}
-
-  double sigma(uint32_t index, double depth) const {
-    if (frameCount_ < 2 || maxBlur_ <= 0) return 0.0;
-    const double spacing = 1.0 / (frameCount_ - 1);
-    const double focus = (index % frameCount_) * spacing;
+ScenePtr focusScene(const cv::Mat& sharp, uint32_t frameCount, double maxBlur) {
+  const cv::Mat depth = vtest::hillDepth(sharp.size());  // CV_32F, 0..1
+  const auto levels = std::make_shared<const vtest::BlurLevels>(sharp, maxBlur, 12);
+  const auto sigma = [=](uint32_t index, double d) {
+    if (frameCount < 2 || maxBlur <= 0) return 0.0;
+    const double spacing = 1.0 / (frameCount - 1);
+    const double focus = (index % frameCount) * spacing;
     const double halfField = spacing / 2;
-    return maxBlur_ * std::max(0.0, std::abs(depth - focus) - halfField) / (1 - halfField);
-  }
-
-  double sigmaAt(uint32_t index, uint32_t x, uint32_t y) const {
-    if (x >= static_cast<uint32_t>(depth_.cols) || y >= static_cast<uint32_t>(depth_.rows)) return -1;
-    return sigma(index, depth_.at<float>(static_cast<int>(y), static_cast<int>(x)));
-  }
-
-  cv::Mat render(uint32_t index) const override {
-    cv::Mat sigmas(depth_.size(), CV_32F);
-    for (int y = 0; y < depth_.rows; ++y) {
-      for (int x = 0; x < depth_.cols; ++x) {
-        sigmas.at<float>(y, x) = static_cast<float>(sigma(index, depth_.at<float>(y, x)));
+    return maxBlur * std::max(0.0, std::abs(d - focus) - halfField) / (1 - halfField);
+  };
+  auto scene = std::make_shared<Scene>();
+  scene->sigma = [=](uint32_t index, uint32_t x, uint32_t y) {
+    if (x >= static_cast<uint32_t>(depth.cols) || y >= static_cast<uint32_t>(depth.rows)) return -1.0;
+    return sigma(index, depth.at<float>(static_cast<int>(y), static_cast<int>(x)));
+  };
+  scene->render = [=](uint32_t index) {
+    cv::Mat sigmas(depth.size(), CV_32F);
+    for (int y = 0; y < depth.rows; ++y) {
+      for (int x = 0; x < depth.cols; ++x) {
+        sigmas.at<float>(y, x) = static_cast<float>(sigma(index, depth.at<float>(y, x)));
       }
     }
-    return levels_.defocus(sigmas);
-  }
+    return levels->defocus(sigmas);
+  };
+  return scene;
+}
 
- private:
-  uint32_t frameCount_;
-  double maxBlur_;
-  cv::Mat depth_;  // CV_32F, 0..1
-  vtest::BlurLevels levels_;
-};
-
-class SpotScene : public Scene {
- public:
-  SpotScene(cv::Size frame, std::vector<SimcamSpot> spots, double background, double noise,
-            uint32_t seed)
-      : frame_(frame),
-        spots_(std::move(spots)),
-        background_(background),
-        noise_(noise),
-        seed_(seed) {}
-
-  size_t count() const { return spots_.size(); }
-
-  SimcamSpotTruth truth(uint32_t index, size_t k) const {
-    const SimcamSpot& s = spots_[k];
+// Spots are point-sampled at pixel centres within 6 sigma of the centre.
+ScenePtr spotScene(cv::Size frame, std::vector<SimcamSpot> spots, double background, double noise,
+                   uint32_t seed) {
+  auto scene = std::make_shared<Scene>();
+  scene->spots = static_cast<uint32_t>(spots.size());
+  scene->truth = [spots](uint32_t index, uint32_t k) {
+    const SimcamSpot& s = spots[k];
     SimcamSpotTruth t{s.centerX, s.centerY, s.sigmaX, s.sigmaY, s.angle, s.peak};
     if (s.orbitPeriod > 0) {
       const double phase = 2 * kPi * index / s.orbitPeriod;
@@ -186,33 +157,25 @@ class SpotScene : public Scene {
       t.sigmaY *= scale;
     }
     return t;
-  }
-
-  // Spots are point-sampled at pixel centres within 6 sigma of the centre.
-  cv::Mat render(uint32_t index) const override {
-    cv::Mat image(frame_, CV_32F, cv::Scalar(background_));
-    for (size_t k = 0; k < spots_.size(); ++k) {
+  };
+  scene->render = [=, truth = scene->truth, count = scene->spots](uint32_t index) {
+    cv::Mat image(frame, CV_32F, cv::Scalar(background));
+    for (uint32_t k = 0; k < count; ++k) {
       const SimcamSpotTruth t = truth(index, k);
       vtest::addBeam(image, {t.centerX, t.centerY, t.sigmaX, t.sigmaY, t.angle, t.peak}, 6);
     }
-    if (noise_ > 0) {
-      cv::Mat noise(frame_, CV_32F);
-      cv::RNG rng((static_cast<uint64_t>(seed_) << 32) ^ (index * 0x9E3779B97F4A7C15ull) ^ 1u);
-      rng.fill(noise, cv::RNG::NORMAL, 0.0, noise_);
-      image += noise;
+    if (noise > 0) {
+      cv::Mat field(frame, CV_32F);
+      cv::RNG rng((static_cast<uint64_t>(seed) << 32) ^ (index * 0x9E3779B97F4A7C15ull) ^ 1u);
+      rng.fill(field, cv::RNG::NORMAL, 0.0, noise);
+      image += field;
     }
     cv::max(image, 0.0, image);
     cv::min(image, 1.0, image);
     return image;
-  }
-
- private:
-  cv::Size frame_;
-  std::vector<SimcamSpot> spots_;
-  double background_;
-  double noise_;
-  uint32_t seed_;
-};
+  };
+  return scene;
+}
 
 // ---------------------------------------------------------------------------
 // Pixel output
@@ -271,10 +234,9 @@ struct SimcamCamera {
   uint32_t frameIndex = 0;
   ScenePtr scene;
 
-  template <typename T>
-  std::shared_ptr<const T> sceneAs() {
+  ScenePtr current() {
     std::lock_guard<std::mutex> hold(lock);
-    return std::dynamic_pointer_cast<const T>(scene);
+    return scene;
   }
 
   // Renders and writes frame `index`; the caller holds the lock.
@@ -356,7 +318,7 @@ SIMCAM_API SimcamCamera* simcam_open(uint32_t width, uint32_t height) {
   try {
     auto cam = std::make_unique<SimcamCamera>();
     cam->size = cv::Size(static_cast<int>(width), static_cast<int>(height));
-    cam->scene = std::make_shared<StillScene>(testPattern(cam->size));
+    cam->scene = stillScene(testPattern(cam->size));
     return cam.release();
   } catch (...) {
     return nullptr;
@@ -412,7 +374,7 @@ SIMCAM_API int32_t simcam_set_still(SimcamCamera* camera, const uint8_t* bgr, ui
   return install(camera, [&]() -> ScenePtr {
     const cv::Mat image = importImage(bgr, width, height, stride);
     if (image.empty()) return nullptr;
-    return std::make_shared<StillScene>(fitToFrame(image, camera->size));
+    return stillScene(fitToFrame(image, camera->size));
   });
 }
 
@@ -428,20 +390,19 @@ SIMCAM_API int32_t simcam_set_pan(SimcamCamera* camera, const uint8_t* bgr, uint
     for (uint32_t i = 0; i < count; ++i) {
       if (!std::isfinite(path[i].x) || !std::isfinite(path[i].y)) return nullptr;
     }
-    cv::Mat image = importImage(bgr, width, height, stride);
+    const cv::Mat image = importImage(bgr, width, height, stride);
     if (image.empty()) return nullptr;
-    return std::make_shared<PanScene>(std::move(image), camera->size,
-                                      std::vector<SimcamPoint>(path, path + count),
-                                      framesPerSegment);
+    return panScene(image, camera->size, std::vector<SimcamPoint>(path, path + count),
+                    framesPerSegment);
   });
 }
 
 SIMCAM_API int32_t simcam_pan_position(SimcamCamera* camera, uint32_t index,
                                        SimcamPoint* position) {
   if (camera == nullptr || position == nullptr) return SIMCAM_E_POINTER;
-  const auto pan = camera->sceneAs<PanScene>();
-  if (!pan) return SIMCAM_E_INVALIDARG;
-  *position = pan->position(index);
+  const ScenePtr scene = camera->current();
+  if (!scene->position) return SIMCAM_E_INVALIDARG;
+  *position = scene->position(index);
   return SIMCAM_S_OK;
 }
 
@@ -452,14 +413,13 @@ SIMCAM_API int32_t simcam_set_focus_sweep(SimcamCamera* camera, const uint8_t* b
     if (frameCount == 0 || !(maxBlurSigma >= 0) || maxBlurSigma > 100) return nullptr;
     const cv::Mat image = importImage(bgr, width, height, stride);
     if (image.empty()) return nullptr;
-    return std::make_shared<FocusScene>(fitToFrame(image, camera->size), frameCount,
-                                        maxBlurSigma);
+    return focusScene(fitToFrame(image, camera->size), frameCount, maxBlurSigma);
   });
 }
 
 SIMCAM_API double simcam_focus_sigma(SimcamCamera* camera, uint32_t index, uint32_t x, uint32_t y) {
-  const auto focus = camera->sceneAs<FocusScene>();
-  return focus ? focus->sigmaAt(index, x, y) : -1.0;
+  const ScenePtr scene = camera->current();
+  return scene->sigma ? scene->sigma(index, x, y) : -1.0;
 }
 
 SIMCAM_API int32_t simcam_set_spots(SimcamCamera* camera, const SimcamSpot* spots, uint32_t count,
@@ -470,20 +430,15 @@ SIMCAM_API int32_t simcam_set_spots(SimcamCamera* camera, const SimcamSpot* spot
         !std::isfinite(noise)) {
       return nullptr;
     }
-    for (uint32_t k = 0; k < count; ++k) {
-      const SimcamSpot& s = spots[k];
-      const double values[] = {s.centerX,     s.centerY,     s.angle,           s.peak,
-                               s.orbitRadius, s.orbitPeriod, s.breathAmplitude, s.breathPeriod};
-      for (double v : values) {
+    std::vector<SimcamSpot> list(spots, spots + count);
+    for (const SimcamSpot& s : list) {
+      for (double v : {s.centerX, s.centerY, s.sigmaX, s.sigmaY, s.angle, s.peak, s.orbitRadius,
+                       s.orbitPeriod, s.breathAmplitude, s.breathPeriod}) {
         if (!std::isfinite(v)) return nullptr;
       }
-      if (!(s.sigmaX > 0) || !(s.sigmaY > 0) || !std::isfinite(s.sigmaX) ||
-          !std::isfinite(s.sigmaY) || std::abs(s.breathAmplitude) >= 1) {
-        return nullptr;
-      }
+      if (!(s.sigmaX > 0) || !(s.sigmaY > 0) || std::abs(s.breathAmplitude) >= 1) return nullptr;
     }
-    return std::make_shared<SpotScene>(camera->size, std::vector<SimcamSpot>(spots, spots + count),
-                                       background, noise, seed);
+    return spotScene(camera->size, std::move(list), background, noise, seed);
   });
 }
 
@@ -495,9 +450,9 @@ SIMCAM_API int32_t simcam_set_spot(SimcamCamera* camera, const SimcamSpot* spot,
 SIMCAM_API int32_t simcam_spot_truth(SimcamCamera* camera, uint32_t index, uint32_t spot,
                                      SimcamSpotTruth* truth) {
   if (camera == nullptr || truth == nullptr) return SIMCAM_E_POINTER;
-  const auto spots = camera->sceneAs<SpotScene>();
-  if (!spots || spot >= spots->count()) return SIMCAM_E_INVALIDARG;
-  *truth = spots->truth(index, spot);
+  const ScenePtr scene = camera->current();
+  if (spot >= scene->spots) return SIMCAM_E_INVALIDARG;
+  *truth = scene->truth(index, spot);
   return SIMCAM_S_OK;
 }
 

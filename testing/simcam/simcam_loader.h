@@ -73,23 +73,20 @@ typedef struct SimcamPartialApi {
     if (symbol_ == NULL && (required)) ++missing;     \
   }
 
-/* Fill *api from a handle; 1 when every required function was found. */
-static inline int simcam_load_api(void* handle, SimcamApi* api) {
-  int missing = 0;
-  memset(api, 0, sizeof *api);
-  if (handle == NULL) return 0;
-  SIMCAM_API_LIST_(SIMCAM_RESOLVE_)
-  return missing == 0;
-}
+/* simcam_load_api / simcam_load_partial_api fill *api from a handle and
+ * return 1 when every required function was found. */
+#define SIMCAM_LOADER_(function, Api, list)             \
+  static inline int function(void* handle, Api* api) {  \
+    int missing = 0;                                    \
+    memset(api, 0, sizeof *api);                        \
+    if (handle == NULL) return 0;                       \
+    list(SIMCAM_RESOLVE_)                               \
+    return missing == 0;                                \
+  }
+SIMCAM_LOADER_(simcam_load_api, SimcamApi, SIMCAM_API_LIST_)
+SIMCAM_LOADER_(simcam_load_partial_api, SimcamPartialApi, SIMCAM_PARTIAL_API_LIST_)
 
-static inline int simcam_load_partial_api(void* handle, SimcamPartialApi* api) {
-  int missing = 0;
-  memset(api, 0, sizeof *api);
-  if (handle == NULL) return 0;
-  SIMCAM_PARTIAL_API_LIST_(SIMCAM_RESOLVE_)
-  return missing == 0;
-}
-
+#undef SIMCAM_LOADER_
 #undef SIMCAM_RESOLVE_
 
 #ifdef __cplusplus
