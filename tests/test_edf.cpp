@@ -1,6 +1,7 @@
 // Extended depth of field: the session through its exported functions (what
-// comes back, refusals, the queue, failures, every start/stop/delete order),
-// then the fusers and the alignment against focus stacks with known truth.
+// comes back, refusals, the queue, failures; the start/stop/delete orders are
+// in test_stress_sessions), then the fusers and the alignment against focus
+// stacks with known truth.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -14,8 +15,7 @@
 #include "edf/edf_fuser.h"
 #include "edf/edf_session.h"
 #include "edf/pyr_fuser.h"
-#include "support/edf_session.h"
-#include "support/stress.h"
+#include "support/sessions.h"
 #include "support/test_support.h"
 #include "testing/scenes.h"
 
@@ -23,12 +23,8 @@ namespace {
 
 const bool kSerialOpenCv = (vtest::serialOpenCvUnderTsan(), true);
 
-using Host = vtest::EdfHost;
+using vtest::Host;
 
-VantixResult push(VantixEdf* s, const cv::Mat& image, uint32_t pitch = 0) {
-  return vantix_edf_pushback(s, image.data, image.cols, image.rows, 8,
-                             pitch ? pitch : static_cast<uint32_t>(image.step[0]));
-}
 size_t queued(VantixEdf* s) { return reinterpret_cast<vantix::CEdfSession*>(s)->queuedFrames().size(); }
 cv::Mat frame(uint64_t seed, int width = 96, int height = 72) {
   return vtest::randomImage(height, width, CV_8UC3, seed);
@@ -60,13 +56,13 @@ TEST(EdfSession, FirstFrameComesBackInTheSessionFormat) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.format);
     Host host;
-    VantixEdf* session = host.make(0, c.format);
+    VantixEdf* session = host.makeEdf(0, c.format);
     std::vector<uint8_t> copy(c.expected.total() * c.expected.elemSize() + 16, 0xCD);
     const auto rowBytes = static_cast<uint32_t>(c.expected.cols * c.expected.elemSize());
     vantix_edf_readdata(session, copy.data(), rowBytes);  // nothing yet
     EXPECT_EQ(std::count(copy.begin(), copy.end(), 0xCD), static_cast<long>(copy.size()));
     vantix_edf_start(session);
-    EXPECT_EQ(push(session, c.pushed), VANTIX_S_OK);
+    EXPECT_EQ(host.push(c.pushed), VANTIX_S_OK);
     host.waitFrames(1);
     EXPECT_EQ(host.last.type(), c.expected.type());
     EXPECT_EQ(host.lastStride, rowBytes);
@@ -85,10 +81,10 @@ TEST(EdfSession, FirstFrameComesBackInTheSessionFormat) {
 // stops at the image's last byte.
 TEST(EdfSession, ReaddataWithLongRows) {
   Host host;
-  VantixEdf* session = host.make(0);
+  VantixEdf* session = host.makeEdf(0);
   vantix_edf_start(session);
   const cv::Mat image = frame(4, 8, 4);  // 24 bytes a row
-  push(session, image);
+  host.push(image);
   host.waitFrames(1);
   std::vector<uint8_t> buffer(40 * 4, 0xCD);
   vantix_edf_readdata(session, buffer.data(), 40);
@@ -108,43 +104,43 @@ TEST(EdfSession, RefusalsAndTheQueueOfThree) {
   EXPECT_EQ(vantix_edf_pushback(nullptr, nullptr, 96, 72, 8, 0), VANTIX_E_NOTIMPL);
   vantix_edf_delete(nullptr);
   Host host;
-  VantixEdf* session = host.make(0);
+  VantixEdf* session = host.makeEdf(0);
   const cv::Mat image = frame(2);
-  EXPECT_EQ(push(session, image), VANTIX_S_OK);  // never started
+  EXPECT_EQ(host.push(image), VANTIX_S_OK);  // never started
   vantix_edf_start(session);
   vantix_edf_stop(session);
-  EXPECT_EQ(push(session, image), VANTIX_S_OK);  // stopped
+  EXPECT_EQ(host.push(image), VANTIX_S_OK);  // stopped
   EXPECT_EQ(queued(session), 0u);
   vantix_edf_start(session);
   EXPECT_EQ(vantix_edf_pushback(session, nullptr, 0, 0, 8, 0), VANTIX_S_OK);
   EXPECT_EQ(vantix_edf_pushback(session, image.data, 96, 0, 8, 0), VANTIX_S_OK);
-  EXPECT_THROW(push(session, image, 3), cv::Exception);
+  EXPECT_THROW(host.push(image, 3), cv::Exception);
   EXPECT_EQ(queued(session), 0u);
 
-  host.hold(true);
-  push(session, frame(10));
+  host.gate(true);
+  host.push(frame(10));
   host.waitFrames(1);
   cv::Mat buffer(72, 96, CV_8UC3);
   std::vector<cv::Mat> pushed;
   for (uint64_t seed = 11; seed <= 15; ++seed) {
     frame(seed).copyTo(buffer);
     pushed.push_back(buffer.clone());
-    push(session, buffer);
+    host.push(buffer);
   }
   const std::vector<cv::Mat> waiting = reinterpret_cast<vantix::CEdfSession*>(session)->queuedFrames();
   ASSERT_EQ(waiting.size(), 3u);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(cv::norm(waiting[i], pushed[2 + i], cv::NORM_INF), 0.0);
-  host.hold(false);
+  host.gate(false);
   host.waitFrames(4);
   vantix_edf_stop(session);
   EXPECT_EQ(host.frames, 4);
-  EXPECT_TRUE(host.errors.empty());
+  EXPECT_TRUE(host.codes.empty());
   vantix_edf_delete(session);
 
-  VantixEdf* deep = host.make(0, VANTIX_FORMAT_BGRA16);
+  VantixEdf* deep = host.makeEdf(0, VANTIX_FORMAT_BGRA16);
   vantix_edf_start(deep);
   const cv::Mat deepFrame(8, 16, CV_16UC4, cv::Scalar::all(1000));
-  EXPECT_THROW(push(deep, deepFrame, 129), cv::Exception);  // odd pitch of 16-bit samples
+  EXPECT_THROW(host.push(deepFrame, 129), cv::Exception);  // odd pitch of 16-bit samples
   EXPECT_EQ(queued(deep), 0u);
   vantix_edf_delete(deep);
 }
@@ -152,13 +148,13 @@ TEST(EdfSession, RefusalsAndTheQueueOfThree) {
 TEST(EdfSession, StopAndStartContinueTheSameStack) {
   const cv::Mat a = frame(20), b = frame(21);
   Host host;
-  VantixEdf* session = host.make(0);
+  VantixEdf* session = host.makeEdf(0);
   vantix_edf_start(session);
-  push(session, a);
+  host.push(a);
   host.waitFrames(1);
   vantix_edf_stop(session);
   vantix_edf_start(session);
-  push(session, b);
+  host.push(b);
   host.waitFrames(2);
   vantix::CPyrFuser fuser(0);
   fuser.firstFrame(a);
@@ -190,64 +186,42 @@ TEST(EdfSession, FailuresHaltTheSessionUntilRestarted) {
   for (uint32_t kind : {0u, 1u, 2u}) {
     SCOPED_TRACE(kind);
     Host host;
-    VantixEdf* session = host.make(kind);
+    VantixEdf* session = host.makeEdf(kind);
     vantix_edf_start(session);
-    push(session, frame(30));
+    host.push(frame(30));
     host.waitFrames(1);
-    push(session, frame(31, 48, 36));
-    host.waitError();
+    host.push(frame(31, 48, 36));
+    host.waitCode();
     vantix_edf_stop(session);
     vantix_edf_start(session);
-    push(session, frame(33));
+    host.push(frame(33));
     host.waitFrames(2);
-    EXPECT_EQ(host.errors, std::vector<uint32_t>{VANTIX_EDF_ERROR_FAILED});
+    EXPECT_EQ(host.codes, std::vector<uint32_t>{VANTIX_EDF_ERROR_FAILED});
     vantix_edf_delete(session);
   }
   Host unknown;
-  VantixEdf* session = unknown.make(3);
+  VantixEdf* session = unknown.makeEdf(3);
   vantix_edf_start(session);
-  push(session, frame(40));
-  unknown.waitError();
+  unknown.push(frame(40));
+  unknown.waitCode();
   vantix_edf_delete(session);
-  EXPECT_EQ(unknown.errors, std::vector<uint32_t>{VANTIX_EDF_ERROR_FAILED});
+  EXPECT_EQ(unknown.codes, std::vector<uint32_t>{VANTIX_EDF_ERROR_FAILED});
   EXPECT_EQ(unknown.frames, 0);
 
   const uint32_t expected[] = {VANTIX_EDF_ERROR_OUT_OF_MEMORY, VANTIX_EDF_ERROR_FAILED,
                                VANTIX_EDF_ERROR_FAILED};
   for (int what = 0; what < 3; ++what) {
     Host host;
-    vantix::CEdfSession throwing(0, std::make_unique<ThrowingFuser>(what), &Host::onFrame,
-                                 &Host::onError, &host);
+    vantix::CEdfSession throwing(0, std::make_unique<ThrowingFuser>(what), &Host::onEdf,
+                                 &Host::onCode, &host);
     throwing.start();
     const cv::Mat image = frame(50);
     throwing.push(image.data, 96, 72, 8, 0);
     throwing.push(image.data, 96, 72, 8, 0);
-    host.waitError();
+    host.waitCode();
     throwing.stop();
-    EXPECT_EQ(host.errors, std::vector<uint32_t>{expected[what]}) << what;
+    EXPECT_EQ(host.codes, std::vector<uint32_t>{expected[what]}) << what;
     EXPECT_EQ(host.frames, 0);
-  }
-}
-
-// Every order of start, stop and delete a host may use, with frames in
-// flight (other threads doing it: test_stress).
-TEST(EdfSession, EveryLifecycleOrderEndsCleanly) {
-  const cv::Mat image = frame(70);
-  const char* orders[] = {"",     "s",     "x",      "sx",       "sp",      "spppp",
-                          "spwx", "sxxspxs", "pspxpspw", "spspws"};  // s start, x stop, p push, w wait
-  for (const char* order : orders) {
-    for (uint32_t kind : {0u, 2u}) {
-      Host host;
-      VantixEdf* session = host.make(kind);
-      for (const char* c = order; *c; ++c) {
-        if (*c == 's') vantix_edf_start(session);
-        if (*c == 'x') vantix_edf_stop(session);
-        if (*c == 'p') push(session, image);
-        if (*c == 'w') host.waitFrames(1);
-      }
-      vantix_edf_delete(session);
-      EXPECT_TRUE(host.errors.empty()) << order;
-    }
   }
 }
 

@@ -14,6 +14,7 @@
 #include <vantix.h>
 
 #include "livestitch/lvprocessor.h"
+#include "support/sessions.h"
 #include "support/test_support.h"
 #include "testing/scenes.h"
 
@@ -22,81 +23,7 @@ namespace {
 void* hostAlloc(uint64_t bytes) { return std::malloc(bytes); }
 void* failingAlloc(uint64_t) { return nullptr; }
 
-struct Call {
-  int32_t x, y;
-  uint32_t mode, reset, stride, canvasWidth, canvasHeight, frameWidth, frameHeight, type;
-  float score;
-};
-
-// Records the callbacks.  While the gate is closed, onFrame waits in the
-// worker (`passes` more calls may go through).
-struct Host {
-  std::mutex m;
-  std::condition_variable cv;
-  std::vector<Call> calls;
-  std::vector<uint32_t> events;
-  bool gateClosed = false, blocked = false;
-  int passes = 0;
-  VantixStitch* session = nullptr;
-
-  static void onFrame(void* ctx, const uint8_t*, uint32_t stride, uint32_t cw, uint32_t ch,
-                      uint32_t fw, uint32_t fh, uint32_t type, int32_t x, int32_t y, uint32_t mode,
-                      uint32_t, uint32_t reset, float score) {
-    auto* h = static_cast<Host*>(ctx);
-    // Reading the session here would never return if the worker called
-    // back with a session lock held.
-    uint32_t cx, cy, cww, chh;
-    vantix_stitch_cropparams(h->session, &cx, &cy, &cww, &chh);
-    std::unique_lock<std::mutex> lock(h->m);
-    h->calls.push_back(Call{x, y, mode, reset, stride, cw, ch, fw, fh, type, score});
-    h->cv.notify_all();
-    while (h->gateClosed && h->passes == 0) {
-      h->blocked = true;
-      h->cv.notify_all();
-      h->cv.wait(lock);
-    }
-    if (h->gateClosed) --h->passes;
-    h->blocked = false;
-  }
-  static void onEvent(void* ctx, uint32_t code) {
-    auto* h = static_cast<Host*>(ctx);
-    std::lock_guard<std::mutex> lock(h->m);
-    h->events.push_back(code);
-    h->cv.notify_all();
-  }
-  template <typename Done>
-  void waitUntil(Done done) {
-    std::unique_lock<std::mutex> lock(m);
-    cv.wait(lock, done);
-  }
-  void waitCalls(size_t n) { waitUntil([&] { return calls.size() >= n; }); }
-  void gate(bool closed, int pass = 0) {
-    std::lock_guard<std::mutex> lock(m);
-    gateClosed = closed;
-    passes += pass;
-    blocked = false;
-    cv.notify_all();
-  }
-  VantixStitch* make(uint32_t w, uint32_t h, uint32_t background = 0, uint32_t format = 0,
-                     uint32_t scale = 2) {
-    return session = vantix_stitch_newV3(format, 0, w, h, background, scale, 2, &onFrame,
-                                         &onEvent, this);
-  }
-  void push(const cv::Mat& f) {
-    ASSERT_EQ(vantix_stitch_pushback(session, f.data, f.cols, f.rows, 24,
-                                     static_cast<uint32_t>(f.step)),
-              VANTIX_S_OK);
-  }
-  void pushAndWait(const cv::Mat& f) {
-    size_t before;
-    {
-      std::lock_guard<std::mutex> lock(m);
-      before = calls.size();
-    }
-    push(f);
-    waitCalls(before + 1);
-  }
-};
+using vtest::Host;
 
 vantix::CLvProcessor* proc(VantixStitch* s) { return reinterpret_cast<vantix::CLvProcessor*>(s); }
 cv::Mat pixels(VantixImageHeader* image) {
@@ -121,9 +48,9 @@ class StitchSession : public ::testing::Test {
 TEST_F(StitchSession, CreationAndRefusals) {
   Host host;
   vantix_init(nullptr);  // no allocator: no session
-  EXPECT_EQ(vantix_stitch_new(0, 100, 50, 0, &Host::onFrame, nullptr, &host), nullptr);
-  EXPECT_EQ(vantix_stitch_newV2(0, 0, 100, 50, 0, &Host::onFrame, nullptr, &host), nullptr);
-  EXPECT_EQ(host.make(100, 50), nullptr);
+  EXPECT_EQ(vantix_stitch_new(0, 100, 50, 0, &Host::onStitch, nullptr, &host), nullptr);
+  EXPECT_EQ(vantix_stitch_newV2(0, 0, 100, 50, 0, &Host::onStitch, nullptr, &host), nullptr);
+  EXPECT_EQ(host.makeStitch(100, 50), nullptr);
   vantix_init(&hostAlloc);
   EXPECT_EQ(vantix_stitch_pushback(nullptr, nullptr, 1, 1, 24, 3), VANTIX_E_NOTIMPL);
   uint32_t x = 7;
@@ -131,12 +58,12 @@ TEST_F(StitchSession, CreationAndRefusals) {
   EXPECT_EQ(x, 7u);
   vantix_stitch_delete(nullptr);
   try {  // a canvas four frames wide does not fit the coordinates
-    host.make(0x40000000u, 1);
+    host.makeStitch(0x40000000u, 1);
     ADD_FAILURE() << "no exception";
   } catch (const cv::Exception& e) {
     EXPECT_EQ(e.code, cv::Error::StsNoMem);
   }
-  VantixStitch* s = host.make(64, 48);
+  VantixStitch* s = host.makeStitch(64, 48);
   // Before any frame: the starting bounds (height -48 as unsigned), no
   // cropped image, and no image at all without an allocator.
   EXPECT_EQ(crop(s), cv::Rect(128, 144, 64, -48));
@@ -164,7 +91,7 @@ TEST_F(StitchSession, CreationAndRefusals) {
         << b[2] << "," << b[3];
   }
   vantix_stitch_delete(s);
-  VantixStitch* deep = host.make(16, 8, 0, VANTIX_FORMAT_BGR16);
+  VantixStitch* deep = host.makeStitch(16, 8, 0, VANTIX_FORMAT_BGR16);
   vantix_stitch_start(deep);
   const cv::Mat deepFrame(8, 16, CV_16UC3, cv::Scalar::all(1000));
   EXPECT_THROW(vantix_stitch_pushback(deep, deepFrame.data, 16, 8, 48, 97), cv::Exception);
@@ -174,11 +101,11 @@ TEST_F(StitchSession, CreationAndRefusals) {
 
 TEST_F(StitchSession, FirstFrameWorkedExample) {
   Host host;
-  VantixStitch* s = host.make(100, 50);
+  VantixStitch* s = host.makeStitch(100, 50);
   const cv::Mat frame = scene()(cv::Rect(400, 400, 100, 50)).clone();
   vantix_stitch_start(s);
   host.pushAndWait(frame);
-  const Call f = host.calls.at(0);
+  const vtest::StitchCall f = host.calls.at(0);
   EXPECT_EQ(std::vector<int64_t>({f.x, f.y, f.mode, f.canvasWidth, f.canvasHeight, f.stride,
                                   f.frameWidth, f.frameHeight, f.type, f.reset}),
             std::vector<int64_t>({200, 100, 1, 400, 200, 1200, 100, 50, CV_8UC3, 1}));
@@ -204,7 +131,7 @@ TEST_F(StitchSession, FirstFrameWorkedExample) {
   // bytes a pixel: readdata writes B G R and an opaque fourth byte, and
   // nothing past 4 bytes a pixel.  (A region away from the blended band.)
   Host odd;
-  s = odd.make(64, 48, 0, 7);
+  s = odd.makeStitch(64, 48, 0, 7);
   const cv::Mat small = vtest::randomImage(48, 64, CV_8UC3, 3);
   vantix_stitch_start(s);
   odd.pushAndWait(small);
@@ -242,9 +169,9 @@ TEST_F(StitchSession, FirstFrameScoreIsTheSharpnessOfTheFullCentredRegion) {
   const int percents[] = {10, 15, 20, 30, 40};
   for (uint32_t level = 0; level < 5; ++level) {
     Host host;
-    vantix_stitch_start(host.make(kW, kH, 0, 0, level));
+    vantix_stitch_start(host.makeStitch(kW, kH, 0, 0, level));
     host.pushAndWait(frame);
-    vantix_stitch_delete(host.session);
+    vantix_stitch_delete(host.stitch);
     const double factor = percents[level] * 0.02 + kW * 0.25 / kH + kW * kH / 100000000.0;
     EXPECT_NEAR(host.calls.at(0).score, rms * factor / 255.0, 1e-5 * rms) << "level " << level;
   }
@@ -254,7 +181,7 @@ TEST_F(StitchSession, FirstFrameScoreIsTheSharpnessOfTheFullCentredRegion) {
 TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
   const auto grey = [](int level) { return cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(level)); };
   Host host;
-  VantixStitch* s = host.make(64, 48, 1);
+  VantixStitch* s = host.makeStitch(64, 48, 1);
   proc(s)->setScoreFunction([](const cv::Mat& small) { return cv::mean(small)[0] / 100.0; });
   vantix_stitch_start(s);
   host.gate(true);
@@ -268,7 +195,7 @@ TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
   // Scores 0.5, 0.7, 0.7: the first 0.7 is taken and the frames before it
   // removed; the equal third stays queued.
   Host second;
-  s = second.make(64, 48, 1);
+  s = second.makeStitch(64, 48, 1);
   proc(s)->setScoreFunction([](const cv::Mat& small) { return cv::mean(small)[0] / 100.0; });
   vantix_stitch_start(s);
   second.gate(true);
@@ -280,7 +207,7 @@ TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
   EXPECT_EQ(proc(s)->queuedFrames(), 1u);
   EXPECT_NEAR(second.calls[1].score, 0.7, 0.001);
   second.gate(false);
-  second.waitCalls(3);
+  second.waitFrames(3);
   vantix_stitch_delete(s);
 }
 
@@ -288,14 +215,14 @@ TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
 // a stop and start resume the session.
 TEST_F(StitchSession, AFailingFrameStopsTheWorkerAndTheSessionResumes) {
   Host host;
-  VantixStitch* s = host.make(64, 48);
+  VantixStitch* s = host.makeStitch(64, 48);
   vantix_stitch_stop(s, 0, 0);  // stopped before a start
   vantix_stitch_start(s);
   vantix_stitch_start(s);
   host.pushAndWait(vtest::randomImage(48, 64, CV_8UC3, 1));
   host.push(vtest::randomImage(40, 64, CV_8UC3, 2));
-  host.waitUntil([&] { return !host.events.empty(); });
-  EXPECT_EQ(host.events, std::vector<uint32_t>{VANTIX_STITCH_EVENT_FAILED});
+  host.waitUntil([&] { return !host.codes.empty(); });
+  EXPECT_EQ(host.codes, std::vector<uint32_t>{VANTIX_STITCH_EVENT_FAILED});
   vantix_stitch_stop(s, 0, 0);
   vantix_stitch_stop(s, 0, 0);
   vantix_stitch_start(s);
@@ -306,22 +233,22 @@ TEST_F(StitchSession, AFailingFrameStopsTheWorkerAndTheSessionResumes) {
 // A pan over the scene, 320 x 240 frames moving left by 40 px and down by 3
 // a frame: far enough for the canvas to grow to the left.
 void pan(Host& host, int frames) {
-  vantix_stitch_start(host.session);
+  vantix_stitch_start(host.stitch);
   for (int i = 0; i < frames; ++i) {
     host.pushAndWait(scene()(cv::Rect(900 - 40 * i, 400 + 3 * i, 320, 240)).clone());
   }
-  vantix_stitch_stop(host.session, 0, 0);
+  vantix_stitch_stop(host.stitch, 0, 0);
 }
 
 TEST_F(StitchSession, PanningLeftGrowsTheCanvasAndReportsTruePositions) {
   Host host;
-  VantixStitch* s = host.make(320, 240, 2);
+  VantixStitch* s = host.makeStitch(320, 240, 2);
   pan(host, 20);
   // One growth (3 then 5): 760 px left of a first frame 640 px from the edge.
-  EXPECT_EQ(host.events, (std::vector<uint32_t>{3u, 5u}));
+  EXPECT_EQ(host.codes, (std::vector<uint32_t>{3u, 5u}));
   int placed = 0;
   for (size_t i = 0; i < host.calls.size(); ++i) {
-    const Call& f = host.calls[i];
+    const vtest::StitchCall& f = host.calls[i];
     const int shiftX = f.canvasWidth == 2560 ? 1280 : 0;
     if (shiftX != 0 && host.calls[i - 1].canvasWidth != 2560) {
       EXPECT_EQ(f.reset, 1u) << i;
@@ -369,20 +296,20 @@ TEST_F(StitchSession, PanningLeftGrowsTheCanvasAndReportsTruePositions) {
 // stop still returns the panorama.
 TEST_F(StitchSession, AFailedGrowthKeepsThePanoramaOnTheCanvas) {
   Host host;
-  VantixStitch* s = host.make(320, 240, 2);
+  VantixStitch* s = host.makeStitch(320, 240, 2);
   proc(s)->canvas().failGrowthForTest(true);
   pan(host, 20);
-  ASSERT_GE(host.events.size(), 2u);
-  for (size_t i = 0; i < host.events.size(); ++i) EXPECT_EQ(host.events[i], i % 2 ? 2u : 3u) << i;
+  ASSERT_GE(host.codes.size(), 2u);
+  for (size_t i = 0; i < host.codes.size(); ++i) EXPECT_EQ(host.codes[i], i % 2 ? 2u : 3u) << i;
   int notPlaced = 0;
-  for (const Call& f : host.calls) {
+  for (const vtest::StitchCall& f : host.calls) {
     EXPECT_EQ(f.canvasWidth, 1280u);
     if (f.x < 0) {
       EXPECT_EQ(f.mode, 4u) << f.x;
     }
     notPlaced += f.x < 0;
   }
-  EXPECT_EQ(static_cast<size_t>(notPlaced), host.events.size() / 2);
+  EXPECT_EQ(static_cast<size_t>(notPlaced), host.codes.size() / 2);
   const cv::Rect c = crop(s);
   EXPECT_TRUE((c & cv::Rect(0, 0, 1280, 960)) == c) << c;
   VantixImageHeader* pano = vantix_stitch_stop(s, 1, 1);
@@ -396,7 +323,7 @@ TEST_F(StitchSession, AFailedGrowthKeepsThePanoramaOnTheCanvas) {
 // not drawn, and left out of the crop rectangle.
 TEST_F(StitchSession, ABlurredFrameIsReportedWhereItLiesButNotDrawn) {
   Host host;
-  VantixStitch* s = host.make(320, 240, 2);
+  VantixStitch* s = host.makeStitch(320, 240, 2);
   vantix_stitch_start(s);
   host.pushAndWait(scene()(cv::Rect(500, 500, 320, 240)).clone());
   cv::Mat blurred;
@@ -404,7 +331,7 @@ TEST_F(StitchSession, ABlurredFrameIsReportedWhereItLiesButNotDrawn) {
   host.pushAndWait(blurred);
   VantixImageHeader* pano = vantix_stitch_stop(s, 1, 0);
   ASSERT_NE(pano, nullptr);
-  const Call call = host.calls.at(1);
+  const vtest::StitchCall call = host.calls.at(1);
   EXPECT_EQ(call.mode, 4u);
   EXPECT_NEAR(call.x, 640 + 60, 1);
   EXPECT_NEAR(call.y, 480 + 30, 1);
