@@ -389,10 +389,9 @@ void addBeam(cv::Mat& image, const Beam& beam, double reach) {
 }
 
 void drawBeam(cv::Mat& image, const Beam& beam) {
-  cv::Mat values = cv::Mat::zeros(image.size(), CV_64F), sum;
-  addBeam(values, beam);
+  cv::Mat sum;
   image.convertTo(sum, CV_64F);
-  sum += values;
+  addBeam(sum, beam);
   sum.convertTo(image, image.type());  // rounds and saturates
 }
 

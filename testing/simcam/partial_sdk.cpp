@@ -20,9 +20,9 @@ uint32_t gFrameIndex = 0;
 
 namespace simcam {
 
-int32_t pull(Counter counter, void* camera, void* buffer, int32_t zero, int32_t bits,
-             int32_t rowPitch, void* info, size_t infoSize, uint32_t* width, uint32_t* height) {
-  gStats.pull(counter, camera, buffer, bits, rowPitch, zero);
+int32_t pull(Counter counter, void*, void* buffer, int32_t bits, int32_t rowPitch, void* info,
+             size_t infoSize, uint32_t* width, uint32_t* height) {
+  gStats.count(counter);
   if (buffer == nullptr) return SIMCAM_E_POINTER;
   const uint32_t pitch = effectivePitch(kWidth, bits, rowPitch);
   if (pitch == 0) return SIMCAM_E_INVALIDARG;
@@ -43,15 +43,15 @@ SIMCAM_API const char* DllPrefix(void) {
   return "Partial";
 }
 
-SIMCAM_API int32_t DllPullImageV3(void* camera, void* buffer, int32_t zero, int32_t bits,
+SIMCAM_API int32_t DllPullImageV3(void* camera, void* buffer, int32_t, int32_t bits,
                                   int32_t rowPitch, void* frameInfoV3) {
-  return simcam::pull(&SimcamStats::pullV3Calls, camera, buffer, zero, bits, rowPitch,
-                      frameInfoV3, 40, nullptr, nullptr);
+  return simcam::pull(&SimcamStats::pullV3Calls, camera, buffer, bits, rowPitch, frameInfoV3, 40,
+                      nullptr, nullptr);
 }
 
 SIMCAM_API int32_t Partial_PullImage(void* camera, void* buffer, int32_t bits, uint32_t* width,
                                      uint32_t* height) {
-  return simcam::pull(&SimcamStats::namedPullCalls, camera, buffer, 0, bits, 0, nullptr, 0, width,
+  return simcam::pull(&SimcamStats::namedPullCalls, camera, buffer, bits, 0, nullptr, 0, width,
                       height);
 }
 

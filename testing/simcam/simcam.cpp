@@ -267,9 +267,9 @@ int32_t install(SimcamCamera* camera, Make make) {
 
 namespace simcam {
 
-int32_t pull(Counter counter, void* camera, void* buffer, int32_t zero, int32_t bits,
-             int32_t rowPitch, void* info, size_t infoSize, uint32_t* width, uint32_t* height) {
-  gStats.pull(counter, camera, buffer, bits, rowPitch, zero);
+int32_t pull(Counter counter, void* camera, void* buffer, int32_t bits, int32_t rowPitch,
+             void* info, size_t infoSize, uint32_t* width, uint32_t* height) {
+  gStats.count(counter);
   if (camera == nullptr || buffer == nullptr) return SIMCAM_E_POINTER;
   auto* cam = static_cast<SimcamCamera*>(camera);
   return guarded([&] {
@@ -293,14 +293,14 @@ SIMCAM_API const char* DllPrefix(void) {
 
 SIMCAM_API int32_t DllPullImageWithRowPitchV2(void* camera, void* buffer, int32_t bits,
                                               int32_t rowPitch, void* frameInfoV2) {
-  return simcam::pull(&SimcamStats::pullV2Calls, camera, buffer, 0, bits, rowPitch, frameInfoV2,
-                      24, nullptr, nullptr);
+  return simcam::pull(&SimcamStats::pullV2Calls, camera, buffer, bits, rowPitch, frameInfoV2, 24,
+                      nullptr, nullptr);
 }
 
-SIMCAM_API int32_t DllPullImageV3(void* camera, void* buffer, int32_t zero, int32_t bits,
+SIMCAM_API int32_t DllPullImageV3(void* camera, void* buffer, int32_t, int32_t bits,
                                   int32_t rowPitch, void* frameInfoV3) {
-  return simcam::pull(&SimcamStats::pullV3Calls, camera, buffer, zero, bits, rowPitch,
-                      frameInfoV3, 40, nullptr, nullptr);
+  return simcam::pull(&SimcamStats::pullV3Calls, camera, buffer, bits, rowPitch, frameInfoV3, 40,
+                      nullptr, nullptr);
 }
 
 SIMCAM_API int32_t Simcam_get_RawFormat(void* camera, uint32_t* format, uint32_t* bitDepth) {

@@ -121,12 +121,6 @@ typedef struct SimcamStats {
   uint32_t pullV4Calls;    /* DllPullImageV4 */
   uint32_t rawFormatCalls; /* <prefix>_get_RawFormat */
   uint32_t namedPullCalls; /* <prefix>_PullImage */
-  /* Arguments of the last pull call of any kind (failed ones included). */
-  void* lastCamera;
-  void* lastBuffer;
-  int32_t lastBits;
-  int32_t lastRowPitch; /* 0 for the named pull, which has none */
-  int32_t lastZero;     /* the third argument of the last V3 / V4 call */
 } SimcamStats;
 
 /* ---------------------------------------------------------------------------

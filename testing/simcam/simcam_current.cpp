@@ -5,15 +5,15 @@
 
 extern "C" {
 
-SIMCAM_API int32_t DllPullImageV4(void* camera, void* buffer, int32_t zero, int32_t bits,
+SIMCAM_API int32_t DllPullImageV4(void* camera, void* buffer, int32_t, int32_t bits,
                                   int32_t rowPitch, void* frameInfoV4) {
-  return simcam::pull(&SimcamStats::pullV4Calls, camera, buffer, zero, bits, rowPitch, frameInfoV4,
-                      104, nullptr, nullptr);
+  return simcam::pull(&SimcamStats::pullV4Calls, camera, buffer, bits, rowPitch, frameInfoV4, 104,
+                      nullptr, nullptr);
 }
 
 SIMCAM_API int32_t Simcam_PullImage(void* camera, void* buffer, int32_t bits, uint32_t* width,
                                     uint32_t* height) {
-  return simcam::pull(&SimcamStats::namedPullCalls, camera, buffer, 0, bits, 0, nullptr, 0, width,
+  return simcam::pull(&SimcamStats::namedPullCalls, camera, buffer, bits, 0, nullptr, 0, width,
                       height);
 }
 

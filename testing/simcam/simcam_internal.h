@@ -12,11 +12,11 @@ namespace simcam {
 
 using Counter = uint32_t SimcamStats::*;
 
-// One pull: counts the call, then delivers the next frame into `buffer` and,
-// for each that is not null, writes the frame-information record of
-// `infoSize` bytes and the frame size.
-int32_t pull(Counter counter, void* camera, void* buffer, int32_t zero, int32_t bits,
-             int32_t rowPitch, void* info, size_t infoSize, uint32_t* width, uint32_t* height);
+// One pull: counts the call (failed ones too), then delivers the next frame
+// into `buffer` and, for each that is not null, writes the frame-information
+// record of `infoSize` bytes and the frame size.
+int32_t pull(Counter counter, void* camera, void* buffer, int32_t bits, int32_t rowPitch,
+             void* info, size_t infoSize, uint32_t* width, uint32_t* height);
 
 // The call counters of one library.
 class Stats {
@@ -24,19 +24,6 @@ class Stats {
   void count(Counter counter) {
     std::lock_guard<std::mutex> hold(lock_);
     ++(stats_.*counter);
-  }
-  // Counts a pull and keeps its arguments (`zero` only for V3 and V4).
-  void pull(Counter counter, void* camera, void* buffer, int32_t bits, int32_t rowPitch,
-            int32_t zero) {
-    std::lock_guard<std::mutex> hold(lock_);
-    ++(stats_.*counter);
-    if (counter == &SimcamStats::pullV3Calls || counter == &SimcamStats::pullV4Calls) {
-      stats_.lastZero = zero;
-    }
-    stats_.lastCamera = camera;
-    stats_.lastBuffer = buffer;
-    stats_.lastBits = bits;
-    stats_.lastRowPitch = rowPitch;
   }
   void get(SimcamStats* out) {
     std::lock_guard<std::mutex> hold(lock_);
