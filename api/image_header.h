@@ -15,10 +15,12 @@ bool isDeepColour(uint32_t bits);
 // is not accepted.
 uint32_t storageBits(uint32_t bits);
 
-// Row bytes padded to 4: vantix_default_stride from vantix.h.  Kept only for
-// callers not yet switched to it; new code calls vantix_default_stride.
-inline uint32_t paddedStride(uint32_t width, uint32_t bitsPerPixel) {
-  return vantix_default_stride(width, bitsPerPixel);
+// Row bytes padded to 4, computed in 64 bits: vantix_default_stride for rows
+// under 2^32 bits, the true padded length for longer rows (where the 32-bit
+// formula of the header wraps).  For buffers whose rows the library sizes
+// itself from a host's width.
+inline uint64_t wideStride(uint32_t width, uint32_t bitsPerPixel) {
+  return (static_cast<uint64_t>(width) * bitsPerPixel + 31) / 32 * 4;
 }
 
 // The padded stride of the header's layout, or 0xFFFFFFFF for a bit count

@@ -23,7 +23,7 @@ void* hostAlloc(uint64_t bytes) {
 
 // Rows padded to 4 bytes, as the session reads format 0.
 std::vector<uint8_t> toBuffer(const cv::Mat& frame) {
-  const size_t stride = ((kWidth * 24 + 31) >> 3) & ~3u;
+  const size_t stride = vantix_default_stride(kWidth, 24);
   std::vector<uint8_t> buffer(stride * kHeight);
   cv::Mat wrapped(kHeight, kWidth, CV_8UC3, buffer.data(), stride);
   frame.copyTo(wrapped);

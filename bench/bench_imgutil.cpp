@@ -84,7 +84,7 @@ DemosaicBuffers& demosaicBuffers(int width, int height) {
     b.raw.resize(static_cast<size_t>(width) * height);
     cv::Mat m(height, width, CV_8UC1, b.raw.data());
     cv::randu(m, 0, 255);
-    b.out.resize(static_cast<size_t>(vantix::paddedStride(width, 24)) * height);
+    b.out.resize(static_cast<size_t>(vantix_default_stride(width, 24)) * height);
     it = cache.emplace(std::make_pair(width, height), std::move(b)).first;
   }
   return it->second;
@@ -113,7 +113,7 @@ void BM_DemosaicOpenCV(benchmark::State& state) {
   std::vector<uint8_t>& out = b.out;
   for (auto _ : state) {
     cv::Mat s(height, width, CV_8UC1, raw.data());
-    cv::Mat d(height, width, CV_8UC3, out.data(), vantix::paddedStride(width, 24));
+    cv::Mat d(height, width, CV_8UC3, out.data(), vantix_default_stride(width, 24));
     cv::demosaicing(s, d, code, 0);
     benchmark::DoNotOptimize(d.data);
   }

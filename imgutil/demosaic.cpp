@@ -39,7 +39,7 @@ int demosaicCode(uint32_t pattern, uint32_t outFormat, uint32_t algorithm) {
 uint32_t demosaicOutputStride(uint32_t width, uint32_t outFormat, bool sixteenBit) {
   const bool fourChannels = outFormat == VANTIX_DEMOSAIC_BGRA || outFormat == VANTIX_DEMOSAIC_RGBA;
   if (fourChannels) return width * (sixteenBit ? 8u : 4u);
-  return paddedStride(width, sixteenBit ? 48u : 24u);
+  return vantix_default_stride(width, sixteenBit ? 48u : 24u);
 }
 
 VantixResult demosaicFrame(const void* src, void* dst, uint32_t width, uint32_t height,

@@ -10,6 +10,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "api/image_header.h"
 #include "api/host_allocator.h"
 #include "api/pixel_format.h"
 
@@ -157,9 +158,7 @@ int32_t CLvProcessor::readData(void* buffer, uint32_t width, uint32_t height, ui
   const uint32_t bits = format_ == 0 ? 24u : 32u;
   // A row of 2^32 bits or more keeps its 64-bit stride, where the 32-bit
   // default would wrap below the row's length.
-  const uint64_t rowBits = static_cast<uint64_t>(bits) * width + 31;
-  const size_t stride = rowBits > 0xFFFFFFFFu ? static_cast<size_t>(rowBits / 32 * 4)
-                                              : vantix_default_stride(width, bits);
+  const size_t stride = static_cast<size_t>(vantix::wideStride(width, bits));
   cv::Mat dst(static_cast<int>(height), static_cast<int>(width), format_ == 0 ? CV_8UC3 : CV_8UC4,
               buffer, stride);
   // A region whose far edge lies past the int range is outside any canvas;

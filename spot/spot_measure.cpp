@@ -1,5 +1,7 @@
 #include "spot/spot_measure.h"
 
+#include "api/image_header.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -310,10 +312,8 @@ inline uint16_t grey48(uint32_t blue, uint32_t green, uint32_t red) {
 uint32_t spotDefaultPitch(uint32_t width, uint32_t bitCount) {
   // The padded pitch of the row is computed in 64 bits and truncated to 32:
   // it differs from the 32-bit wrap of vantix_default_stride only for rows of
-  // 2^32 bits or more, which keep their 64-bit computation.
-  const uint64_t rowBits = static_cast<uint64_t>(width) * bitCount + 31;
-  if (rowBits > 0xFFFFFFFFu) return static_cast<uint32_t>(rowBits / 32 * 4);
-  return vantix_default_stride(width, bitCount);
+  // 2^32 bits or more.
+  return static_cast<uint32_t>(vantix::wideStride(width, bitCount));
 }
 
 cv::Mat spotGreyFrame(const void* buffer, uint32_t width, uint32_t height, uint32_t bitCount,

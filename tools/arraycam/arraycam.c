@@ -3,6 +3,8 @@
 #define _GNU_SOURCE
 #include "arraycam.h"
 
+#include <vantix.h> /* vantix_default_stride (header-only) */
+
 #include <dlfcn.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -140,8 +142,9 @@ ARRAYCAM_API int32_t DllPullImageWithRowPitchV2(void* camera, void* buffer, int3
     result = ARRAYCAM_E_NOFRAME;
   } else {
     const uint64_t rowBytes = (uint64_t)cam->width * (uint32_t)bits / 8;
+    /* Frames are at most 65535 wide, so the 32-bit default never wraps. */
     const uint64_t pitch =
-        rowPitch == 0 ? ((uint64_t)cam->width * (uint32_t)bits + 31) / 32 * 4 : (uint64_t)rowPitch;
+        rowPitch == 0 ? vantix_default_stride(cam->width, (uint32_t)bits) : (uint64_t)rowPitch;
     if (pitch < rowBytes) {
       result = ARRAYCAM_E_INVALIDARG;
     } else {
