@@ -280,7 +280,11 @@ cv::Mat hillDepth(cv::Size size) {
   }
   double low = 0, high = 0;
   cv::minMaxLoc(raw, &low, &high);
-  raw = high > low ? (raw - low) / (high - low) : cv::Mat(size, CV_64F, cv::Scalar(0.5));
+  if (high > low) {
+    cv::divide(raw - low, high - low, raw);  // divided: a scaled copy rounds differently
+  } else {
+    raw.setTo(0.5);
+  }
   cv::Mat depth;
   raw.convertTo(depth, CV_32F);
   return depth;
