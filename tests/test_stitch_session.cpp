@@ -180,35 +180,36 @@ TEST_F(StitchSession, FirstFrameScoreIsTheSharpnessOfTheFullCentredRegion) {
 // With the score replaced by grey level / 100, frames say which they are.
 TEST_F(StitchSession, TheQueueHoldsTwentyOneAndTheSharpestOfSixIsTaken) {
   const auto grey = [](int level) { return cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(level)); };
+  // A session whose worker is held in the callback of a first frame.
+  const auto held = [&](Host& host) {
+    proc(host.makeStitch(64, 48, 1))->setScoreFunction([](const cv::Mat& small) {
+      return cv::mean(small)[0] / 100.0;
+    });
+    host.start();
+    host.gate(true);
+    host.push(grey(90));
+    host.waitUntil([&] { return host.blocked; });
+    return proc(host.stitch);
+  };
   Host host;
-  VantixStitch* s = host.makeStitch(64, 48, 1);
-  proc(s)->setScoreFunction([](const cv::Mat& small) { return cv::mean(small)[0] / 100.0; });
-  vantix_stitch_start(s);
-  host.gate(true);
-  host.push(grey(90));
-  host.waitUntil([&] { return host.blocked; });
+  vantix::CLvProcessor* s = held(host);
   for (int i = 0; i < 25; ++i) host.push(grey(10 + i));
-  EXPECT_EQ(proc(s)->queuedFrames(), 21u);
+  EXPECT_EQ(s->queuedFrames(), 21u);
   host.gate(false);
-  vantix_stitch_delete(s);
+  host.destroy();
 
   // Scores 0.5, 0.7, 0.7: the first 0.7 is taken and the frames before it
   // removed; the equal third stays queued.
   Host second;
-  s = second.makeStitch(64, 48, 1);
-  proc(s)->setScoreFunction([](const cv::Mat& small) { return cv::mean(small)[0] / 100.0; });
-  vantix_stitch_start(s);
-  second.gate(true);
-  second.push(grey(90));
-  second.waitUntil([&] { return second.blocked; });
+  s = held(second);
   for (int level : {50, 70, 70}) second.push(grey(level));
   second.gate(true, 1);
   second.waitUntil([&] { return second.calls.size() == 2 && second.blocked; });
-  EXPECT_EQ(proc(s)->queuedFrames(), 1u);
+  EXPECT_EQ(s->queuedFrames(), 1u);
   EXPECT_NEAR(second.calls[1].score, 0.7, 0.001);
   second.gate(false);
   second.waitFrames(3);
-  vantix_stitch_delete(s);
+  second.destroy();
 }
 
 // A frame of another size cannot be registered: event 1 ends the worker, and
