@@ -20,8 +20,4 @@ namespace vtest {
 // Deterministic pseudo-random image of the given size and type.
 cv::Mat randomImage(int rows, int cols, int type, uint64_t seed = 1);
 
-// A smooth textured scene (sums of sinusoids and a few shapes): images whose
-// interpolation differences are small but measurable.
-cv::Mat smoothScene(int rows, int cols, int type);
-
 }  // namespace vtest
