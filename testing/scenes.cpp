@@ -25,33 +25,6 @@ cv::Mat photo(const std::string& file, cv::Size size) {
   return image;
 }
 
-cv::Mat smoothScene(int rows, int cols, int type) {
-  cv::Mat f(rows, cols, CV_32FC3);
-  for (int y = 0; y < rows; ++y) {
-    for (int x = 0; x < cols; ++x) {
-      const float a = 0.5f + 0.25f * std::sin(x * 0.07f) + 0.2f * std::cos(y * 0.05f);
-      const float b = 0.5f + 0.3f * std::sin((x + y) * 0.03f);
-      const float c = 0.5f + 0.3f * std::cos(x * 0.02f - y * 0.04f);
-      f.at<cv::Vec3f>(y, x) = cv::Vec3f(a, b, c);
-    }
-  }
-  cv::circle(f, {cols / 3, rows / 2}, std::max(2, rows / 5), cv::Scalar(0.9, 0.1, 0.2), -1,
-             cv::LINE_AA);
-  cv::rectangle(f, {cols / 2, rows / 4}, {cols * 3 / 4, rows * 3 / 4}, cv::Scalar(0.1, 0.8, 0.3),
-                -1, cv::LINE_AA);
-  const int depth = CV_MAT_DEPTH(type);
-  const double scale = depth == CV_16U ? 65535.0 : 255.0;
-  cv::Mat out;
-  f.convertTo(out, CV_MAKETYPE(depth, 3), scale);
-  const int channels = CV_MAT_CN(type);
-  if (channels == 1) {
-    cv::cvtColor(out, out, cv::COLOR_BGR2GRAY);
-  } else if (channels == 4) {
-    cv::cvtColor(out, out, cv::COLOR_BGR2BGRA);
-  }
-  return out;
-}
-
 cv::Mat texturedScene(cv::Size size, uint32_t seed) {
   cv::RNG rng(0x5EEDull * (seed + 1));
   cv::Mat sum = cv::Mat::zeros(size, CV_32FC3);

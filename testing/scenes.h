@@ -33,11 +33,6 @@ cv::Mat photo(const std::string& file, cv::Size size = cv::Size());
 // levels centre on 128; the same seed gives the same scene.
 cv::Mat texturedScene(cv::Size size, uint32_t seed = 1);
 
-// A smooth scene (sums of sinusoids, a disc and a rectangle) with too few
-// corners for feature matching; `type` is 8- or 16-bit with 1, 3 or 4
-// channels.
-cv::Mat smoothScene(int rows, int cols, int type);
-
 // The window of `scene` whose top-left pixel is at `topLeft`, sampled
 // bilinearly at the sub-pixel position (1/32 pixel steps).  Scene pixels
 // past the border repeat the edge.
