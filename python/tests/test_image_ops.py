@@ -1,4 +1,5 @@
-"""resize and demosaic against results computed here with numpy."""
+"""resize, demosaic and edge snapping on numpy arrays of every depth and
+layout, against results known here."""
 
 import numpy as np
 import pytest
@@ -29,35 +30,34 @@ def test_row_padded_views_are_read_and_written_in_place():
         vantix.resize(padded, (64, 40), out=np.zeros((40, 64, 3), np.uint16))
 
 
-# Colour sites of each pattern in a 2 x 2 cell: (row, column) of R and B.
-_SITES = {"RGGB": ((0, 0), (1, 1)), "BGGR": ((1, 1), (0, 0)),
-          "GRBG": ((0, 1), (1, 0)), "GBRG": ((1, 0), (0, 1))}
-
-
-def _mosaic(bgr, pattern):
-    (ry, rx), (by, bx) = _SITES[pattern]
-    raw = bgr[:, :, 1].copy()
-    raw[ry::2, rx::2] = bgr[ry::2, rx::2, 2]
-    raw[by::2, bx::2] = bgr[by::2, bx::2, 0]
-    return raw
-
-
-def _interiors(image):
-    """The pixels of 12 x 12 patches at least 3 from their borders."""
-    return image.reshape(4, 12, 5, 12, -1)[:, 3:9, :, 3:9]
-
-
-@pytest.mark.parametrize("dtype,bits,top", [(np.uint8, None, 255), (np.uint16, 12, 4095)])
-@pytest.mark.parametrize("pattern", ["RGGB", "BGGR", "GRBG", "GBRG"])
-def test_demosaic_restores_flat_colours(dtype, bits, top, pattern):
-    flat = RNG.integers(0, top, (4, 5, 3), dtype, endpoint=True)
-    bgr = flat.repeat(12, axis=0).repeat(12, axis=1)  # flat patches
-    raw = _mosaic(bgr, pattern)
+@pytest.mark.parametrize("dtype,bits,bgr", [(np.uint8, None, (30, 140, 220)),
+                                            (np.uint16, 12, (500, 2000, 3500))])
+@pytest.mark.parametrize("pattern,red,blue", [("RGGB", (0, 0), (1, 1)), ("BGGR", (1, 1), (0, 0)),
+                                              ("GRBG", (0, 1), (1, 0)), ("GBRG", (1, 0), (0, 1))])
+def test_demosaic_restores_a_flat_colour_in_the_channel_order_asked(dtype, bits, bgr, pattern,
+                                                                    red, blue):
+    raw = np.full((24, 24), bgr[1], dtype)
+    raw[red[0]::2, red[1]::2], raw[blue[0]::2, blue[1]::2] = bgr[2], bgr[0]
+    inside = np.s_[3:-3, 3:-3]  # away from the borders
     for algorithm in ("bilinear", "edge_aware") + (("vng",) if bits is None else ()):
         out = vantix.demosaic(raw, pattern=pattern.lower(), bits=bits, algorithm=algorithm)
-        assert out.shape == bgr.shape and out.dtype == dtype and out.flags.c_contiguous
-        np.testing.assert_array_equal(_interiors(out), _interiors(bgr))
-    rgba = np.empty(bgr.shape[:2] + (4,), dtype)
+        assert out.shape == (24, 24, 3) and out.dtype == dtype and out.flags.c_contiguous
+        assert (out[inside] == bgr).all(), algorithm
+    rgba = np.empty((24, 24, 4), dtype)
     assert vantix.demosaic(raw, pattern=pattern, bits=bits, order="RGBA", out=rgba) is rgba
-    np.testing.assert_array_equal(_interiors(rgba[:, :, 2::-1]), _interiors(bgr))
+    assert (rgba[inside][..., :3] == bgr[::-1]).all()
 
+
+def test_a_click_snaps_to_the_corner_of_a_square_and_clicks_off_the_frame_are_refused():
+    frame = np.full((90, 118, 3), 25, np.uint8)  # rows of 354 bytes, read padded to 356
+    frame[40:48, 50:58] = 255
+    with vantix.EdgeSession(118, 90, size=10) as session:
+        moved, x, y = session.snap(frame, 46, 37)
+        assert moved and abs(x - 50) <= 1 and abs(y - 40) <= 1
+        # A smaller search size, for this and later calls.
+        assert session.snap(frame, 46, 37, size=3) == (False, 46, 37) and session.size == 3
+        # What the library would answer with a C++ exception, ending the process.
+        for image, x, y in ((frame, -1, 10), (frame, 118, 10), (frame, 10, 90),
+                            (frame[:, :-1], 10, 10)):
+            with pytest.raises(ValueError):
+                session.snap(image, x, y)
