@@ -11,7 +11,6 @@ import subprocess
 import sys
 import textwrap
 
-import numpy as np
 import pytest
 
 import vantix
@@ -34,11 +33,8 @@ def test_the_python_examples_of_a_page_run(page):
     assert code, f"{page} has no Python example"
     names = {"__name__": "__doc_example__"}
     exec(compile(code, page, "exec"), names)
-    # What the examples say they make.
-    if "result" in names:
+    if "result" in names:  # the stitching example places every frame
         assert all(f.mode == "placed" for f in names["result"].frames)
-    for name in ("panorama", "fused", "colour"):
-        assert name not in names or isinstance(names[name], np.ndarray), name
 
 
 def test_the_spot_array_examples_run_in_a_process_of_their_own():
