@@ -1,8 +1,8 @@
-// What the fuzz harnesses share: a reader of the input bytes and host
-// buffers that fault on overruns.  OpenCV is not instrumented, so the
-// sanitizers do not see its accesses: a buffer here ends at an inaccessible
-// page (any read or write past its end crashes) and starts after guard bytes
-// that are checked when it is freed.
+// What the fuzz harnesses share: a reader of the input bytes, frame sizes,
+// and host buffers that fault on overruns.  OpenCV is not instrumented, so
+// the sanitizers do not see its accesses: a buffer here ends at an
+// inaccessible page (any read or write past its end crashes) and starts after
+// guard bytes that are checked when it is freed.
 #pragma once
 
 #include <sys/mman.h>
@@ -51,6 +51,24 @@ class Reader {
   const uint8_t* end_;
 };
 
+// Bits a pixel of session pixel formats 0..3 (B G R and B G R A at 8 and 16
+// bits); the sessions read other formats as format 0.
+inline uint32_t formatBits(uint32_t format) {
+  const uint32_t bits[] = {24, 48, 32, 64};
+  return bits[format <= 3 ? format : 0];
+}
+
+// `height` rows of `pitch` bytes, or of the default stride when pitch is 0.
+inline uint64_t frameBytes(uint32_t width, uint32_t height, uint32_t bits, uint32_t pitch = 0) {
+  return uint64_t{height} * (pitch != 0 ? pitch : vantix_default_stride(width, bits));
+}
+
+// Inputs asking for more than 1 Mpx or 16 MiB are skipped: they find
+// nothing that smaller ones do not, and slow the fuzzer down.
+inline bool tooLarge(uint64_t pixels, uint64_t bytes) {
+  return pixels > (uint64_t{1} << 20) || bytes > (uint64_t{1} << 24);
+}
+
 // `size` bytes (0x5A) between 64 guard bytes and a page without access.
 class Buffer {
  public:
@@ -58,7 +76,8 @@ class Buffer {
   explicit Buffer(size_t size) : size_(size) {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     body_ = (size + kGuard + page - 1) / page * page;
-    void* p = mmap(nullptr, body_ + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* p =
+        mmap(nullptr, body_ + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED) std::abort();
     base_ = static_cast<uint8_t*>(p);
     mprotect(base_ + body_, page, PROT_NONE);
@@ -82,10 +101,8 @@ class Buffer {
     std::memcpy(data_, in.rest(), done);
     for (; done < size_; done *= 2) std::memcpy(data_ + done, data_, std::min(done, size_ - done));
   }
+  // The contents, to compare with a later copy.
   std::vector<uint8_t> copy() const { return std::vector<uint8_t>(data_, data_ + size_); }
-  bool same(const std::vector<uint8_t>& before) const {
-    return size_ == 0 || std::memcmp(before.data(), data_, size_) == 0;
-  }
 
  private:
   size_t size_;
@@ -93,12 +110,6 @@ class Buffer {
   uint8_t* base_ = nullptr;
   uint8_t* data_ = nullptr;
 };
-
-// Inputs asking for more than 1 Mpx or 16 MiB are skipped: they find
-// nothing that smaller ones do not, and slow the fuzzer down.
-inline bool tooLarge(uint64_t pixels, uint64_t bytes) {
-  return pixels > (uint64_t{1} << 20) || bytes > (uint64_t{1} << 24);
-}
 
 }  // namespace fuzz
 

@@ -17,10 +17,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint8_t size, flags;
   } calls[4];
   const int count = in.take<uint8_t>() % 5;
-  for (int i = 0; i < count; ++i) calls[i] = {in.take<int32_t>(), in.take<int32_t>(), in.take<uint8_t>(), in.take<uint8_t>()};
-  // Formats 0..3 are B G R and B G R A at 8 and 16 bits; others read as 0.
-  const uint32_t pixelBits[] = {24, 48, 32, 64};
-  const uint64_t bytes = uint64_t{height} * vantix_default_stride(width, pixelBits[format <= 3 ? format : 0]);
+  for (int i = 0; i < count; ++i) {
+    calls[i] = {in.take<int32_t>(), in.take<int32_t>(), in.take<uint8_t>(), in.take<uint8_t>()};
+  }
+  const uint64_t bytes = fuzz::frameBytes(width, height, fuzz::formatBits(format));
   if (fuzz::tooLarge(uint64_t{width} * height, bytes)) return 0;
   fuzz::Buffer frame(bytes);
   frame.fill(in);
@@ -33,17 +33,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int32_t x = c.x, y = c.y;
     int32_t r = 0;
     try {
-      r = vantix_edge_get(edge, (c.flags & 1) ? nullptr : frame.data(), (c.flags & 2) ? nullptr : &x, &y, c.size);
+      r = vantix_edge_get(edge, (c.flags & 1) ? nullptr : frame.data(),
+                          (c.flags & 2) ? nullptr : &x, &y, c.size);
     } catch (const cv::Exception&) {
       continue;  // a search area with nothing left inside the frame
     }
-    FUZZ_CHECK(r == 0 || r == 1);
-    if (r == 0 || (c.flags & 3) != 0) {
-      FUZZ_CHECK(r == 0 && x == c.x && y == c.y);
-      continue;
-    }
-    // Moved onto an edge strictly closer than the search size.
-    FUZZ_CHECK(std::hypot(static_cast<double>(x) - c.x, static_cast<double>(y) - c.y) < searchSize);
+    // 1: moved onto an edge strictly closer than the search size; 0: the
+    // point is left as it was.
+    const double moved = std::hypot(static_cast<double>(x) - c.x, static_cast<double>(y) - c.y);
+    FUZZ_CHECK(r == 0 || (r == 1 && (c.flags & 3) == 0));
+    FUZZ_CHECK(r == 1 ? moved < searchSize : moved == 0);
   }
   vantix_edge_delete(edge);
   return 0;

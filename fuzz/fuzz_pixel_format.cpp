@@ -12,9 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool eightBit = !(in.take<uint8_t>() & 1);
   const uint32_t width = in.take<uint16_t>(), height = in.take<uint16_t>();
   const uint32_t pitch = in.take<uint32_t>();
-  // Formats 0..3 are B G R and B G R A at 8 and 16 bits; others read as 0.
-  const uint32_t pixelBits[] = {24, 48, 32, 64};
-  const uint64_t bytes = uint64_t{height} * (pitch != 0 ? pitch : vantix_default_stride(width, pixelBits[format <= 3 ? format : 0]));
+  const uint64_t bytes = fuzz::frameBytes(width, height, fuzz::formatBits(format), pitch);
   if (fuzz::tooLarge(uint64_t{width} * height, bytes)) return 0;
   fuzz::Buffer frame(width != 0 && height != 0 ? bytes : 0);
   frame.fill(in);
@@ -26,18 +24,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const cv::Exception&) {
     return 0;  // a pitch shorter than a row, or odd for 16-bit samples
   }
-  FUZZ_CHECK(frame.same(before));
+  FUZZ_CHECK(frame.copy() == before);
   if (width == 0 || height == 0) {
     FUZZ_CHECK(working.empty());
     return 0;
   }
   FUZZ_CHECK(working.cols == int(width) && working.rows == int(height) && working.channels() == 3);
   if (working.depth() != CV_8U) return 0;
+  // Written out and read back, an 8-bit working image comes back the same
+  // (16-bit samples are the 8-bit ones times 257).
   const cv::Mat out = vantix::toOutputFormat(format, working);
-  FUZZ_CHECK(out.size() == working.size() && out.channels() == ((format == 2 || format == 3) ? 4 : 3));
-  // Read back, the output gives the working image again (16-bit samples are
-  // the 8-bit ones times 257).
-  const cv::Mat back = vantix::toWorkingImage(format, out.data, width, height, uint32_t(out.step[0]), true);
+  FUZZ_CHECK(out.size() == working.size() &&
+             out.channels() == (format == 2 || format == 3 ? 4 : 3));
+  const cv::Mat back =
+      vantix::toWorkingImage(format, out.data, width, height, uint32_t(out.step[0]), true);
   FUZZ_CHECK(cv::norm(back, working, cv::NORM_INF) == 0);
   return 0;
 }
