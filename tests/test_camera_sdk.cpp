@@ -1,20 +1,24 @@
-// Binding to the camera SDK and the pull routines, against the simulated SDK
-// and its partial and legacy variants.  The bindings are process-wide and
-// never reset, so every scenario runs in a child process of its own and
-// loads the SDK libraries with dlopen, the way a host has its SDK loaded.
+// Binding to the camera SDK and pulling frames through it, against the
+// simulated SDK, its partial and legacy variants, and the array camera.  The
+// bindings are process-wide and never reset, so every scenario runs in a
+// child process of its own and loads the SDK libraries with dlopen, the way
+// a host has its SDK loaded.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
+#include <thread>
 #include <tuple>
-#include <utility>
 #include <vector>
 
+#include <vantix.hpp>
+
 #include "api/camera_sdk.h"
+#include "support/sessions.h"
 #include "support/test_support.h"
 #include "testing/simcam/simcam_loader.h"
+#include "tools/arraycam/arraycam.h"
 
 namespace {
 
@@ -22,8 +26,7 @@ using vantix::FrameInfoVersion;
 constexpr uint8_t kFill = 0xCD;
 void* const kSession = reinterpret_cast<void*>(0x5e55);  // never dereferenced
 void* const kNoCamera = reinterpret_cast<void*>(0xca);
-constexpr FrameInfoVersion kVersions[] = {FrameInfoVersion::V2, FrameInfoVersion::V3,
-                                          FrameInfoVersion::V4};
+const bool kSerialOpenCv = (vtest::serialOpenCvUnderTsan(), true);
 
 // What the pulls handed on: (data, width, height, bits, pitch) of each push,
 // and the number of spot frames.
@@ -39,22 +42,14 @@ void recordSpot(void*, void*, void*, uint32_t, uint32_t, uint32_t, uint32_t, uin
   ++gSpotFrames;
 }
 
-template <typename Api, typename Loader>
-Api load(const std::string& path, Loader loader) {
+// The simulated SDK libraries (loader simcam_load_api or
+// simcam_load_partial_api), loaded as a host loads its SDK.
+template <typename Api>
+Api load(int (*loader)(void*, Api*), const std::string& file) {
+  const std::string dir = VANTIX_SIMCAM_PATH, path = dir.substr(0, dir.rfind('/') + 1) + file;
   Api api{};
-  void* so = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  EXPECT_TRUE(so != nullptr && loader(so, &api)) << path;
+  EXPECT_TRUE(loader(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL), &api)) << file;
   return api;
-}
-SimcamApi loadSim(const std::string& path = VANTIX_SIMCAM_PATH) {
-  return load<SimcamApi>(path, simcam_load_api);
-}
-SimcamPartialApi loadPartial() {
-  return load<SimcamPartialApi>(VANTIX_SIMCAM_PARTIAL_PATH, simcam_load_partial_api);
-}
-std::string legacyPath() {
-  const std::string full = VANTIX_SIMCAM_PATH;
-  return full.substr(0, full.rfind('/')) + "/libvantix_simcam_legacy.so";
 }
 template <typename Api>
 SimcamStats statsOf(const Api& api) {
@@ -64,8 +59,8 @@ SimcamStats statsOf(const Api& api) {
 }
 
 std::vector<uint8_t> gBuffer, gInfo;
-bool allFill(const std::vector<uint8_t>& b, size_t from = 0) {
-  return std::all_of(b.begin() + from, b.end(), [](uint8_t v) { return v == kFill; });
+bool allFill(const std::vector<uint8_t>& b) {
+  return std::all_of(b.begin(), b.end(), [](uint8_t v) { return v == kFill; });
 }
 VantixResult pull(FrameInfoVersion v, void* camera, int32_t bits, uint32_t pitch = 0,
                   int32_t push = 1) {
@@ -79,13 +74,11 @@ VantixResult pullNamed(void* camera, uint32_t bits, int32_t push = 1) {
 }
 // Every pull routine once: the three record versions, the named pull, the spot pull.
 std::vector<VantixResult> pullEach(void* camera, int32_t bits, uint32_t* depth) {
-  std::vector<VantixResult> results;
-  for (FrameInfoVersion v : kVersions) results.push_back(pull(v, camera, bits));
-  results.push_back(pullNamed(camera, static_cast<uint32_t>(bits)));
-  results.push_back(vantix::pullSpot(kSession, depth, camera, 1, gBuffer.data(), 8, 0,
-                                     reinterpret_cast<FrameInfoV2*>(gInfo.data()), nullptr,
-                                     recordSpot));
-  return results;
+  auto* info = reinterpret_cast<FrameInfoV2*>(gInfo.data());
+  return {pull(FrameInfoVersion::V2, camera, bits), pull(FrameInfoVersion::V3, camera, bits),
+          pull(FrameInfoVersion::V4, camera, bits), pullNamed(camera, uint32_t(bits)),
+          vantix::pullSpot(kSession, depth, camera, 1, gBuffer.data(), 8, 0, info, nullptr,
+                           recordSpot)};
 }
 void freshBuffers(size_t bytes = 64) {
   gBuffer.assign(bytes, kFill);
@@ -95,87 +88,51 @@ void freshBuffers(size_t bytes = 64) {
 // Scenarios of a host, each run in a child process of its own.  What the
 // library bound is seen in what each SDK library was asked.
 
-// Nothing until an SDK is loaded.  An SDK without the V2 pull is passed
-// over, but the pointers found on the way stay (V3 reaches it while every
-// pull searches again); a full SDK loaded later is bound and replaces them,
-// and no more searches are made.  The named pull binds the stub for good.
-void firstFullSdkIsBound() {
-  freshBuffers();
-  uint32_t depth = 0;
-  EXPECT_EQ(pullEach(kNoCamera, 24, &depth), std::vector<VantixResult>(5, VANTIX_E_NOTIMPL));
-  EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo) && gPushes.empty() && gSpotFrames == 0);
-  const SimcamPartialApi partial = loadPartial();
-  EXPECT_EQ(pull(FrameInfoVersion::V2, kNoCamera, 24), VANTIX_E_NOTIMPL);
-  EXPECT_EQ(pull(FrameInfoVersion::V4, kNoCamera, 24), VANTIX_E_NOTIMPL);
-  EXPECT_EQ(pull(FrameInfoVersion::V3, kNoCamera, 24), VANTIX_S_OK);
-  EXPECT_EQ(statsOf(partial).pullV3Calls, 1u);
-  EXPECT_EQ(statsOf(partial).prefixCalls, 3u);
-  EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 4, 2, 8, 0)});
-  EXPECT_EQ(pullNamed(kNoCamera, 8, 0), VANTIX_S_OK);
-  const SimcamApi sim = loadSim();
-  SimcamCamera* cam = sim.open(16, 8);
-  freshBuffers(sim.frameBytes(cam, 24, 0));
-  EXPECT_EQ(pull(FrameInfoVersion::V2, cam, 24), VANTIX_S_OK);
-  EXPECT_EQ(pull(FrameInfoVersion::V3, cam, 24), VANTIX_S_OK);
-  EXPECT_EQ(pullNamed(cam, 8, 0), VANTIX_S_OK);
-  const SimcamStats p = statsOf(partial), f = statsOf(sim);
-  EXPECT_EQ(cv::Vec4i(p.pullV3Calls, p.namedPullCalls, p.prefixCalls, 0), cv::Vec4i(1, 2, 5, 0));
-  EXPECT_EQ(cv::Vec4i(f.pullV2Calls, f.pullV3Calls, f.namedPullCalls, f.prefixCalls),
-            cv::Vec4i(1, 1, 0, 1));
-  sim.close(cam);
-}
-
 // A search that binds nothing keeps no reference to what it looked at: a
-// plugin the host closes afterwards is unloaded, and the next search finds
-// nothing of it.
-void failedSearchesLeaveNoObjectLoaded() {
+// plugin the host closes afterwards is unloaded, and no pull reaches it.
+// Until an SDK with the V2 pull is loaded every pull searches again: the
+// stub without it is passed over, but the pointers found on the way stay
+// (V3 reaches it).  The first SDK with V2 in load order is bound for good,
+// even without V4 and with a full SDK loaded after it; the named pull is
+// bound on its own, to the stub.
+void firstSdkWithV2IsBoundForGood() {
   void* plugin = dlopen(VANTIX_SIMCAM_PARTIAL_PATH, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(plugin, nullptr);
   freshBuffers();
-  uint32_t depth = 0;
   EXPECT_EQ(pull(FrameInfoVersion::V2, kNoCamera, 24), VANTIX_E_NOTIMPL);
-  EXPECT_EQ(vantix::pullSpot(kSession, &depth, kNoCamera, 1, gBuffer.data(), 8, 0, nullptr, nullptr,
-                             recordSpot),
-            VANTIX_E_NOTIMPL);
   ASSERT_EQ(dlclose(plugin), 0) << dlerror();
   EXPECT_EQ(dlopen(VANTIX_SIMCAM_PARTIAL_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr)
       << "the plugin is still loaded after the host closed it";
-  freshBuffers();
-  EXPECT_EQ(pull(FrameInfoVersion::V3, kNoCamera, 24), VANTIX_E_NOTIMPL);
-  EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo));
-}
-
-// Load order: an SDK without the named pull and V4, the stub, the full one.
-// The named pull is searched on its own and binds the stub; the frame pulls
-// bind the first object with V2, and its missing V4 is never searched again.
-void bindingIsFinal() {
-  const SimcamApi legacy = loadSim(legacyPath());
-  ASSERT_TRUE(legacy.pullNamed == nullptr && legacy.pullV4 == nullptr);
-  const SimcamPartialApi partial = loadPartial();
-  const SimcamApi full = loadSim();
-  SimcamCamera* cam = legacy.open(8, 4);
+  uint32_t depth = 0;
+  EXPECT_EQ(pullEach(kNoCamera, 24, &depth), std::vector<VantixResult>(5, VANTIX_E_NOTIMPL));
+  EXPECT_TRUE(allFill(gBuffer) && allFill(gInfo) && gPushes.empty() && gSpotFrames == 0);
+  const auto partial = load(simcam_load_partial_api, "libvantix_simcam_partial.so");
+  EXPECT_EQ(pull(FrameInfoVersion::V2, kNoCamera, 24), VANTIX_E_NOTIMPL);
+  EXPECT_EQ(pull(FrameInfoVersion::V3, kNoCamera, 24), VANTIX_S_OK);
+  EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 4, 2, 8, 0)});
+  EXPECT_EQ(pullNamed(kNoCamera, 8, 0), VANTIX_S_OK);
+  const auto legacy = load(simcam_load_api, "libvantix_simcam_legacy.so");
+  const auto full = load(simcam_load_api, "libvantix_simcam.so");
+  SimcamCamera* cam = legacy.open(16, 8);
   freshBuffers(legacy.frameBytes(cam, 24, 0));
-  EXPECT_EQ(pullNamed(cam, 24, 0), VANTIX_S_OK);
-  EXPECT_EQ(statsOf(partial).namedPullCalls, 1u);
   EXPECT_EQ(pull(FrameInfoVersion::V2, cam, 24), VANTIX_S_OK);
-  const uint32_t walks = statsOf(legacy).prefixCalls;
+  EXPECT_EQ(pull(FrameInfoVersion::V3, cam, 24), VANTIX_S_OK);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(pull(FrameInfoVersion::V4, cam, 24), VANTIX_E_NOTIMPL);
-  const SimcamStats l = statsOf(legacy), p = statsOf(partial), f = statsOf(full);
-  EXPECT_EQ(cv::Vec4i(l.pullV2Calls, l.prefixCalls - walks, p.prefixCalls, f.prefixCalls),
-            cv::Vec4i(1, 0, 1, 0));
-  EXPECT_EQ(f.pullV4Calls + f.pullV2Calls, 0u);
-  EXPECT_EQ(gPushes.size(), 1u);
+  EXPECT_EQ(pullNamed(cam, 8, 0), VANTIX_S_OK);
+  const SimcamStats p = statsOf(partial), l = statsOf(legacy), f = statsOf(full);
+  EXPECT_EQ(cv::Vec4i(p.pullV3Calls, p.namedPullCalls, p.prefixCalls, 0), cv::Vec4i(1, 2, 4, 0));
+  EXPECT_EQ(cv::Vec4i(l.pullV2Calls, l.pullV3Calls, l.prefixCalls, 0), cv::Vec4i(1, 1, 1, 0));
+  EXPECT_EQ(f.prefixCalls + f.pullV2Calls + f.pullV3Calls + f.pullV4Calls, 0u);
   legacy.close(cam);
 }
 
 // SDK failures pass through with nothing written or pushed; a positive
-// result is a success.  The frame and the whole record (nothing past it) are
-// delivered, the push gets bits / 3 and the pitch; the named pull pushes 8
-// bits at pitch 0; push flag 0 pushes nothing.  The spot pull asks the raw
-// depth only while it is 0, also when the camera reports 0.
-void pullResultsRecordsAndPushes() {
-  const SimcamApi sim = loadSim();
-  SimcamCamera* cam = sim.open(30, 7);  // 30 * 3 bytes is not a multiple of 4
+// result is a success.  The pulls with a record push bits / 3 at the pull's
+// pitch, the named pull 8 bits at pitch 0, and nothing without the size
+// pointers; push flag 0 pushes nothing.  The spot pull asks the raw depth
+// only while it is 0, also when the camera reports 0.
+void pullResultsAndPushes() {
+  const auto sim = load(simcam_load_api, "libvantix_simcam.so");
+  SimcamCamera* cam = sim.open(30, 7);
   freshBuffers(sim.frameBytes(cam, 32, 0));
   uint32_t depth = 0;
   sim.setResult(cam, static_cast<int32_t>(0x80070015u));
@@ -184,58 +141,202 @@ void pullResultsRecordsAndPushes() {
               depth == 0);
   sim.setResult(cam, 1);
   EXPECT_EQ(pullEach(cam, 32, &depth), std::vector<VantixResult>(5, 1u));
-  EXPECT_EQ(gPushes.size(), 4u);
-  EXPECT_EQ(gSpotFrames, 1);
-  sim.setResult(cam, 0);
-  const struct {
-    int32_t bits;
-    uint64_t pushed;
-    uint32_t pitch;
-  } cases[] = {{24, 8, 0}, {32, 10, 0}, {48, 16, 0}, {8, 2, 0}, {24, 8, 100}};
-  for (FrameInfoVersion v : kVersions) {
-    const size_t size = vantix::frameInfoSize(v);
-    for (const auto& c : cases) {
-      freshBuffers(sim.frameBytes(cam, c.bits, static_cast<int32_t>(c.pitch)));
-      std::vector<uint8_t> expected = gBuffer;
-      const uint32_t index = sim.frameIndex(cam);
-      sim.render(cam, index, expected.data(), c.bits, static_cast<int32_t>(c.pitch));
-      gPushes.clear();
-      ASSERT_EQ(pull(v, cam, c.bits, c.pitch), VANTIX_S_OK);
-      EXPECT_EQ(gBuffer, expected);
-      uint32_t head[3];
-      std::memcpy(head, gInfo.data(), sizeof head);
-      EXPECT_EQ(cv::Vec3i(head[0], head[1], head[2]), cv::Vec3i(30, 7, index));
-      for (size_t i = 12; i < size; ++i)
-        EXPECT_EQ(gInfo[i], static_cast<uint8_t>(i * 7 + index)) << i;
-      EXPECT_TRUE(allFill(gInfo, size)) << "bytes past the record were written";
-      EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 30, 7, c.pushed, c.pitch)});
-    }
-  }
-  freshBuffers(sim.frameBytes(cam, 48, 0));
+  const Push pushed(gBuffer.data(), 30, 7, 10, 0);
+  EXPECT_EQ(gPushes,
+            (std::vector<Push>{pushed, pushed, pushed, Push(gBuffer.data(), 30, 7, 8, 0)}));
+  EXPECT_EQ(cv::Vec2i(gSpotFrames, int(depth)), cv::Vec2i(1, 12));  // the raw depth is asked
   gPushes.clear();
-  EXPECT_EQ(pullNamed(cam, 32), VANTIX_S_OK);
-  EXPECT_EQ(pull(FrameInfoVersion::V3, cam, 24, 0, 0), VANTIX_S_OK);
-  EXPECT_EQ(pullNamed(cam, 8, 0), VANTIX_S_OK);
-  EXPECT_EQ(gPushes, std::vector<Push>{Push(gBuffer.data(), 30, 7, 8, 0)});
-  EXPECT_EQ(depth, 12u);  // asked by the first successful spot pull above
+  uint32_t width = 0;
+  EXPECT_EQ(pull(FrameInfoVersion::V3, cam, 24, 0, 0), 1u);
+  EXPECT_EQ(pullNamed(cam, 8, 0), 1u);
+  EXPECT_EQ(vantix::pullNamed(kSession, cam, 1, gBuffer.data(), 24, &width, nullptr, recordPush),
+            1u);
+  EXPECT_TRUE(gPushes.empty());
   const uint32_t asked = statsOf(sim).rawFormatCalls;
-  for (int i = 0; i < 3; ++i) pullEach(cam, 16, &depth);
-  EXPECT_EQ(statsOf(sim).rawFormatCalls, asked);
+  pullEach(cam, 16, &depth);  // the depth is known: not asked again
   sim.setRawBits(cam, 0);
   depth = 0;
-  for (int i = 0; i < 3; ++i) pullEach(cam, 16, &depth);
-  EXPECT_EQ(statsOf(sim).rawFormatCalls, asked + 3);
-  EXPECT_EQ(depth, 0u);
+  for (int i = 0; i < 3; ++i) pullEach(cam, 16, &depth);  // asked while it stays 0
+  EXPECT_EQ(cv::Vec2i(statsOf(sim).rawFormatCalls - asked, depth), cv::Vec2i(3, 0));
   sim.close(cam);
 }
 
-TEST(CameraSdk, HostScenarios) {
-  const std::pair<const char*, void (*)()> scenarios[] = {
-      {"first full SDK is bound", firstFullSdkIsBound},
-      {"failed searches leave no object loaded", failedSearchesLeaveNoObjectLoaded},
-      {"a binding is final", bindingIsFinal},
-      {"pull results, records and pushes", pullResultsRecordsAndPushes}};
-  for (const auto& [name, body] : scenarios) EXPECT_TRUE(vtest::runInChildProcess(body)) << name;
+// Pulls through exported variant `variant` (V2, V3, V4, named) of a session
+// of either family, 24 bits at a pitch of kPitch; the named pull writes the
+// frame size to the record's first two words.
+constexpr uint32_t kPitch = 200;  // 64 pixels take 192 bytes
+template <typename Session>
+VantixResult pullInto(Session& s, int variant, void* cam, uint8_t* b, uint8_t* r) {
+  auto* size = reinterpret_cast<uint32_t*>(r);
+  switch (variant) {
+    case 0: return s.pull(cam, b, 24, kPitch, reinterpret_cast<FrameInfoV2*>(r));
+    case 1: return s.pullV3(cam, b, 24, kPitch, reinterpret_cast<FrameInfoV3*>(r));
+    case 2: return s.pullV4(cam, b, 24, kPitch, reinterpret_cast<FrameInfoV4*>(r));
+    default: return s.pullnam(cam, b, 24, size, size + 1);
+  }
 }
+
+// Each exported pull reads its own record version and pushes the frame at
+// the pull's row pitch (the named pull at the session's default stride) into
+// its own session: a fresh EDF session's first fused image is the camera's
+// scene, the stitch session reports a frame of the camera's size.  With push
+// 0 the session may be null.
+void exportsPushIntoTheirSession() {
+  vantix::init();
+  const auto sim = load(simcam_load_api, "libvantix_simcam.so");
+  SimcamCamera* cam = sim.open(64, 48);
+  const cv::Mat scene = vtest::randomImage(48, 64, CV_8UC3, 5);
+  ASSERT_EQ(sim.setStill(cam, scene.data, 64, 48, static_cast<uint32_t>(scene.step)), SIMCAM_S_OK);
+  std::vector<uint8_t> buffer(kPitch * 48);
+  for (const bool edf : {false, true}) {
+    for (int variant = 0; variant < 4; ++variant) {
+      SCOPED_TRACE(std::string(edf ? "EDF" : "stitch") + " variant " + std::to_string(variant));
+      vtest::Latch arrived;
+      cv::Mat fused;
+      cv::Size placed;
+      vantix::StitchSession stitch(64, 48, [&](const vantix::StitchFrame& f) {
+        placed = cv::Size(int(f.frameWidth), int(f.frameHeight));
+        arrived.open();
+      });
+      vantix::EdfSession fuser([&](const vantix::EdfFrame& f) {
+        fused = cv::Mat(int(f.height), int(f.width), int(f.type), const_cast<uint8_t*>(f.data),
+                        f.stride)
+                    .clone();
+        arrived.open();
+      });
+      std::vector<uint8_t> record(sizeof(FrameInfoV4) + 8, kFill);
+      const uint32_t index = sim.frameIndex(cam);
+      edf ? fuser.start() : stitch.start();
+      ASSERT_EQ(edf ? pullInto(fuser, variant, cam, buffer.data(), record.data())
+                    : pullInto(stitch, variant, cam, buffer.data(), record.data()),
+                VANTIX_S_OK);
+      arrived.wait();
+      EXPECT_EQ(cv::Mat(1, 2, CV_32S, record.data()).at<cv::Vec2i>(0), cv::Vec2i(64, 48));
+      const size_t size = std::vector<size_t>{24, 40, 104, 8}[variant];
+      EXPECT_EQ(record[size - 1], variant == 3 ? 0 : static_cast<uint8_t>((size - 1) * 7 + index));
+      EXPECT_EQ(record[size], kFill);
+      EXPECT_EQ(edf ? cv::norm(fused, scene, cv::NORM_INF) : 0.0, 0.0);
+      EXPECT_EQ(edf ? cv::Size(64, 48) : placed, cv::Size(64, 48));
+    }
+  }
+  FrameInfoV4 record{};
+  EXPECT_EQ(vantix_stitch_pullV4(nullptr, cam, 0, buffer.data(), 24, 0, &record), VANTIX_S_OK);
+  EXPECT_EQ(record.width, 64u);
+  sim.close(cam);
+}
+
+// Three threads make their first pulls at the same moment (V2 into a stitch
+// session, V3 and the named pull into an EDF session) while the main thread
+// starts and stops both sessions.  Every pull succeeds, and both bindings
+// are made with at most one search a thread (each thread's first pull):
+// later pulls never search again.
+void firstPullsAtOnceWhileSessionsStartAndStop() {
+  constexpr int kThreads = 3, kPulls = 5;
+  vantix::init();
+  const auto sim = load(simcam_load_api, "libvantix_simcam.so");
+  vantix::StitchSession stitch(96, 72, [](const vantix::StitchFrame&) {});
+  vantix::EdfSession edf([](const vantix::EdfFrame&) {});
+  const std::vector<SimcamCamera*> cameras = {sim.open(96, 72), sim.open(96, 72), sim.open(96, 72)};
+  const auto pullOnce = [&](int thread, uint8_t* buffer) {
+    void* cam = cameras[thread];
+    uint32_t w = 0, h = 0;
+    switch (thread) {
+      case 0: return vantix_stitch_pull(stitch.handle(), cam, 1, buffer, 24, 0, nullptr);
+      case 1: return vantix_edf_pullV3(edf.handle(), cam, 1, buffer, 24, 0, nullptr);
+      default: return vantix_edf_pullnam(edf.handle(), cam, 1, buffer, 24, &w, &h);
+    }
+  };
+  std::atomic<int> failed{0};
+  vtest::Latch go;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      std::vector<uint8_t> buffer(96 * 72 * 3);
+      go.wait();
+      for (int k = 0; k < kPulls; ++k) failed += pullOnce(i, buffer.data()) != 0;
+    });
+  }
+  go.open();
+  for (int k = 0; k < kPulls; ++k) {
+    stitch.start();
+    edf.start();
+    stitch.stop();
+    edf.stop();
+  }
+  for (std::thread& t : threads) t.join();
+  const uint32_t searches = statsOf(sim).prefixCalls;
+  EXPECT_EQ(failed.load(), 0);
+  EXPECT_TRUE(searches >= 2 && searches <= kThreads) << searches << " searches";
+  for (SimcamCamera* cam : cameras) sim.close(cam);
+}
+
+// The array camera serves a strided 12-bit colour frame at every pull
+// layout: its values at 48 bits, their grey at 16, scaled from 12 to 8 bits
+// at 8, padding left alone.  It refuses a pitch too short for the row, and
+// handles that are not (or no longer) its cameras.
+void arrayCameraServesEveryLayout() {
+  void* so = dlopen(VANTIX_ARRAYCAM_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(so, nullptr) << dlerror();
+  const auto pull = reinterpret_cast<decltype(&DllPullImageWithRowPitchV2)>(
+      dlsym(so, "DllPullImageWithRowPitchV2"));
+  ArraycamCamera* camera = reinterpret_cast<decltype(&arraycam_open)>(dlsym(so, "arraycam_open"))();
+  std::vector<uint8_t> out(256, kFill);
+  EXPECT_EQ(pull(camera, out.data(), 16, 64, nullptr), ARRAYCAM_E_NOFRAME);
+  // 5 x 3 pixels of B G R in 16-bit words, rows 40 bytes apart (30 used); the
+  // gap holds values no pull may deliver.
+  constexpr int W = 5, H = 3;
+  std::vector<uint16_t> words(20 * H, 0xFFFF);
+  cv::Mat frame(H, W, CV_16UC3, words.data(), 40);
+  cv::randu(frame, 0, 4096);
+  const auto setFrame =
+      reinterpret_cast<decltype(&arraycam_set_frame)>(dlsym(so, "arraycam_set_frame"));
+  ASSERT_EQ(setFrame(camera, words.data(), W, H, 16, 3, 40, 12), ARRAYCAM_S_OK);
+  cv::Mat_<uint16_t> grey(H, W);
+  cv::Mat_<uint8_t> grey8(H, W);
+  for (int i = 0; i < W * H; ++i) {
+    const cv::Vec3w p = frame.at<cv::Vec3w>(i / W, i % W);
+    grey(i / W, i % W) =
+        static_cast<uint16_t>((299u * p[2] + 587u * p[1] + 114u * p[0] + 500) / 1000);
+    grey8(i / W, i % W) = static_cast<uint8_t>(std::min(255, (grey(i / W, i % W) + 8) >> 4));
+  }
+  const struct {
+    int32_t bits, pitch;
+    const cv::Mat& expected;
+  } layouts[] = {{48, 36, frame}, {16, 0, grey}, {8, 0, grey8}};
+  for (const auto& l : layouts) {
+    out.assign(256, kFill);
+    uint32_t record[6] = {};
+    ASSERT_EQ(pull(camera, out.data(), l.bits, l.pitch, record), ARRAYCAM_S_OK) << l.bits;
+    EXPECT_EQ(std::vector<uint32_t>(record, record + 6),
+              (std::vector<uint32_t>{W, H, 1, 16, 3, 12}));
+    const size_t row = W * l.expected.elemSize();
+    const size_t stride = l.pitch ? size_t(l.pitch) : (row + 3) / 4 * 4;
+    const cv::Mat pulled(H, W, l.expected.type(), out.data(), stride);
+    EXPECT_EQ(cv::norm(pulled, l.expected, cv::NORM_INF), 0.0) << l.bits;
+    for (int y = 0; y < H; ++y) EXPECT_EQ(out[y * stride + row], kFill) << l.bits;
+  }
+  EXPECT_EQ(pull(camera, out.data(), 24, 8, nullptr), ARRAYCAM_E_INVALIDARG);  // < 15 bytes
+  int foreign = 0;
+  EXPECT_EQ(pull(&foreign, out.data(), 8, 0, nullptr), ARRAYCAM_E_HANDLE);
+  reinterpret_cast<decltype(&arraycam_close)>(dlsym(so, "arraycam_close"))(camera);
+  EXPECT_EQ(pull(camera, out.data(), 8, 0, nullptr), ARRAYCAM_E_HANDLE);
+}
+
+// One child process a scenario, one test a scenario (a child inherits the
+// failures of the test it was forked from).
+using Scenario = std::pair<const char*, void (*)()>;
+class CameraSdk : public ::testing::TestWithParam<Scenario> {};
+TEST_P(CameraSdk, InAHostProcess) {
+  EXPECT_TRUE(vtest::runInChildProcess(GetParam().second));
+}
+INSTANTIATE_TEST_SUITE_P(
+    Scenarios, CameraSdk,
+    ::testing::Values(Scenario("FirstSdkWithV2IsBoundForGood", firstSdkWithV2IsBoundForGood),
+                      Scenario("PullResultsAndPushes", pullResultsAndPushes),
+                      Scenario("ExportsPushIntoTheirSession", exportsPushIntoTheirSession),
+                      Scenario("FirstPullsAtOnceWhileSessionsStartAndStop",
+                               firstPullsAtOnceWhileSessionsStartAndStop),
+                      Scenario("ArrayCameraServesEveryLayout", arrayCameraServesEveryLayout)),
+    [](const ::testing::TestParamInfo<Scenario>& info) { return info.param.first; });
 
 }  // namespace
