@@ -359,12 +359,6 @@ cv::Mat moved(const cv::Mat& image, double scale, double dx, double dy) {
 double Moments::diameter(long double second) {
   return static_cast<double>(4 * std::sqrt(second));
 }
-double Moments::dMajor() const {
-  return diameter((xx + yy + std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy)) / 2);
-}
-double Moments::dMinor() const {
-  return diameter((xx + yy - std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy)) / 2);
-}
 
 void addBeam(cv::Mat& image, const Beam& beam, double reach) {
   CV_Assert(image.type() == CV_32F || image.type() == CV_64F);
@@ -403,19 +397,6 @@ cv::Mat beamImage(int width, int height, const Beam& beam, int type) {
   cv::Mat image = cv::Mat::zeros(height, width, type);
   drawBeam(image, beam);
   return image;
-}
-
-Moments beamMoments(const Beam& beam) {
-  const double c = std::cos(beam.angleDeg * CV_PI / 180), s = std::sin(beam.angleDeg * CV_PI / 180);
-  const double a = beam.sigma1 * beam.sigma1, b = beam.sigma2 * beam.sigma2;
-  Moments m;
-  m.total = kTwoPi * beam.sigma1 * beam.sigma2 * beam.peak;
-  m.cx = beam.cx;
-  m.cy = beam.cy;
-  m.xx = a * c * c + b * s * s;
-  m.yy = a * s * s + b * c * c;
-  m.xy = (a - b) * c * s;
-  return m;
 }
 
 Moments momentsOf(const cv::Mat& image, cv::Rect rect) {

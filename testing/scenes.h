@@ -174,8 +174,6 @@ struct Moments {
   long double total = 0, cx = 0, cy = 0, xx = 0, yy = 0, xy = 0;
   double dX() const { return diameter(xx); }
   double dY() const { return diameter(yy); }
-  double dMajor() const;  // along the principal axes
-  double dMinor() const;
   static double diameter(long double second);  // 4 sqrt(second moment)
 };
 
@@ -187,8 +185,6 @@ void addBeam(cv::Mat& image, const Beam& beam, double reach = 0);
 void drawBeam(cv::Mat& image, const Beam& beam);
 cv::Mat beamImage(int width, int height, const Beam& beam, int type = CV_16UC1);
 
-// The moments of a continuous beam, from its parameters alone.
-Moments beamMoments(const Beam& beam);
 // The moments of a one-channel image (or of a rectangle of it), summed in
 // long double pixel by pixel.
 Moments momentsOf(const cv::Mat& image, cv::Rect rect = cv::Rect());

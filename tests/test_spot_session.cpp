@@ -1,7 +1,7 @@
 // The spot session: averaging over blocks, pulls through the simulated
 // camera with the refusals of the exports, and the ROI set from
 // another thread while frames are measured (this program also runs under
-// ThreadSanitizer; resets and apertures from other threads are in test_pull).
+// ThreadSanitizer).
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 

@@ -33,7 +33,6 @@ constexpr double kPi = 3.14159265358979323846;
 struct Scene {
   std::function<cv::Mat(uint32_t index)> render;
   std::function<SimcamPoint(uint32_t index)> position;                  // pans
-  std::function<double(uint32_t index, uint32_t x, uint32_t y)> sigma;  // focus sweeps
   std::function<SimcamSpotTruth(uint32_t index, uint32_t spot)> truth;  // spots
   uint32_t spots = 0;
 };
@@ -122,10 +121,6 @@ ScenePtr focusScene(const cv::Mat& sharp, uint32_t frameCount, double maxBlur) {
     return maxBlur * std::max(0.0, std::abs(d - focus) - halfField) / (1 - halfField);
   };
   auto scene = std::make_shared<Scene>();
-  scene->sigma = [=](uint32_t index, uint32_t x, uint32_t y) {
-    if (x >= static_cast<uint32_t>(depth.cols) || y >= static_cast<uint32_t>(depth.rows)) return -1.0;
-    return sigma(index, depth.at<float>(static_cast<int>(y), static_cast<int>(x)));
-  };
   scene->render = [=](uint32_t index) {
     cv::Mat sigmas(depth.size(), CV_32F);
     for (int y = 0; y < depth.rows; ++y) {
@@ -415,11 +410,6 @@ SIMCAM_API int32_t simcam_set_focus_sweep(SimcamCamera* camera, const uint8_t* b
     if (image.empty()) return nullptr;
     return focusScene(fitToFrame(image, camera->size), frameCount, maxBlurSigma);
   });
-}
-
-SIMCAM_API double simcam_focus_sigma(SimcamCamera* camera, uint32_t index, uint32_t x, uint32_t y) {
-  const ScenePtr scene = camera->current();
-  return scene->sigma ? scene->sigma(index, x, y) : -1.0;
 }
 
 SIMCAM_API int32_t simcam_set_spots(SimcamCamera* camera, const SimcamSpot* spots, uint32_t count,

@@ -209,9 +209,6 @@ SIMCAM_API int32_t simcam_pan_position(SimcamCamera* camera, uint32_t index, Sim
 SIMCAM_API int32_t simcam_set_focus_sweep(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
                                           uint32_t height, uint32_t stride, uint32_t frameCount,
                                           double maxBlurSigma);
-/* The blur sigma at pixel (x, y) in frame `index`; -1 when the scene is not
- * a focus sweep or the pixel is outside the frame. */
-SIMCAM_API double simcam_focus_sigma(SimcamCamera* camera, uint32_t index, uint32_t x, uint32_t y);
 
 /* Grey Gaussian spots on a background, with additive Gaussian noise (standard
  * deviation `noise`, fractions of full scale, the same for the same seed and

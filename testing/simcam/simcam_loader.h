@@ -42,7 +42,6 @@ extern "C" {
   X(setPan, "simcam_set_pan", simcam_set_pan, 1)                           \
   X(panPosition, "simcam_pan_position", simcam_pan_position, 1)            \
   X(setFocusSweep, "simcam_set_focus_sweep", simcam_set_focus_sweep, 1)    \
-  X(focusSigma, "simcam_focus_sigma", simcam_focus_sigma, 1)               \
   X(setSpots, "simcam_set_spots", simcam_set_spots, 1)                     \
   X(setSpot, "simcam_set_spot", simcam_set_spot, 1)                        \
   X(spotTruth, "simcam_spot_truth", simcam_spot_truth, 1)                  \
