@@ -20,11 +20,6 @@ for _name, _restype, _argtypes in (
         ("simcam_blur", _i32, [_p, _u32, _u32, _u32, _c.c_double, _p, _u32])):
     getattr(lib, _name).restype, getattr(lib, _name).argtypes = _restype, _argtypes
 
-# Sample type and channels of each pull layout.
-LAYOUTS = {8: (np.uint8, 1), 16: (np.uint16, 1), 24: (np.uint8, 3), 32: (np.uint8, 4),
-           48: (np.uint16, 3), 64: (np.uint16, 4)}
-
-
 def texture(height, width, seed):
     """A B G R scene with detail at several scales that registers uniquely."""
     scene = np.empty((height, width, 3), np.uint8)
@@ -62,7 +57,8 @@ class Camera:
 
     def render(self, index, bits=24):
         """Frame `index` as a pull delivers it: the ground truth of a pull."""
-        dtype, channels = LAYOUTS[bits]
+        dtype = np.uint16 if bits in (16, 48, 64) else np.uint8
+        channels = bits // 8 // np.dtype(dtype).itemsize
         w, h = self.size
         pitch = lib.simcam_default_pitch(w, bits)
         buffer = np.zeros(pitch * h, np.uint8)
