@@ -20,15 +20,14 @@
 #include <vantix.h>
 
 // A broken invariant is a finding: stop with a crash the fuzzer records.
-#define FUZZ_CHECK(cond)                                                      \
-  do {                                                                        \
-    if (!(cond)) {                                                            \
-      std::fprintf(stderr, "%s:%d: broken: %s\n", __FILE__, __LINE__, #cond); \
-      std::abort();                                                           \
-    }                                                                         \
-  } while (0)
+#define FUZZ_CHECK(cond) ((cond) ? void() : fuzz::broken(__FILE__, __LINE__, #cond))
 
 namespace fuzz {
+
+[[noreturn]] inline void broken(const char* file, int line, const char* what) {
+  std::fprintf(stderr, "%s:%d: broken: %s\n", file, line, what);
+  std::abort();
+}
 
 // Takes fixed-size values from the front of the input (zeros once it is
 // used up); the bytes left over are pixel data.

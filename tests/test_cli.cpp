@@ -44,24 +44,15 @@ TEST(Cli, CommandLinesMapToTheirWorkAndStatus) {
 
   write("in.png", vtest::texturedScene({30, 20}));
   // A flat colour (B G R 40 120 200) seen through an RGGB filter.
-  cv::Mat raw(16, 16, CV_8U);
-  for (int y = 0; y < 16; ++y) {
-    for (int x = 0; x < 16; ++x)
-      raw.at<uint8_t>(y, x) = y % 2 ? (x % 2 ? 40 : 120) : (x % 2 ? 120 : 200);
-  }
-  write("raw.png", raw);
+  write("raw.png", cv::repeat((cv::Mat_<uint8_t>(2, 2) << 200, 120, 120, 40), 8, 8));
   // A bright square with its top-left corner at (50, 40).
   cv::Mat square(100, 120, CV_8UC3, cv::Scalar::all(30));
   cv::rectangle(square, cv::Rect(50, 40, 14, 14), cv::Scalar::all(230), cv::FILLED);
   write("square.png", square);
   // A focus stack whose names sort differently as text and as numbers.
   fs::create_directory(dir / "stack");
-  const cv::Mat sharp = vtest::texturedScene({64, 48});
-  for (int i : {10, 2, 1}) {
-    cv::Mat blurred;
-    cv::GaussianBlur(sharp, blurred, {}, 0.5 + i / 4.0);
-    write("stack/f" + std::to_string(i) + ".png", blurred);
-  }
+  for (int i : {10, 2, 1})
+    write("stack/f" + std::to_string(i) + ".png", vtest::texturedScene({64, 48}));
   // Frames of 320 x 240 every 30 px along a row of a photograph: the scan
   // covers 530 x 240.  Flat frames give the registration nothing.
   const cv::Mat photo = vtest::photo("aloeL.jpg");

@@ -11,6 +11,7 @@
 #include <vantix.hpp>
 
 #include "support/sessions.h"
+#include "testing/scenes.h"
 
 namespace {
 
@@ -32,9 +33,7 @@ TEST(CppHeader, MovedSessionsKeepTheirCallbacksAndThePanoramaIsReleased) {
         ++releases;
         std::free(p);
       });
-  std::vector<uint8_t> frame(300 * 50);  // 100 x 50 B G R noise, rows of 300 bytes
-  uint32_t seed = 12345;
-  for (uint8_t& v : frame) v = static_cast<uint8_t>((seed = seed * 1664525u + 1013904223u) >> 24);
+  const cv::Mat frame = vtest::texturedScene({100, 50});  // B G R rows of 300 bytes
   std::atomic<uint32_t> frameWidth{0};
   vtest::Latch framed;
   vantix::StitchSession first(100, 50, [&](const vantix::StitchFrame& f) {
@@ -45,7 +44,7 @@ TEST(CppHeader, MovedSessionsKeepTheirCallbacksAndThePanoramaIsReleased) {
   vantix::StitchSession moved(std::move(first));  // the worker runs meanwhile
   vantix::StitchSession other(64, 48, [](const vantix::StitchFrame&) {});
   other = std::move(moved);  // deletes other's own session first
-  other.pushback(frame.data(), 100, 50);
+  other.pushback(frame.data, 100, 50);
   framed.wait();
   EXPECT_EQ(frameWidth.load(), 100u);
   {
@@ -55,7 +54,7 @@ TEST(CppHeader, MovedSessionsKeepTheirCallbacksAndThePanoramaIsReleased) {
     EXPECT_EQ(view.width, 100u);
     EXPECT_EQ(view.height, 50u);
     ASSERT_EQ(view.stride, 300u);
-    EXPECT_EQ(std::memcmp(view.data, frame.data(), frame.size()), 0);
+    EXPECT_EQ(std::memcmp(view.data, frame.data, 300 * 50), 0);
   }
   EXPECT_GE(allocations.load(), 1);
   EXPECT_EQ(releases.load(), allocations.load());
