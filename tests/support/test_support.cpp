@@ -9,15 +9,28 @@
 
 namespace vtest {
 
+namespace {
+int failedParts() {
+  const ::testing::TestResult* result =
+      ::testing::UnitTest::GetInstance()->current_test_info()->result();
+  int failed = 0;
+  for (int i = 0; i < result->total_part_count(); ++i) failed += result->GetTestPartResult(i).failed();
+  return failed;
+}
+}  // namespace
+
 ::testing::AssertionResult runInChildProcess(const std::function<void()>& body) {
   fflush(stdout);
   fflush(stderr);
   const pid_t pid = fork();
   if (pid < 0) return ::testing::AssertionFailure() << "fork failed";
   if (pid == 0) {
+    // Only the body's own failures count: the child inherits those the
+    // parent's test had before the fork.
+    const int before = failedParts();
     body();
     fflush(stdout);
-    _exit(::testing::Test::HasFailure() ? 1 : 0);
+    _exit(failedParts() > before ? 1 : 0);
   }
   int status = 0;
   if (waitpid(pid, &status, 0) != pid) return ::testing::AssertionFailure() << "waitpid failed";
