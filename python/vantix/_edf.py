@@ -81,9 +81,10 @@ class EdfSession(ThreadedSession):
             bridge.frame_reported(item)
 
         def on_error(_ctx, code):
-            bridge.worker_halted()
             bridge.run(lambda: EdfError(code, ERROR_NAMES.get(code, f"error {code}"),
                                         threading.get_ident()))
+            # Halted only once the error can be read: drain() returns then.
+            bridge.worker_halted()
 
         frame_fn, error_fn = _native.EdfFrameFn(on_frame), _native.EdfErrorFn(on_error)
         bridge.callbacks = (frame_fn, error_fn)

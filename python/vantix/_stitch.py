@@ -122,14 +122,18 @@ class StitchSession(ThreadedSession):
         growing = [False]
 
         def on_event(_ctx, code):
+            halts = False
             if code == _GROWTH_BEGUN:
                 growing[0] = True
             elif growing[0] and code in _GROWTH_OUTCOMES:
                 growing[0] = False
-            elif code in _HALTING_EVENTS:
-                bridge.worker_halted()
+            else:
+                halts = code in _HALTING_EVENTS
             bridge.run(lambda: StitchEvent(code, EVENT_NAMES.get(code, f"event {code}"),
                                            threading.get_ident()))
+            # Halted only once the event can be read: drain() returns then.
+            if halts:
+                bridge.worker_halted()
 
         frame_fn, event_fn = _native.StitchFrameFn(on_frame), _native.StitchEventFn(on_event)
         bridge.callbacks = (frame_fn, event_fn)
