@@ -1,10 +1,15 @@
 // The vantix command-line tool run as a separate process: what each command
 // line maps to, its exit status (0 done, 1 failed with a reason, 2 wrong
-// command line) and the outputs of the sizes and types asked for.
+// command line) and the outputs of the sizes and types asked for; and the
+// demo: its printed figures against the simulated camera's truth, and its
+// report rendered in headless Chromium (Debian's chromium), where every
+// embedded image must load.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -24,6 +29,33 @@ std::string slurp(const fs::path& file) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
+fs::path freshFolder() {
+  char pattern[] = "/tmp/vantix_cli_XXXXXX";
+  return mkdtemp(pattern) != nullptr ? pattern : "";
+}
+
+// Runs the tool in `dir`, its output going to out.txt and err.txt there.
+int run(const fs::path& dir, const std::string& args) {
+  const std::string command =
+      "cd " + dir.string() + " && " VANTIX_TOOL_PATH " " + args + " >out.txt 2>err.txt";
+  const int status = std::system(command.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The number printed after `label` (NaN when the label is missing).
+double after(const std::string& text, const std::string& label) {
+  const size_t at = text.find(label);
+  double value = NAN;
+  if (at != std::string::npos) std::sscanf(text.c_str() + at + label.size(), "%lf", &value);
+  return value;
+}
+
+size_t countOf(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
 struct Case {
   std::string args;  // run in the test's folder, where the inputs are
   int status;
@@ -34,9 +66,8 @@ struct Case {
 };
 
 TEST(Cli, CommandLinesMapToTheirWorkAndStatus) {
-  char pattern[] = "/tmp/vantix_cli_XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  const fs::path dir = pattern;
+  const fs::path dir = freshFolder();
+  ASSERT_FALSE(dir.empty());
   const auto write = [&](const std::string& name, const cv::Mat& image) {
     EXPECT_TRUE(cv::imwrite((dir / name).string(), image)) << name;
     return name;
@@ -97,12 +128,9 @@ TEST(Cli, CommandLinesMapToTheirWorkAndStatus) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args);
-    const int status = std::system(
-        ("cd " + dir.string() + " && " VANTIX_TOOL_PATH " " + c.args + " >out.txt 2>err.txt")
-            .c_str());
-    ASSERT_TRUE(WIFEXITED(status));
+    const int status = run(dir, c.args);
     const std::string out = slurp(dir / "out.txt"), err = slurp(dir / "err.txt");
-    EXPECT_EQ(WEXITSTATUS(status), c.status) << err;
+    EXPECT_EQ(status, c.status) << err;
     EXPECT_NE((c.status == 0 ? out : err).find(c.says), std::string::npos) << out << err;
     if (c.status != 0) {
       EXPECT_EQ(err.rfind("vantix: ", 0), 0u) << err;
@@ -124,6 +152,59 @@ TEST(Cli, CommandLinesMapToTheirWorkAndStatus) {
   const cv::Mat colour = cv::imread((dir / "c.tif").string());
   ASSERT_EQ(colour.size(), cv::Size(16, 16));
   EXPECT_EQ(colour.at<cv::Vec3b>(8, 8), cv::Vec3b(40, 120, 200));
+  fs::remove_all(dir);
+}
+
+TEST(Cli, DemoFiguresMeetTheTruthAndEveryImageLoads) {
+  const fs::path dir = freshFolder();
+  ASSERT_FALSE(dir.empty());
+  // A relative --out: the report's path is printed absolute all the same.
+  ASSERT_EQ(run(dir, "demo --out out"), 0) << slurp(dir / "err.txt");
+  const std::string out = slurp(dir / "out.txt");
+  const fs::path report = dir / "out" / "report.html";
+  EXPECT_NE(out.find("Open " + report.string() + " in a browser"), std::string::npos) << out;
+
+  // Nine frames in ten placed within 2 px of the camera's true positions,
+  // spot diameters within 1 px, and a fusion 3 dB above the sharpest frame.
+  unsigned placed = 0, frames = 0;
+  const size_t line = out.rfind('\n', out.find(" frames placed")) + 1;
+  ASSERT_EQ(std::sscanf(out.c_str() + line, "%u of %u", &placed, &frames), 2) << out;
+  EXPECT_GE(placed * 10, frames * 9);
+  EXPECT_LT(after(out, " px, max "), 2.0) << out;
+  EXPECT_LT(after(out, "largest diameter error "), 1.0) << out;
+  EXPECT_GT(after(out.substr(out.find("Best fusion")), "): "),
+            after(out, "sharpest single frame: ") + 3.0)
+      << out;
+
+  // Self-contained, and every image loads in a browser: a script added to
+  // the page counts, once it has loaded, the images that decoded and the
+  // plots drawn.
+  const std::string html = slurp(report);
+  EXPECT_EQ(html.find("<script"), std::string::npos);
+  EXPECT_EQ(countOf(html, "src=\""), countOf(html, "src=\"data:image/"));
+  const size_t images = countOf(html, "<img ");
+  ASSERT_GE(images, 10u);
+  std::string page = html;
+  page.insert(page.rfind("</body>"),
+              "<script>addEventListener('load', () => {"
+              "const ok = [...document.images].filter(i => i.complete && i.naturalWidth > 0);"
+              "document.body.setAttribute('data-loaded', ok.length);"
+              "document.body.setAttribute('data-plots', "
+              "document.querySelectorAll('svg polyline').length);"
+              "});</script>");
+  std::ofstream(dir / "checked.html") << page;
+  const std::string chromium =
+      "env -u LD_PRELOAD -u ASAN_OPTIONS -u UBSAN_OPTIONS -u LSAN_OPTIONS -u TSAN_OPTIONS HOME=" +
+      dir.string() +
+      " timeout 120 /usr/bin/chromium --headless --no-sandbox --disable-gpu "
+      "--disable-dev-shm-usage --no-first-run --user-data-dir=" +
+      (dir / "profile").string() + " --virtual-time-budget=5000 --dump-dom file://" +
+      (dir / "checked.html").string() + " >" + (dir / "dom.html").string() + " 2>/dev/null";
+  ASSERT_EQ(std::system(chromium.c_str()), 0) << "chromium (Debian package) is needed";
+  const std::string dom = slurp(dir / "dom.html");
+  EXPECT_NE(dom.find("data-loaded=\"" + std::to_string(images) + "\""), std::string::npos)
+      << dom.substr(0, 300);
+  EXPECT_NE(dom.find("data-plots=\"5\""), std::string::npos);  // error; 4 diameters
   fs::remove_all(dir);
 }
 
