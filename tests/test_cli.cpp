@@ -29,6 +29,7 @@ std::string slurp(const fs::path& file) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
+// A new empty folder under /tmp (an empty path if none could be made).
 fs::path freshFolder() {
   char pattern[] = "/tmp/vantix_cli_XXXXXX";
   return mkdtemp(pattern) != nullptr ? pattern : "";
