@@ -67,8 +67,6 @@ CLvProcessor::CLvProcessor(uint32_t format, uint32_t width, uint32_t height, uin
     : scalePercent_(stitchScalePercent(scaleLevel)),
       format_(format),
       sharpnessFactor_(0.0),
-      width_(width),
-      height_(height),
       onFrame_(onFrame),
       onEvent_(onEvent),
       context_(context),

@@ -90,7 +90,6 @@ class CLvProcessor {
   float minSharpness_ = 0.0f, minMatch_ = 0.0f;
   uint32_t format_;
   double sharpnessFactor_;
-  uint32_t width_, height_;
   std::unique_ptr<CLvCanvas> canvas_;
   std::shared_ptr<cv::DescriptorMatcher> matcher_;
   VantixStitchFrameFn onFrame_;
