@@ -1,20 +1,23 @@
-// A host of stitch and EDF sessions for the session tests: it records what
-// the callbacks report, can keep the worker waiting inside a frame callback,
-// and drives a session of either family through the exported functions.
-// Waits have no time limit (the test runner's timeout ends a hang).
+// A host of stitch and EDF sessions for the session tests: it owns a session
+// of either family (vantix.hpp), records what the callbacks report, can keep
+// the worker waiting inside a frame callback, and counts callbacks that come
+// after stop or delete returned.  Waits have no time limit (the test
+// runner's timeout ends a hang).
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <vector>
 
 #include <opencv2/core.hpp>
-#include <vantix.h>
+#include <vantix.hpp>
 
 #if defined(__SANITIZE_THREAD__)
 #define VTEST_TSAN 1
@@ -69,89 +72,67 @@ class Latch {
   bool open_ = false;
 };
 
-// One stitch frame report.
-struct StitchCall {
-  int32_t x, y;
-  uint32_t mode, reset, stride, canvasWidth, canvasHeight, frameWidth, frameHeight, type;
-  float score;
-};
-
-// Records the callbacks of the one session it made.  While the gate is
-// closed, a frame callback waits in the worker (`passes` more may go
-// through).  Callbacks that come while the window is closed (the host closes
-// it once stop or delete returned) are counted in `outside`.
+// Owns a session of either family, records what its callbacks report and
+// can hold the worker inside a frame callback.  Callbacks that come while
+// `window` is false (the tests clear it once stop or delete returned) are
+// counted in `outside`.
 struct Host {
   std::mutex m;
   std::condition_variable cv;
   int frames = 0;
-  std::vector<StitchCall> calls;
-  std::vector<uint32_t> codes;  // stitch events, EDF errors
-  cv::Mat last;                 // the last EDF image
-  uint32_t lastStride = 0;
-  bool gateClosed = false, blocked = false;
-  int passes = 0;
+  int allowed = INT_MAX;                   // frame callbacks after this many wait in the worker
+  bool blocked = false;                    // one waits now
+  std::vector<vantix::StitchFrame> calls;  // canvasData is stale after the call
+  std::vector<uint32_t> codes;             // stitch events, EDF errors
+  cv::Mat last;                            // a copy of the last EDF image
   std::atomic<bool> window{true};
   std::atomic<int> outside{0};
-  VantixStitch* stitch = nullptr;
-  VantixEdf* edf = nullptr;
+  VantixStitch* stitchHandle = nullptr;  // what the stitch callback reads
+  // Declared last: destroyed (workers joined) before what they record into.
+  std::unique_ptr<vantix::StitchSession> stitch;
+  std::unique_ptr<vantix::EdfSession> edf;
 
-  // Called with the lock held.
-  void arrived(std::unique_lock<std::mutex>& lock) {
-    outside += !window.load();
-    ++frames;
-    cv.notify_all();
-    while (gateClosed && passes == 0) {
-      blocked = true;
-      cv.notify_all();
-      cv.wait(lock);
-    }
-    if (gateClosed) --passes;
-    blocked = false;
-  }
-  static void onStitch(void* ctx, const uint8_t*, uint32_t stride, uint32_t cw, uint32_t ch,
-                       uint32_t fw, uint32_t fh, uint32_t type, int32_t x, int32_t y, uint32_t mode,
-                       uint32_t, uint32_t reset, float score) {
-    auto* h = static_cast<Host*>(ctx);
+  void onStitch(const vantix::StitchFrame& f) {
     // Reading the session here would never return if the worker called
     // back with a session lock held.
-    uint32_t cx, cy, cww, chh;
-    vantix_stitch_cropparams(h->stitch, &cx, &cy, &cww, &chh);
-    std::unique_lock<std::mutex> lock(h->m);
-    h->calls.push_back(StitchCall{x, y, mode, reset, stride, cw, ch, fw, fh, type, score});
-    h->arrived(lock);
+    uint32_t x, y, w, h;
+    vantix_stitch_cropparams(stitchHandle, &x, &y, &w, &h);
+    std::unique_lock<std::mutex> lock(m);
+    calls.push_back(f);
+    arrived(lock);
   }
-  static void onEdf(void* ctx, uint32_t event, const uint8_t* data, uint32_t stride,
-                    uint32_t width, uint32_t height, uint32_t type) {
-    auto* h = static_cast<Host*>(ctx);
-    EXPECT_EQ(event, 0u);
-    std::unique_lock<std::mutex> lock(h->m);
-    h->last = cv::Mat(int(height), int(width), int(type), const_cast<uint8_t*>(data), stride).clone();
-    h->lastStride = stride;
-    h->arrived(lock);
+  void onEdf(const vantix::EdfFrame& f) {
+    EXPECT_EQ(f.event, 0u);
+    EXPECT_EQ(f.stride, f.width * CV_ELEM_SIZE(f.type));  // rows without padding
+    std::unique_lock<std::mutex> lock(m);
+    last = cv::Mat(int(f.height), int(f.width), int(f.type), const_cast<uint8_t*>(f.data)).clone();
+    arrived(lock);
   }
-  static void onCode(void* ctx, uint32_t code) {
-    auto* h = static_cast<Host*>(ctx);
-    std::lock_guard<std::mutex> lock(h->m);
-    h->outside += !h->window.load();
-    h->codes.push_back(code);
-    h->cv.notify_all();
-  }
-
-  VantixStitch* makeStitch(uint32_t w, uint32_t h, uint32_t background = 0, uint32_t format = 0,
-                           uint32_t scale = 2) {
-    return stitch = vantix_stitch_newV3(format, 0, w, h, background, scale, 2, &onStitch, &onCode,
-                                        this);
-  }
-  VantixEdf* makeEdf(uint32_t kind, uint32_t format = 0) {
-    return edf = vantix_edf_newV2(format, kind, &onEdf, &onCode, this);
-  }
-  // The session's failures: stitch events 1 (failed) and 2 (out of memory),
-  // every EDF error.
-  int failures() {
+  void onCode(uint32_t code) {
     std::lock_guard<std::mutex> lock(m);
-    return static_cast<int>(std::count_if(codes.begin(), codes.end(), [&](uint32_t c) {
-      return edf || c == VANTIX_STITCH_EVENT_FAILED || c == VANTIX_STITCH_EVENT_OUT_OF_MEMORY;
-    }));
+    outside += !window.load();
+    codes.push_back(code);
+    cv.notify_all();
+  }
+  // C callbacks reporting to the Host passed as context.
+  static void edfThunk(void* host, uint32_t event, const uint8_t* data, uint32_t stride,
+                       uint32_t width, uint32_t height, uint32_t type) {
+    static_cast<Host*>(host)->onEdf({event, data, stride, width, height, type});
+  }
+  static void codeThunk(void* host, uint32_t code) { static_cast<Host*>(host)->onCode(code); }
+
+  vantix::StitchSession& makeStitch(uint32_t w, uint32_t h, uint32_t background = 0,
+                                    uint32_t format = 0, uint32_t scale = 2) {
+    stitch = std::make_unique<vantix::StitchSession>(
+        w, h, [this](const vantix::StitchFrame& f) { onStitch(f); },
+        [this](uint32_t c) { onCode(c); }, format, background, scale);
+    stitchHandle = stitch->handle();
+    return *stitch;
+  }
+  vantix::EdfSession& openEdf(uint32_t kind, uint32_t format = 0) {
+    edf = std::make_unique<vantix::EdfSession>([this](const vantix::EdfFrame& f) { onEdf(f); },
+                                               [this](uint32_t c) { onCode(c); }, kind, format);
+    return *edf;
   }
 
   template <typename Done>
@@ -159,40 +140,51 @@ struct Host {
     std::unique_lock<std::mutex> lock(m);
     cv.wait(lock, done);
   }
-  void waitFrames(int n) { waitUntil([&] { return frames >= n; }); }
-  void waitCode() { waitUntil([&] { return !codes.empty(); }); }
-  void gate(bool closed, int pass = 0) {
+  void waitFrames(int n) {
+    waitUntil([&] { return frames >= n; });
+  }
+  // Closed, frame callbacks after those that already came wait (so closing
+  // it again lets the waiting one go on and holds the next).
+  void gate(bool closed) {
     std::lock_guard<std::mutex> lock(m);
-    gateClosed = closed;
-    passes += pass;
-    blocked = false;
+    allowed = closed ? frames : INT_MAX;
     cv.notify_all();
   }
 
-  // The session of either family through the exported functions.
-  void start() { stitch ? vantix_stitch_start(stitch) : vantix_edf_start(edf); }
-  VantixImageHeader* stop(bool image = false) {
-    if (stitch) return vantix_stitch_stop(stitch, image, 0);
-    vantix_edf_stop(edf);
+  // The owned session of either family; stop(true) takes the whole canvas.
+  void start() { stitch ? stitch->start() : edf->start(); }
+  vantix::Image stop(bool image = false) {
+    if (stitch) return stitch->stop(image, false);
+    edf->stop();
     return nullptr;
   }
-  VantixResult push(const cv::Mat& f, uint32_t pitch = 0) {
+  // Pushes `f` at its own row step unless another pitch is given.
+  void push(const cv::Mat& f, uint32_t pitch = 0) {
     pitch = pitch ? pitch : static_cast<uint32_t>(f.step[0]);
-    const auto bits = static_cast<int32_t>(8 * f.elemSize());
-    return stitch ? vantix_stitch_pushback(stitch, f.data, f.cols, f.rows, bits, pitch)
-                  : vantix_edf_pushback(edf, f.data, f.cols, f.rows, bits, pitch);
+    stitch ? stitch->pushback(f.data, f.cols, f.rows, pitch)
+           : edf->pushback(f.data, f.cols, f.rows, pitch);
   }
   void pushAndWait(const cv::Mat& f) {
     std::unique_lock<std::mutex> lock(m);
     const int before = frames;
     lock.unlock();
-    ASSERT_EQ(push(f), VANTIX_S_OK);
+    push(f);
     waitFrames(before + 1);
   }
   void destroy() {
-    stitch ? vantix_stitch_delete(stitch) : vantix_edf_delete(edf);
-    stitch = nullptr;
-    edf = nullptr;
+    stitch.reset();
+    edf.reset();
+  }
+
+ private:
+  // Called with the lock held.
+  void arrived(std::unique_lock<std::mutex>& lock) {
+    outside += !window.load();
+    const int index = ++frames;
+    blocked = index > allowed;
+    cv.notify_all();
+    cv.wait(lock, [&] { return index <= allowed; });
+    blocked = false;
   }
 };
 
