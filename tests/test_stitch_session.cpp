@@ -1,10 +1,12 @@
 // The stitch session: refusals, the worked example of a first frame and its
 // score, frame selection, a failing frame, growth of the canvas (and its
-// failure) and the readers.
+// failure) with readers on other threads, and readdata.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <thread>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -32,8 +34,13 @@ cv::Rect crop(const vantix::StitchSession& s) {
   const vantix::Rect r = s.cropparams();
   return cv::Rect(r.x, r.y, r.width, r.height);
 }
+// Grey levels 20..235: a scene pixel is never the black background.
 const cv::Mat& scene() {
-  static const cv::Mat image = vtest::texturedScene(cv::Size(1282, 1110), 4);
+  static const cv::Mat image = [] {
+    cv::Mat grey;
+    vtest::texturedScene(cv::Size(1282, 1110), 4).convertTo(grey, -1, 215.0 / 255.0, 20);
+    return grey;
+  }();
   return image;
 }
 
@@ -200,18 +207,51 @@ TEST_F(StitchSession, AFailingFrameStopsTheWorkerAndTheSessionResumes) {
 
 // A pan over the scene, 320 x 240 frames moving left by 40 px and down by 3
 // a frame: far enough for the canvas (1280 x 960) to grow to the left.
-void pan(Host& host) {
+// Meanwhile two threads read the canvas (the crop rectangle, or all of it
+// shrunk).  Returns how many reads went wrong: a read answers 1 or 0, stays
+// inside the host's buffer and holds only the black background or scene
+// pixels.  (A rectangle from cropparams that readdata cannot copy throws,
+// which ends the program.)
+int pan(Host& host) {
   host.start();
-  for (int i = 0; i < 20; ++i) {
+  host.pushAndWait(scene()(cv::Rect(900, 400, 320, 240)).clone());
+  std::atomic<bool> done{false};
+  std::atomic<int> bad{0};
+  const auto reader = [&](int id) {
+    std::vector<uint8_t> buffer;
+    for (int n = 0; !done.load(); ++n) {
+      const vantix::Rect c = host.stitch->cropparams();
+      const vantix::Rect roi = (n + id) % 3 == 0 ? vantix::Rect{} : c;  // or the whole canvas
+      const uint32_t bw = roi.width ? c.width : 128, bh = roi.width ? c.height : 96;
+      const uint32_t stride = vantix_default_stride(bw, 24);
+      buffer.assign(size_t(stride) * bh + 64, 0xCD);
+      const int32_t r = vantix_stitch_readdata(host.stitchHandle, buffer.data(), bw, bh, roi.x,
+                                               roi.y, roi.width, roi.height);
+      bad += (r != 0 && r != 1) || std::count(buffer.end() - 64, buffer.end(), 0xCD) != 64;
+      if (r == 1 && roi.width) {
+        const cv::Mat view(int(bh), int(bw), CV_8UC3, buffer.data(), stride);
+        cv::Mat black, inScene;
+        cv::inRange(view, cv::Scalar::all(0), cv::Scalar::all(0), black);
+        cv::inRange(view, cv::Scalar::all(20), cv::Scalar::all(235), inScene);
+        bad += static_cast<int>(view.total()) - cv::countNonZero(black | inScene);
+      }
+    }
+  };
+  std::thread first(reader, 0), second(reader, 1);
+  for (int i = 1; i < 20; ++i) {
     host.pushAndWait(scene()(cv::Rect(900 - 40 * i, 400 + 3 * i, 320, 240)).clone());
   }
   host.stop();
+  done = true;
+  first.join();
+  second.join();
+  return bad.load();
 }
 
 TEST_F(StitchSession, PanningLeftGrowsTheCanvasAndReportsTruePositions) {
   Host host;
   vantix::StitchSession& s = host.makeStitch(320, 240, 2);
-  pan(host);
+  EXPECT_EQ(pan(host), 0);
   // One growth (3 then 5): 760 px left of a first frame 640 px from the edge.
   EXPECT_EQ(host.codes, (std::vector<uint32_t>{3u, 5u}));
   int placed = 0;
@@ -263,7 +303,7 @@ TEST_F(StitchSession, AFailedGrowthKeepsThePanoramaOnTheCanvas) {
   Host host;
   vantix::StitchSession& s = host.makeStitch(320, 240, 2);
   proc(s)->canvas().failGrowthForTest(true);
-  pan(host);
+  EXPECT_EQ(pan(host), 0);
   ASSERT_GE(host.codes.size(), 2u);
   for (size_t i = 0; i < host.codes.size(); ++i) EXPECT_EQ(host.codes[i], i % 2 ? 2u : 3u) << i;
   int notPlaced = 0;

@@ -2,8 +2,8 @@
 // scenario runner for both families: every order of start, stop (also from
 // other threads, two at once, starts racing stops) and delete (also of a
 // running session, while a callback runs), with pushers and a reader while
-// the session starts and stops; then canvas readers while the panorama
-// grows.  Runs under ThreadSanitizer as well.
+// the session starts and stops.  (Readers while the canvas grows are in
+// test_stitch_session.)  Runs under ThreadSanitizer as well.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -29,13 +29,13 @@ int threadCount() {
   return count;
 }
 
-// Views of a pan over a textured scene in grey levels 20..235 (a pixel of
-// the black canvas is never scene content).
-std::vector<cv::Mat> panFrames(int count, cv::Size size, cv::Point start, cv::Point step) {
-  cv::Mat scene;
-  vtest::texturedScene(cv::Size(1400, 1200), 11).convertTo(scene, -1, 215.0 / 255.0, 20);
+// Views of a slow pan over a textured scene.
+std::vector<cv::Mat> panFrames() {
+  const cv::Mat scene = vtest::texturedScene(cv::Size(600, 400), 11);
   std::vector<cv::Mat> frames;
-  for (int i = 0; i < count; ++i) frames.push_back(scene(cv::Rect(start + step * i, size)).clone());
+  for (int i = 0; i < 32; ++i) {
+    frames.push_back(scene(cv::Rect(100 + 5 * i, 100 + 2 * i, 160, 120)).clone());
+  }
   return frames;
 }
 
@@ -49,14 +49,16 @@ class StressSessions : public ::testing::TestWithParam<bool> {
  public:
   static void SetUpTestSuite() {
     vtest::serialOpenCvUnderTsan();
-    // The image library starts its thread pool on first use and keeps it:
-    // started here, so that thread counts compare like with like.
+    // The image library starts its thread pool on first use, and
+    // ThreadSanitizer its own thread at the first thread creation; both
+    // stay.  Started here, so that thread counts compare like with like.
     cv::Mat warm = vtest::randomImage(600, 800, CV_8UC3), blurred;
     cv::GaussianBlur(warm, blurred, cv::Size(0, 0), 3.0);
+    std::thread([] {}).join();
   }
   void SetUp() override { vantix::init(); }
   void run(const std::string& order, uint32_t kind, int baseline);
-  const std::vector<cv::Mat> frames = panFrames(32, {160, 120}, {400, 300}, {5, 2});
+  const std::vector<cv::Mat> frames = panFrames();
 };
 
 // Runs the letters of `order` on a new session, then deletes it:
@@ -174,53 +176,5 @@ INSTANTIATE_TEST_SUITE_P(Families, StressSessions, ::testing::Values(true, false
                          [](const auto& info) {
                            return std::string(info.param ? "Stitch" : "Edf");
                          });
-
-// Two threads read the canvas (cropparams, then readdata of that rectangle
-// or of the whole canvas) while a pan grows it to the left and upwards.
-// Every read answers 1 or 0, stays inside the host's buffer and holds only
-// background or scene pixels; a rectangle from cropparams is always one
-// readdata can copy (else it throws, and the test program ends).
-TEST(StressCanvas, ReaddataWhileTheCanvasGrows) {
-  vtest::serialOpenCvUnderTsan();
-  vantix::init();
-  const std::vector<cv::Mat> frames = panFrames(24, {320, 240}, {1000, 750}, {-40, -30});
-  vtest::Host host;
-  vantix::StitchSession& s = host.makeStitch(320, 240, 2);
-  s.start();
-  host.pushAndWait(frames[0]);
-  std::atomic<bool> done{false};
-  std::atomic<int> copied{0}, bad{0};
-  const auto reader = [&](int id) {
-    std::vector<uint8_t> buffer;
-    for (int n = 0; !done.load(); ++n) {
-      const vantix::Rect c = s.cropparams();
-      const vantix::Rect roi = (n + id) % 3 == 0 ? vantix::Rect{} : c;  // or the whole canvas
-      const uint32_t bw = roi.width ? c.width : 128, bh = roi.width ? c.height : 96;
-      const uint32_t stride = vantix_default_stride(bw, 24);
-      buffer.assign(size_t(stride) * bh + 64, 0xCD);
-      const int32_t r = vantix_stitch_readdata(s.handle(), buffer.data(), bw, bh, roi.x, roi.y,
-                                               roi.width, roi.height);
-      bad += (r != 0 && r != 1) || std::count(buffer.end() - 64, buffer.end(), 0xCD) != 64;
-      copied += r == 1;
-      if (r == 1 && roi.width) {
-        const cv::Mat view(int(bh), int(bw), CV_8UC3, buffer.data(), stride);
-        cv::Mat black, scene;
-        cv::inRange(view, cv::Scalar::all(0), cv::Scalar::all(0), black);
-        cv::inRange(view, cv::Scalar::all(20), cv::Scalar::all(235), scene);
-        bad += static_cast<int>(view.total()) - cv::countNonZero(black | scene);
-      }
-    }
-  };
-  std::thread r1(reader, 0), r2(reader, 1);
-  for (size_t i = 1; i < frames.size(); ++i) host.pushAndWait(frames[i]);
-  done = true;
-  r1.join();
-  r2.join();
-  host.destroy();
-  EXPECT_EQ(bad.load(), 0);
-  EXPECT_GT(copied.load(), 0);
-  EXPECT_NE(std::count(host.codes.begin(), host.codes.end(), VANTIX_STITCH_EVENT_CANVAS_GREW), 0)
-      << "the pan did not grow the canvas";
-}
 
 }  // namespace
