@@ -98,8 +98,9 @@ TEST(Resize, EveryLayoutMatchesTheReferenceAndKeepsTheRowPadding) {
   const struct {
     uint16_t bits;
     int type;
-  } layouts[] = {{8, CV_8UC1},  {12, CV_16UC1}, {24, CV_8UC3},
-                 {32, CV_8UC4}, {36, CV_16UC3}, {48, CV_16UC3}};
+  } layouts[] = {{8, CV_8UC1},   {12, CV_16UC1}, {16, CV_16UC1}, {24, CV_8UC3},
+                 {32, CV_8UC4},  {30, CV_16UC3}, {33, CV_16UC3}, {42, CV_16UC3},
+                 {48, CV_16UC3}};
   for (const auto& layout : layouts) {
     const cv::Mat input = vtest::randomImage(21, 37, layout.type, layout.bits);
     HeaderImage src = make(input, layout.bits);
