@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "spot/spot_session.h"
+#include "support/sessions.h"
 #include "support/test_support.h"
 #include "testing/scenes.h"
 #include "testing/simcam/simcam_loader.h"
@@ -70,7 +71,7 @@ TEST(SpotAveraging, MiddleOfThreeInConsecutiveBlocks) {
 // Through the exports and the simulated camera, in a child process (the SDK
 // binding is process-wide), with the arguments a host may get wrong.
 TEST(SpotPull, MeasuresPulledFramesAndTakesHostileArguments) {
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they end the process instead
+#if !defined(VTEST_ASAN) && !defined(VTEST_TSAN)  // they end the process instead
   EXPECT_THROW(vantix_spot_new(0xFFFFFFFFu, 0), std::bad_alloc);
   EXPECT_THROW(vantix_spot_new(1, 0xFFFFFFFFu), std::bad_alloc);
 #endif
@@ -120,18 +121,10 @@ TEST(SpotPull, MeasuresPulledFramesAndTakesHostileArguments) {
   }));
 }
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int kFrames = 150;
-#else
-constexpr int kFrames = 600;
-#endif
-
 // Two ROIs of different sizes on a lit background: a frame measured through
 // any mixture of their values would sum an area that matches neither.
 TEST(SpotThreads, RoiIsReadWholeOncePerFrame) {
-#if defined(__SANITIZE_THREAD__)
-  cv::setNumThreads(1);  // OpenCV's pool is not instrumented
-#endif
+  vtest::serialOpenCvUnderTsan();
   cv::Mat image(200, 400, CV_16UC1, cv::Scalar(10));
   vtest::drawBeam(image, {100.0, 100.0, 6.0, 6.0, 0.0, 3000});
   vtest::drawBeam(image, {300.0, 90.0, 5.0, 5.0, 0.0, 3000});
@@ -153,7 +146,7 @@ TEST(SpotThreads, RoiIsReadWholeOncePerFrame) {
       session.setRoi(rois[i % 2].x, rois[i % 2].y, rois[i % 2].width, rois[i % 2].height);
   });
   int mismatches = 0;
-  for (int i = 0; i < kFrames; ++i) {
+  for (int i = 0; i < vtest::scaled(600); ++i) {
     const double total = feed(session, image).total;
     mismatches += total != totals[0] && total != totals[1];
   }
