@@ -85,8 +85,15 @@ void freshBuffers(size_t bytes = 64) {
   gInfo.assign(sizeof(FrameInfoV4) + 16, kFill);
 }
 
-// Scenarios of a host, each run in a child process of its own.  What the
+// Scenarios of a host, one test each, run in a child process of its own (a
+// child inherits the failures of the test it was forked from).  What the
 // library bound is seen in what each SDK library was asked.
+#define SCENARIO(name)                           \
+  void name();                                   \
+  TEST(CameraSdk, name) {                        \
+    EXPECT_TRUE(vtest::runInChildProcess(name)); \
+  }                                              \
+  void name()
 
 // A search that binds nothing keeps no reference to what it looked at: a
 // plugin the host closes afterwards is unloaded, and no pull reaches it.
@@ -95,7 +102,7 @@ void freshBuffers(size_t bytes = 64) {
 // (V3 reaches it).  The first SDK with V2 in load order is bound for good,
 // even without V4 and with a full SDK loaded after it; the named pull is
 // bound on its own, to the stub.
-void firstSdkWithV2IsBoundForGood() {
+SCENARIO(FirstSdkWithV2IsBoundForGood) {
   void* plugin = dlopen(VANTIX_SIMCAM_PARTIAL_PATH, RTLD_NOW | RTLD_LOCAL);
   freshBuffers();
   EXPECT_EQ(pull(FrameInfoVersion::V2, kNoCamera, 24), VANTIX_E_NOTIMPL);
@@ -130,7 +137,7 @@ void firstSdkWithV2IsBoundForGood() {
 // pitch, the named pull 8 bits at pitch 0, and nothing without the size
 // pointers; push flag 0 pushes nothing.  The spot pull asks the raw depth
 // only while it is 0, also when the camera reports 0.
-void pullResultsAndPushes() {
+SCENARIO(PullResultsAndPushes) {
   const auto sim = load(simcam_load_api, "libvantix_simcam.so");
   SimcamCamera* cam = sim.open(30, 7);
   freshBuffers(sim.frameBytes(cam, 32, 0));
@@ -181,43 +188,35 @@ VantixResult pullInto(Session& s, int variant, void* cam, uint8_t* b, uint8_t* r
 // its own session: a fresh EDF session's first fused image is the camera's
 // scene, the stitch session reports a frame of the camera's size.  With push
 // 0 the session may be null.
-void exportsPushIntoTheirSession() {
+SCENARIO(ExportsPushIntoTheirSession) {
   vantix::init();
   const auto sim = load(simcam_load_api, "libvantix_simcam.so");
   SimcamCamera* cam = sim.open(64, 48);
   const cv::Mat scene = vtest::randomImage(48, 64, CV_8UC3, 5);
   ASSERT_EQ(sim.setStill(cam, scene.data, 64, 48, static_cast<uint32_t>(scene.step)), SIMCAM_S_OK);
   std::vector<uint8_t> buffer(kPitch * 48);
-  for (const bool edf : {false, true}) {
-    for (int variant = 0; variant < 4; ++variant) {
-      SCOPED_TRACE(std::string(edf ? "EDF" : "stitch") + " variant " + std::to_string(variant));
-      vtest::Latch arrived;
-      cv::Mat fused;
-      cv::Size placed;
-      vantix::StitchSession stitch(64, 48, [&](const vantix::StitchFrame& f) {
-        placed = cv::Size(int(f.frameWidth), int(f.frameHeight));
-        arrived.open();
-      });
-      vantix::EdfSession fuser([&](const vantix::EdfFrame& f) {
-        fused = cv::Mat(int(f.height), int(f.width), int(f.type), const_cast<uint8_t*>(f.data),
-                        f.stride)
-                    .clone();
-        arrived.open();
-      });
-      std::vector<uint8_t> record(sizeof(FrameInfoV4) + 8, kFill);
-      const uint32_t index = sim.frameIndex(cam);
-      edf ? fuser.start() : stitch.start();
-      ASSERT_EQ(edf ? pullInto(fuser, variant, cam, buffer.data(), record.data())
-                    : pullInto(stitch, variant, cam, buffer.data(), record.data()),
-                VANTIX_S_OK);
-      arrived.wait();
-      EXPECT_EQ(cv::Mat(1, 2, CV_32S, record.data()).at<cv::Vec2i>(0), cv::Vec2i(64, 48));
-      const size_t size = std::vector<size_t>{24, 40, 104, 8}[variant];
-      EXPECT_EQ(record[size - 1], variant == 3 ? 0 : static_cast<uint8_t>((size - 1) * 7 + index));
-      EXPECT_EQ(record[size], kFill);
-      EXPECT_EQ(edf ? cv::norm(fused, scene, cv::NORM_INF) : 0.0, 0.0);
-      EXPECT_EQ(edf ? cv::Size(64, 48) : placed, cv::Size(64, 48));
-    }
+  for (int row = 0; row < 8; ++row) {
+    const bool edf = row >= 4;
+    const int variant = row % 4;
+    SCOPED_TRACE(std::string(edf ? "EDF" : "stitch") + " variant " + std::to_string(variant));
+    vtest::Host host;
+    if (edf) host.openEdf(0);
+    if (!edf) host.makeStitch(64, 48);
+    host.start();
+    std::vector<uint8_t> record(sizeof(FrameInfoV4) + 8, kFill);
+    const uint32_t index = sim.frameIndex(cam);
+    ASSERT_EQ(edf ? pullInto(*host.edf, variant, cam, buffer.data(), record.data())
+                  : pullInto(*host.stitch, variant, cam, buffer.data(), record.data()),
+              VANTIX_S_OK);
+    host.waitFrames(1);
+    EXPECT_EQ(cv::Mat(1, 2, CV_32S, record.data()).at<cv::Vec2i>(0), cv::Vec2i(64, 48));
+    const size_t size = std::vector<size_t>{24, 40, 104, 8}[variant];
+    EXPECT_EQ(record[size - 1], variant == 3 ? 0 : static_cast<uint8_t>((size - 1) * 7 + index));
+    EXPECT_EQ(record[size], kFill);
+    const vantix::StitchFrame placed = edf ? vantix::StitchFrame{} : host.calls[0];
+    EXPECT_EQ(edf ? host.last.size() : cv::Size(placed.frameWidth, placed.frameHeight),
+              scene.size());
+    EXPECT_EQ(edf ? cv::norm(host.last, scene, cv::NORM_INF) : 0.0, 0.0);
   }
   FrameInfoV4 record{};
   EXPECT_EQ(vantix_stitch_pullV4(nullptr, cam, 0, buffer.data(), 24, 0, &record), VANTIX_S_OK);
@@ -230,7 +229,7 @@ void exportsPushIntoTheirSession() {
 // starts and stops both sessions.  Every pull succeeds, and both bindings
 // are made with at most one search a thread (each thread's first pull):
 // later pulls never search again.
-void firstPullsAtOnceWhileSessionsStartAndStop() {
+SCENARIO(FirstPullsAtOnceWhileSessionsStartAndStop) {
   constexpr int kThreads = 3, kPulls = 5;
   vantix::init();
   const auto sim = load(simcam_load_api, "libvantix_simcam.so");
@@ -274,7 +273,7 @@ void firstPullsAtOnceWhileSessionsStartAndStop() {
 // layout: its values at 48 bits, their grey at 16, scaled from 12 to 8 bits
 // at 8, padding left alone.  It refuses a pitch too short for the row, and
 // handles that are not (or no longer) its cameras.
-void arrayCameraServesEveryLayout() {
+SCENARIO(ArrayCameraServesEveryLayout) {
   void* so = dlopen(VANTIX_ARRAYCAM_PATH, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(so, nullptr) << dlerror();
   const auto pull = reinterpret_cast<decltype(&DllPullImageWithRowPitchV2)>(
@@ -321,22 +320,5 @@ void arrayCameraServesEveryLayout() {
   reinterpret_cast<decltype(&arraycam_close)>(dlsym(so, "arraycam_close"))(camera);
   EXPECT_EQ(pull(camera, out.data(), 8, 0, nullptr), ARRAYCAM_E_HANDLE);
 }
-
-// One child process a scenario, one test a scenario (a child inherits the
-// failures of the test it was forked from).
-using Scenario = std::pair<const char*, void (*)()>;
-class CameraSdk : public ::testing::TestWithParam<Scenario> {};
-TEST_P(CameraSdk, InAHostProcess) {
-  EXPECT_TRUE(vtest::runInChildProcess(GetParam().second));
-}
-INSTANTIATE_TEST_SUITE_P(
-    Scenarios, CameraSdk,
-    ::testing::Values(Scenario("FirstSdkWithV2IsBoundForGood", firstSdkWithV2IsBoundForGood),
-                      Scenario("PullResultsAndPushes", pullResultsAndPushes),
-                      Scenario("ExportsPushIntoTheirSession", exportsPushIntoTheirSession),
-                      Scenario("FirstPullsAtOnceWhileSessionsStartAndStop",
-                               firstPullsAtOnceWhileSessionsStartAndStop),
-                      Scenario("ArrayCameraServesEveryLayout", arrayCameraServesEveryLayout)),
-    [](const ::testing::TestParamInfo<Scenario>& info) { return info.param.first; });
 
 }  // namespace
