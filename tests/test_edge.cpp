@@ -134,7 +134,9 @@ TEST(EdgeSnap, ClicksLandOnTheDrawnOutlineInEveryFormat) {
 
 // Refusals: no allocator, null outputs, an area wholly outside the frame or
 // a size of 0 from creation (the image library's exception, the session's
-// lock released), and frames one pixel wide or high.
+// lock released).  Frames one pixel wide or high, huge search sizes and
+// points far off the frame are inputs of the edge fuzz corpus, which every
+// test build replays.
 TEST(EdgeExports, RefusalsSizesAndExceptions) {
   vantix::setHostAllocator(nullptr);  // the state of a fresh process
   EXPECT_EQ(vantix_edge_new(0, 64, 48, 10), nullptr);
@@ -153,28 +155,6 @@ TEST(EdgeExports, RefusalsSizesAndExceptions) {
   EXPECT_NO_THROW(vantix_edge_get(edge, frame.data, &x, &y, 51));  // 51 is ignored
   vantix_edge_delete(edge);
   vantix_edge_delete(nullptr);
-  // A size given at creation is not limited: with a huge one and a point 2^31
-  // off the frame the area saturates to the whole frame, and measuring the
-  // distances to the far-away point must not overflow.
-  edge = vantix_edge_new(0, 64, 48, 2809473810u);
-  x = -2147475748, y = INT32_MIN;
-  EXPECT_EQ(vantix_edge_get(edge, frame.data, &x, &y, 0), 0);
-  EXPECT_EQ(cv::Point(x, y), cv::Point(-2147475748, INT32_MIN));
-  vantix_edge_delete(edge);
-  for (const cv::Size size : {cv::Size(1, 48), cv::Size(48, 1), cv::Size(1, 1)}) {
-    for (uint32_t format : {0u, 1u, 2u, 3u, 9u}) {
-      edge = vantix_edge_new(format, size.width, size.height, 10);
-      for (uint32_t searchSize : {1u, 2u, 3u, 11u, 50u}) {
-        for (int i = 0; i < std::max(size.width, size.height); i += 7) {
-          int32_t px = std::min(i, size.width - 1), py = std::min(i, size.height - 1), result = -1;
-          EXPECT_NO_THROW(result = vantix_edge_get(edge, frame.data, &px, &py, searchSize))
-              << size << " format " << format << " size " << searchSize << " at " << i;
-          EXPECT_TRUE(result == 0 || result == 1) << result;
-        }
-      }
-      vantix_edge_delete(edge);
-    }
-  }
   vantix_init(nullptr);  // clears the allocator again
   EXPECT_EQ(vantix_edge_new(0, 64, 48, 10), nullptr);
 }
