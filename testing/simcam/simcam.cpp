@@ -364,15 +364,6 @@ SIMCAM_API int32_t simcam_render(SimcamCamera* camera, uint32_t index, void* buf
   });
 }
 
-SIMCAM_API int32_t simcam_set_still(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
-                                    uint32_t height, uint32_t stride) {
-  return install(camera, [&]() -> ScenePtr {
-    const cv::Mat image = importImage(bgr, width, height, stride);
-    if (image.empty()) return nullptr;
-    return stillScene(fitToFrame(image, camera->size));
-  });
-}
-
 SIMCAM_API int32_t simcam_set_pan(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
                                   uint32_t height, uint32_t stride, const SimcamPoint* path,
                                   uint32_t count, uint32_t framesPerSegment) {

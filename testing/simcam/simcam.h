@@ -180,10 +180,6 @@ SIMCAM_API int32_t simcam_render(SimcamCamera* camera, uint32_t index, void* buf
  * fails leaves the previous scene in place.
  * ------------------------------------------------------------------------- */
 
-/* Every frame shows the image, resized to the frame size when it differs
- * (area interpolation when shrinking, bilinear when enlarging). */
-SIMCAM_API int32_t simcam_set_still(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
-                                    uint32_t height, uint32_t stride);
 
 /* A stage moving under the camera: the frame is the window of the scene
  * whose top-left corner is at the path position, sampled bilinearly at
@@ -205,7 +201,8 @@ SIMCAM_API int32_t simcam_pan_position(SimcamCamera* camera, uint32_t index, Sim
  * focus planes: a pixel is exactly the sharp image in the frame(s) whose
  * plane is nearest to its depth and blurred elsewhere, with a Gaussian sigma
  * growing linearly to maxBlurSigma at the far end of the depth range.  The
- * sharp image is resized to the frame size like a still. */
+ * sharp image is resized to the frame size (area interpolation when
+ * shrinking, bilinear when enlarging). */
 SIMCAM_API int32_t simcam_set_focus_sweep(SimcamCamera* camera, const uint8_t* bgr, uint32_t width,
                                           uint32_t height, uint32_t stride, uint32_t frameCount,
                                           double maxBlurSigma);

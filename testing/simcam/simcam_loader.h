@@ -38,7 +38,6 @@ extern "C" {
   X(frameBytes, "simcam_frame_bytes", simcam_frame_bytes, 1)               \
   X(defaultPitch, "simcam_default_pitch", simcam_default_pitch, 1)         \
   X(render, "simcam_render", simcam_render, 1)                             \
-  X(setStill, "simcam_set_still", simcam_set_still, 1)                     \
   X(setPan, "simcam_set_pan", simcam_set_pan, 1)                           \
   X(panPosition, "simcam_pan_position", simcam_pan_position, 1)            \
   X(setFocusSweep, "simcam_set_focus_sweep", simcam_set_focus_sweep, 1)    \
