@@ -153,14 +153,10 @@ struct Host {
 
   // The owned session of either family; stop(true) takes the whole canvas.
   void start() { stitch ? stitch->start() : edf->start(); }
-  vantix::Image stop(bool image = false) {
-    if (stitch) return stitch->stop(image, false);
-    edf->stop();
-    return nullptr;
-  }
-  // Pushes `f` at its own row step unless another pitch is given.
-  void push(const cv::Mat& f, uint32_t pitch = 0) {
-    pitch = pitch ? pitch : static_cast<uint32_t>(f.step[0]);
+  void stop(bool image = false) { stitch ? (void)stitch->stop(image, false) : edf->stop(); }
+  // Pushes `f` at its own row step.
+  void push(const cv::Mat& f) {
+    const auto pitch = static_cast<uint32_t>(f.step[0]);
     stitch ? stitch->pushback(f.data, f.cols, f.rows, pitch)
            : edf->pushback(f.data, f.cols, f.rows, pitch);
   }
