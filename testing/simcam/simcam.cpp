@@ -65,26 +65,6 @@ ScenePtr stillScene(const cv::Mat& image) {
   return scene;
 }
 
-// The pattern a camera shows until a scene is set: smooth colour waves, a
-// grid every 32 pixels and a bright disc in the middle.
-cv::Mat testPattern(cv::Size size) {
-  cv::Mat image(size, CV_8UC3);
-  for (int y = 0; y < size.height; ++y) {
-    auto* row = image.ptr<cv::Vec3b>(y);
-    for (int x = 0; x < size.width; ++x) {
-      const bool grid = x % 32 == 0 || y % 32 == 0;
-      row[x] = grid ? cv::Vec3b(0, 0, 0)
-                    : cv::Vec3b(cv::saturate_cast<uint8_t>(128 + 100 * std::sin(x * 0.05)),
-                                cv::saturate_cast<uint8_t>(128 + 100 * std::cos(y * 0.07)),
-                                cv::saturate_cast<uint8_t>(128 + 100 * std::sin((x + y) * 0.03)));
-    }
-  }
-  cv::circle(image, {size.width / 2, size.height / 2},
-             std::max(1, std::min(size.width, size.height) / 8), cv::Scalar(255, 255, 255),
-             cv::FILLED, cv::LINE_AA);
-  return image;
-}
-
 ScenePtr panScene(const cv::Mat& image, cv::Size frame, std::vector<SimcamPoint> path,
                   uint32_t framesPerSegment) {
   auto scene = std::make_shared<Scene>();
@@ -313,7 +293,7 @@ SIMCAM_API SimcamCamera* simcam_open(uint32_t width, uint32_t height) {
   try {
     auto cam = std::make_unique<SimcamCamera>();
     cam->size = cv::Size(static_cast<int>(width), static_cast<int>(height));
-    cam->scene = stillScene(testPattern(cam->size));
+    cam->scene = stillScene(vtest::texturedScene(cam->size));
     return cam.release();
   } catch (...) {
     return nullptr;

@@ -25,7 +25,8 @@
  * Frames
  * ------
  * A camera has a fixed frame size, set when it is opened, and a scene: a
- * built-in test pattern at first, then whatever simcam_set_* installed last.
+ * built-in test pattern at first (the testing kit's textured scene, seed 1),
+ * then whatever simcam_set_* installed last.
  * Each successful pull (any of the four pull functions) delivers the frame
  * at the camera's frame index and then advances the index by one.  A failed
  * pull writes nothing and does not advance it.  Frames are rendered on
