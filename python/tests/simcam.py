@@ -7,8 +7,6 @@ import os
 import numpy as np
 
 _cam, _u32, _i32, _p = _c.c_void_p, _c.c_uint32, _c.c_int32, _c.c_void_p
-
-
 lib = _c.CDLL(os.environ["VANTIX_SIMCAM"], mode=os.RTLD_GLOBAL)
 for _name, _restype, _argtypes in (
         ("simcam_open", _cam, [_u32, _u32]),
@@ -19,6 +17,7 @@ for _name, _restype, _argtypes in (
         ("simcam_texture", _i32, [_p, _u32, _u32, _u32, _u32]),
         ("simcam_blur", _i32, [_p, _u32, _u32, _u32, _c.c_double, _p, _u32])):
     getattr(lib, _name).restype, getattr(lib, _name).argtypes = _restype, _argtypes
+
 
 def texture(height, width, seed):
     """A B G R scene with detail at several scales that registers uniquely."""
@@ -38,30 +37,27 @@ def blur(image, sigma):
 
 class Camera:
     """A simulated camera showing its built-in test pattern; usable wherever
-    the bindings take a camera."""
+    the bindings take a camera (and passed to simcam's functions as itself)."""
 
     def __init__(self, width, height):
         self.size = (width, height)
-        self.handle = lib.simcam_open(width, height)
-        assert self.handle, "simcam_open failed"
-        self._as_parameter_ = _c.c_void_p(self.handle)
+        self._as_parameter_ = lib.simcam_open(width, height)
+        assert self._as_parameter_, "simcam_open failed"
 
     def __enter__(self):
         return self
 
     def __exit__(self, *exc):
-        lib.simcam_close(self.handle)
+        lib.simcam_close(self)
 
     def set_result(self, code):
-        lib.simcam_set_result(self.handle, _c.c_int32(code & 0xFFFFFFFF).value)
+        lib.simcam_set_result(self, _c.c_int32(code & 0xFFFFFFFF).value)
 
     def render(self, index, bits=24):
         """Frame `index` as a pull delivers it: the ground truth of a pull."""
-        dtype = np.uint16 if bits in (16, 48, 64) else np.uint8
-        channels = bits // 8 // np.dtype(dtype).itemsize
         w, h = self.size
-        pitch = lib.simcam_default_pitch(w, bits)
-        buffer = np.zeros(pitch * h, np.uint8)
-        assert lib.simcam_render(self.handle, index, buffer.ctypes.data, bits, 0) == 0
-        rows = buffer.reshape(h, pitch)[:, :w * bits // 8].copy().view(dtype)
-        return rows.reshape(h, w) if channels == 1 else rows.reshape(h, w, channels)
+        rows = np.zeros((h, lib.simcam_default_pitch(w, bits)), np.uint8)
+        assert lib.simcam_render(self, index, rows.ctypes.data, bits, 0) == 0
+        dtype = np.uint16 if bits in (16, 48, 64) else np.uint8
+        image = rows[:, :w * bits // 8].copy().view(dtype).reshape(h, w, -1)
+        return image[:, :, 0] if image.shape[2] == 1 else image

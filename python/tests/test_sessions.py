@@ -3,8 +3,6 @@ pulls, callbacks, and sessions closed or dropped while running."""
 
 import gc
 import os
-import subprocess
-import sys
 import threading
 import time
 import weakref
@@ -23,15 +21,6 @@ BLURRED = blur(SHARP, 3)
 
 def _cut(scene, path):
     return [scene[y:y + H, x:x + W] for x, y in path]
-
-
-def _strips(sharp, blurred, count):
-    """`count` frames, each sharp on its own vertical strip only."""
-    step = sharp.shape[1] // count
-    for i in range(count):
-        frame = blurred.copy()
-        frame[:, step * i:step * i + step] = sharp[:, step * i:step * i + step]
-        yield frame
 
 
 @pytest.mark.parametrize("layout", ["bgr", "rgb", "grey"])
@@ -53,38 +42,21 @@ def test_a_pan_left_and_up_places_every_frame_at_its_known_shift(layout):
         assert np.median(np.abs(drawn.astype(int) - scene[y:y + H, x:x + W])) <= 1
 
 
-def test_painted_is_what_the_canvas_drew():
-    """Frames 8 pixels apart on black: the canvas draws a frame more than a
-    tenth of a frame (16) from the last one drawn, so every third, the last
-    at x = 216; beyond it the image is background.  Ten draws: the canvas's
-    draw queue (11) cannot overflow, whatever the thread scheduling."""
-    scene = np.maximum(SCENE, 1)  # no black in the scene itself
-    result = vantix.stitch(_cut(scene, [(8 * i, 100) for i in range(30)]), background="black")
-    assert result.image.shape == (H, W + 232, 3) and result.painted == (0, 0, W + 216, H)
-    black = (result.image == 0).all(axis=2)
-    assert not black[:, :W + 216].any() and black[:, W + 216:].all()
-
-
 def test_waiting_pushes_of_16_bit_frames_are_all_reported_when_drain_returns():
     shifts = [(30 * i, 5 * (i % 3)) for i in range(8)]
     frames = _cut(SCENE, [(20 + sx, 100 + sy) for sx, sy in shifts])
-    with vantix.StitchSession(W, H, format="BGR16", background="black") as session:
-        session.start()
+    with vantix.StitchSession(W, H, format="BGR16", background="black").start() as session:
         for frame in frames:  # the scene's values times 257
             session.push(frame.astype(np.uint16) * 257, wait=True)
         session.drain()
         reports = [e for e in session.events(timeout=0) if isinstance(e, vantix.StitchFrame)]
-        panorama = session.stop()
-        x, y, w, h = session.crop_rect()
-        view = session.readdata(w // 2, h // 2, roi=(x, y, w, h))
+        panorama = session.stop()  # read from the canvas's 4-byte pixels (through readdata)
     # The first frame sits at (2 W, 2 H) of the canvas, the others at their shifts.
     assert [(r.mode, r.x - 2 * W, r.y - 2 * H) for r in reports] == \
         [(1, sx, sy) for sx, sy in shifts]
-    scene = SCENE[100:100 + h, 20:20 + w].astype(float)
-    assert (w, h) == (W + shifts[-1][0], H + 10) and panorama.shape == (h, w, 3)
-    assert np.median(np.abs(panorama - scene)) <= 1
-    halved = scene[:h // 2 * 2, :w // 2 * 2].reshape(h // 2, 2, w // 2, 2, 3).mean(axis=(1, 3))
-    assert np.median(np.abs(view[:, :, :3] - halved)) <= 3
+    assert panorama.shape == (H + 10, W + shifts[-1][0], 3)
+    scene = SCENE[100:100 + H + 10, 20:20 + W + shifts[-1][0]]
+    assert np.median(np.abs(panorama - scene.astype(float))) <= 1
 
 
 @pytest.mark.parametrize("layout", ["bgr", "rgb", "grey", "12-bit"])
@@ -92,15 +64,14 @@ def test_one_call_fuses_all_20_frames_of_a_stack(layout):
     """Sharp everywhere only if every frame was fused."""
     pick = {"rgb": np.s_[:, :, ::-1], "grey": np.s_[:, :, 1]}.get(layout, np.s_[:])
     sharp, blurred = SHARP[pick], BLURRED[pick]
-    frames = _strips(sharp, blurred, 20)
     if layout == "12-bit":  # samples as a 12-bit sensor gives them: top bits repeated below
-        twelve = (f.astype(np.uint16) * 16 + f // 16 for f in frames)
-        fused = vantix.fuse(twelve, kind="stack", bits=12)
-        assert fused.dtype == np.uint16
-        fused = (fused >> 4).astype(np.uint8)
-    else:
-        fused = vantix.fuse(frames, kind="stack", channels=None if layout == "bgr" else layout)
-    assert fused.shape == sharp.shape and fused.dtype == np.uint8
+        sharp, blurred = (a.astype(np.uint16) * 16 + a // 16 for a in (sharp, blurred))
+    frames = [blurred.copy() for _ in range(20)]
+    for i, frame in enumerate(frames):  # frame i is sharp on columns 8 i .. 8 i + 7 only
+        frame[:, 8 * i:8 * i + 8] = sharp[:, 8 * i:8 * i + 8]
+    options = {"bits": 12} if layout == "12-bit" else {"channels": layout}
+    fused = vantix.fuse(frames, kind="stack", **options)
+    assert fused.shape == sharp.shape and fused.dtype == sharp.dtype
     fused_error, blurred_error = (np.abs(a.astype(float) - sharp)[8:-8] for a in (fused, blurred))
     for i in range(1, 19):  # a frame left out leaves its strip blurred
         strip = np.s_[:, 8 * i:8 * i + 8]
@@ -110,8 +81,7 @@ def test_one_call_fuses_all_20_frames_of_a_stack(layout):
 @pytest.mark.parametrize("kind,format,bits,version", [
     ("stitch", "BGR8", 24, 2), ("stitch", "BGR16", 48, 3), ("stitch", "BGRA16", 64, 4),
     ("stitch", "BGRA8", 32, "named"), ("edf", "BGR8", 24, "named"), ("edf", "BGR16", 48, 4)])
-def test_pulls_deliver_the_cameras_frames_at_their_depth_and_push_them(kind, format, bits,
-                                                                      version):
+def test_a_pull_pushes_the_camera_frame_or_raises_its_failure(kind, format, bits, version):
     if kind == "stitch":
         session, report = vantix.StitchSession(W, H, format=format), vantix.StitchFrame
     else:
@@ -121,11 +91,13 @@ def test_pulls_deliver_the_cameras_frames_at_their_depth_and_push_them(kind, for
         for i in range(3):
             pulled = session.pull(camera, version=version)
             np.testing.assert_array_equal(pulled.image, camera.render(i, bits))
-            record_bytes = {2: 24, 3: 40, 4: 104, "named": None}[version]
-            assert (pulled.info and len(pulled.info)) == record_bytes
             assert session.wait_for(report, i + 1, timeout=None)  # pushed and processed
         with pytest.raises(ValueError):  # grey frames cannot go into a colour session
             session.pull(camera, bits=8)
+        camera.set_result(0x80001234)  # a camera SDK's failure comes back as it is, in hex
+        with pytest.raises(vantix.VantixError) as caught:
+            session.pull(camera, version=version)
+        assert (caught.value.code, caught.value.name) == (0x80001234, "0x80001234")
 
 
 def _threads():
@@ -134,7 +106,7 @@ def _threads():
 
 @pytest.mark.parametrize("stop", [False, True])
 def test_a_callback_runs_on_the_worker_thread_and_its_error_reaches_the_caller(stop):
-    seen, holder = [], {}
+    seen, holder, before = [], {}, _threads()
 
     def callback(item):
         seen.append(threading.get_ident())
@@ -142,13 +114,13 @@ def test_a_callback_runs_on_the_worker_thread_and_its_error_reaches_the_caller(s
             holder["s"].stop()  # refused: the stop would wait for this very thread
         raise KeyError("from the callback")
 
-    holder["s"] = session = vantix.StitchSession(W, H, callback=callback, copy_canvas=True)
-    session.start()
+    session = holder["s"] = vantix.StitchSession(W, H, callback=callback, copy_canvas=True).start()
     session.push(SCENE[:H, :W])
     session.wait_for(vantix.StitchFrame, 1, timeout=None)
     with pytest.raises(vantix.CallbackError) as caught:
         session.close()  # once the worker has ended
     assert isinstance(caught.value.__cause__, RuntimeError if stop else KeyError)
+    assert _threads() == before  # the worker and the canvas's drawing thread have ended
     assert list(session.events(timeout=0)) == [] and seen and threading.get_ident() not in seen
     session.close()  # twice: nothing left to do or report
     with pytest.raises(ValueError):
@@ -158,18 +130,16 @@ def test_a_callback_runs_on_the_worker_thread_and_its_error_reaches_the_caller(s
 KEPT = {}  # a session reachable from its callback without a reference cycle
 
 
-@pytest.mark.parametrize("how", ["close", "release", "cycle", "in_callback"])
+@pytest.mark.parametrize("how", ["release", "cycle", "in_callback"])
 def test_a_session_dropped_while_running_ends_its_threads(how):
-    """Closed, released, freed by the collector (a cycle through its callback),
-    or released inside its own callback (then closed from a helper thread)."""
+    """Released, freed by the collector (a cycle through its callback), or
+    released inside its own callback (then closed from a helper thread)."""
     before, holder = _threads(), {}
     callback = {"cycle": lambda item, h=holder: h["s"].running,
                 "in_callback": lambda item: KEPT.pop("armed", 0) and KEPT.clear()}.get(how)
     session = holder["s"] = vantix.StitchSession(W, H, callback=callback).start()
     for frame in _cut(SCENE, [(30 * i, 40) for i in range(6)]):
         session.push(frame)
-    if how == "close":
-        session.close()
     if how == "in_callback":  # the next report drops the last reference
         KEPT.update(s=session, armed=1)
         session.push(SCENE[40:40 + H, 180:180 + W])
@@ -188,16 +158,10 @@ import numpy as np, vantix
 frame = np.random.default_rng(0).integers(0, 256, (60, 80, 3), np.uint8)
 sessions = [vantix.StitchSession(80, 60, callback=lambda item: None).start(),
             vantix.EdfSession(callback=lambda item: None).start()]
-for _ in range(20):
-    for s in sessions:
-        s.push(frame)
-print("leaving")
+for session in sessions * 20:
+    session.push(frame)
 """
 
 
-def test_the_interpreter_exits_cleanly_with_sessions_running():
-    python_dir = os.path.join(os.path.dirname(__file__), "..")
-    run = subprocess.run([sys.executable, "-c", EXIT_SCRIPT], cwd=python_dir,
-                         capture_output=True, text=True)
-    assert run.returncode == 0 and run.stdout.strip() == "leaving" and run.stderr == "", \
-        run.stderr
+def test_the_interpreter_exits_cleanly_with_sessions_running(python):
+    python("-c", EXIT_SCRIPT)  # status 0, nothing on standard error
