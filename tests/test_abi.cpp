@@ -1,14 +1,13 @@
 // The shared library as a host sees it: its dynamic symbols, its soname, and
 // every declared function resolvable after dlopen.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
 #include <cctype>
-#include <cstdio>
 #include <fstream>
 #include <set>
 #include <sstream>
-#include <string>
+
+#include "support/test_support.h"
 
 namespace {
 

@@ -4,13 +4,8 @@
 // child process of its own and loads the SDK libraries with dlopen, the way
 // a host has its SDK loaded.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <vector>
 
 #include <vantix.hpp>
 

@@ -4,21 +4,16 @@
 // demo: its printed figures against the simulated camera's truth, and its
 // report rendered in headless Chromium (Debian's chromium), where every
 // embedded image must load.
-#include <gtest/gtest.h>
 
 #include <sys/wait.h>
 
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
 #include <opencv2/imgcodecs.hpp>
-#include <opencv2/imgproc.hpp>
 
-#include "testing/scenes.h"
+#include "support/test_support.h"
 
 namespace {
 

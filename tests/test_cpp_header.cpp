@@ -1,16 +1,13 @@
 // The C++ layer vantix.hpp: sessions that cannot be copied and keep calling
 // back once moved, errors that carry their name, the panorama freed by the
 // registered release function, and demosaic's "E_FAIL means converted".
-#include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstring>
 #include <type_traits>
 
 #include <vantix.hpp>
 
 #include "support/sessions.h"
-#include "testing/scenes.h"
+#include "support/test_support.h"
 
 namespace {
 

@@ -1,13 +1,5 @@
 // Demosaicing raw frames made here from known colour images.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-
-#include <vantix.h>
-#include <opencv2/imgproc.hpp>
-
-#include "testing/scenes.h"
+#include "support/test_support.h"
 
 namespace {
 

@@ -1,20 +1,12 @@
 // Edge snapping: the adaptive smoothing against a per-pixel reference,
 // clicks near a drawn square in every pixel format, and the refusals of the
 // exports.
-#include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstdlib>
 #include <iterator>
-#include <vector>
 
-#include <opencv2/imgproc.hpp>
-
-#include <vantix.h>
 #include "api/host_allocator.h"
 #include "imgutil/edge.h"
 #include "support/test_support.h"
-#include "testing/scenes.h"
 
 namespace {
 

@@ -1,9 +1,8 @@
 // The session pixel formats against the layouts written out by hand (the
 // image header's bit counts are checked end to end by the resize tests).
-#include <gtest/gtest.h>
 
 #include "api/pixel_format.h"
-#include "testing/scenes.h"
+#include "support/test_support.h"
 
 namespace {
 

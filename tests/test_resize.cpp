@@ -1,14 +1,5 @@
 // Resizing images that carry their own header, against cv::resize.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-
-#include <vantix.h>
-#include <opencv2/imgproc.hpp>
-
 #include "support/test_support.h"
-#include "testing/scenes.h"
 
 namespace {
 

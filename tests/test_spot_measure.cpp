@@ -1,18 +1,9 @@
 // Spot measurement against truth computed here: the exact moments of the
 // noise-free beams the tests draw, aperture sums counted pixel by pixel, and
 // the labelling of cv::connectedComponentsWithStats.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <vector>
-
-#include <opencv2/imgproc.hpp>
 
 #include "spot/spot_session.h"
 #include "support/test_support.h"
-#include "testing/scenes.h"
 
 namespace {
 

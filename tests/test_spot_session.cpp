@@ -3,20 +3,14 @@
 // another thread while frames are measured (this program also runs under
 // ThreadSanitizer).
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
-#include <atomic>
-#include <cmath>
 #include <limits>
 #include <new>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "spot/spot_session.h"
 #include "support/sessions.h"
 #include "support/test_support.h"
-#include "testing/scenes.h"
 #include "testing/simcam/simcam_loader.h"
 
 namespace {

@@ -2,21 +2,15 @@
 // image (the testing kit's stage scan) is pushed through the exported stitch
 // functions, and the placements, the covered area, the tracking events and
 // the panorama are compared with what the simulator knows.
-#include <gtest/gtest.h>
 
-#include <cmath>
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <utility>
-#include <vector>
 
-#include <opencv2/imgproc.hpp>
 #include <vantix.hpp>
 
 #include "support/sessions.h"
-#include "testing/scenes.h"
+#include "support/test_support.h"
 
 namespace {
 

@@ -1,16 +1,9 @@
 // The stitcher's parts without threads: registration against displacements
 // made here, and the panorama canvas.
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <vector>
-
-#include <opencv2/imgproc.hpp>
 
 #include "livestitch/lvcanvas.h"
 #include "livestitch/lvregister.h"
 #include "support/test_support.h"
-#include "testing/scenes.h"
 
 namespace {
 

@@ -3,10 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
-
-#include <opencv2/imgproc.hpp>
-
 namespace vtest {
 
 namespace {

@@ -1,14 +1,27 @@
-// Shared helpers of the test programs.
+// Shared helpers of the test programs, and the headers nearly all of them
+// use, included once here (each program adds only its own).
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
+#include <memory>
+#include <string>
+#include <thread>
 #include <vector>
 
-#include <vantix.h>
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#include <vantix.h>
+
+#include "testing/scenes.h"
 
 namespace vtest {
 
