@@ -7,11 +7,8 @@
 
 #include <tuple>
 
-#include <vantix.hpp>
-
 #include "api/camera_sdk.h"
 #include "support/sessions.h"
-#include "support/test_support.h"
 #include "testing/simcam/simcam_loader.h"
 #include "tools/arraycam/arraycam.h"
 

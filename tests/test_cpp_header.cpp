@@ -4,10 +4,7 @@
 
 #include <type_traits>
 
-#include <vantix.hpp>
-
 #include "support/sessions.h"
-#include "support/test_support.h"
 
 namespace {
 

@@ -2,23 +2,14 @@
 // queue, failures; the start/stop/delete orders are in
 // test_stress_sessions), then the fusers and the alignment against focus
 // stacks with known truth.
-#include <gtest/gtest.h>
 #include <malloc.h>
 
-#include <algorithm>
-#include <functional>
-#include <memory>
 #include <new>
-#include <vector>
-
-#include <opencv2/imgproc.hpp>
 
 #include "edf/edf_fuser.h"
 #include "edf/edf_session.h"
 #include "edf/pyr_fuser.h"
 #include "support/sessions.h"
-#include "support/test_support.h"
-#include "testing/scenes.h"
 
 namespace {
 

@@ -10,7 +10,6 @@
 
 #include "spot/spot_session.h"
 #include "support/sessions.h"
-#include "support/test_support.h"
 #include "testing/simcam/simcam_loader.h"
 
 namespace {

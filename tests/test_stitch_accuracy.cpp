@@ -3,14 +3,9 @@
 // functions, and the placements, the covered area, the tracking events and
 // the panorama are compared with what the simulator knows.
 
-#include <condition_variable>
-#include <mutex>
 #include <utility>
 
-#include <vantix.hpp>
-
 #include "support/sessions.h"
-#include "support/test_support.h"
 
 namespace {
 

@@ -1,19 +1,9 @@
 // The stitch session: refusals and readdata, the worked example of a first
 // frame (then a failing one) and its score, frame selection, growth of the
 // canvas (and its failure) with readers on other threads.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cmath>
-#include <thread>
-#include <vector>
-
-#include <opencv2/imgproc.hpp>
 
 #include "livestitch/lvprocessor.h"
 #include "support/sessions.h"
-#include "testing/scenes.h"
 
 namespace {
 

@@ -4,17 +4,11 @@
 // running session, while a callback runs), with pushers and a reader while
 // the session starts and stops.  (Readers while the canvas grows are in
 // test_stitch_session.)  Runs under ThreadSanitizer as well.
-#include <gtest/gtest.h>
 
-#include <atomic>
 #include <filesystem>
 #include <iterator>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "support/sessions.h"
-#include "testing/scenes.h"
 
 namespace {
 

@@ -5,19 +5,13 @@
 // runner's timeout ends a hang).
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
 #include <climits>
 #include <condition_variable>
-#include <cstdint>
-#include <memory>
 #include <mutex>
-#include <vector>
 
-#include <opencv2/core.hpp>
 #include <vantix.hpp>
+
+#include "support/test_support.h"
 
 #if defined(__SANITIZE_THREAD__)
 #define VTEST_TSAN 1
