@@ -9,6 +9,10 @@
 
 #include "support/test_support.h"
 
+// The public header's inline helpers and records as a C99 compiler sees
+// them (header_c99.c): 1 when all give what the header documents.
+extern "C" int vantix_header_c99_check(void);
+
 namespace {
 
 std::string runCommand(const std::string& command) {
@@ -39,6 +43,10 @@ std::set<std::string> declaredFunctions() {
     if (header.compare(begin, 7, "vantix_") == 0) names.insert(header.substr(begin, end - begin));
   }
   return names;
+}
+
+TEST(Abi, TheHeaderCompiledAsC99GivesWhatItDocuments) {
+  EXPECT_EQ(vantix_header_c99_check(), 1);
 }
 
 TEST(Abi, ExportsExactlyTheThirtySevenDeclaredFunctions) {
