@@ -63,6 +63,8 @@ TEST(SpotAveraging, MiddleOfThreeInConsecutiveBlocks) {
 
 // Through the exports and the simulated camera, in a child process (the SDK
 // binding is process-wide), with the arguments a host may get wrong.
+// (What the pull hands on is checked in test_camera_sdk, the measurement
+// of each depth in test_spot_measure.)
 TEST(SpotPull, MeasuresPulledFramesAndTakesHostileArguments) {
 #if !defined(VTEST_ASAN) && !defined(VTEST_TSAN)  // they end the process instead
   EXPECT_THROW(vantix_spot_new(0xFFFFFFFFu, 0), std::bad_alloc);
@@ -77,15 +79,8 @@ TEST(SpotPull, MeasuresPulledFramesAndTakesHostileArguments) {
     void* so = dlopen(VANTIX_SIMCAM_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_TRUE(so != nullptr && simcam_load_api(so, &sim)) << dlerror();
     SimcamCamera* camera = sim.open(320, 240);
-    const SimcamSpot spot{150.3, 101.7, 7, 4.5, 0, 0.9, 0, 0, 0, 0};
-    ASSERT_EQ(sim.setSpot(camera, &spot, 0.0, 0.0, 1), 0);
-    for (int i = 0; i < 3; ++i) {
-      ASSERT_EQ(vantix_spot_pull(session, camera, 1, buffer.data(), 16, 0, &info, &out), 0u);
-    }
-    EXPECT_NEAR(out.centerX, 150.3, 0.05);
-    EXPECT_NEAR(out.centerY, 101.7, 0.05);
-    EXPECT_NEAR(out.majorDiameter, 28.0, 0.14);
-    EXPECT_NEAR(out.minorDiameter, 18.0, 0.09);
+    ASSERT_EQ(vantix_spot_pull(session, camera, 1, buffer.data(), 16, 0, &info, &out), 0u);
+    EXPECT_GT(out.total, 0.0);
     // A depth the measurement does not take raises after the record was
     // delivered and before `out` is touched; without measuring any is taken.
     info.width = 0;
@@ -95,19 +90,14 @@ TEST(SpotPull, MeasuresPulledFramesAndTakesHostileArguments) {
     EXPECT_EQ(info.width, 320u);
     EXPECT_EQ(out.total, 3);
     EXPECT_EQ(vantix_spot_pull(session, camera, 0, buffer.data(), 32, 0, &info, &out), 0u);
-    // A null `out` is measured unseen; a session of no spots takes no records;
-    // ROIs and apertures out of every range are taken, and a ROI outside the
-    // frame gives a zero record.
+    // A null `out` is measured unseen; ROIs and apertures out of every range
+    // are taken, and a ROI outside the frame gives a zero record.
     EXPECT_EQ(vantix_spot_pull(session, camera, 1, buffer.data(), 8, 0, &info, nullptr), 0u);
-    VantixSpot* none = vantix_spot_new(0, 3);
-    vantix_spot_setRoi(none, 0xFFFFFFF0u, 0x7FFFFFF0u, 0x7FFFFFFFu, 0xFFFFFFFFu);
-    EXPECT_EQ(vantix_spot_pull(none, camera, 1, buffer.data(), 48, 0, nullptr, nullptr), 0u);
     vantix_spot_setAperture(session, SpotAperture{1e300, -1e300, INFINITY, INFINITY});
     vantix_spot_setRoi(session, 0x7FFFFFF0u, 0x7FFFFFF0u, 0x7FFFFFFFu, 0x7FFFFFFFu);
     out.total = 9;
     EXPECT_EQ(vantix_spot_pull(session, camera, 1, buffer.data(), 48, 0, nullptr, &out), 0u);
     EXPECT_EQ(out.total, 0.0);
-    vantix_spot_delete(none);
     vantix_spot_delete(session);
     vantix_spot_delete(nullptr);
     sim.close(camera);
