@@ -338,10 +338,6 @@ double meanDetail(const cv::Mat& bgr, const cv::Rect& region) {
   return cv::mean(cv::abs(lap(region)))[0];
 }
 
-double psnr(const cv::Mat& a, const cv::Mat& b, const cv::Rect& region) {
-  return cv::PSNR(a(region), b(region));
-}
-
 cv::Mat moved(const cv::Mat& image, double scale, double dx, double dy) {
   cv::Mat m =
       cv::getRotationMatrix2D(cv::Point2f(image.cols / 2.0f, image.rows / 2.0f), 0.0, scale);

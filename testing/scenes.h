@@ -148,10 +148,8 @@ class BlurLevels {
 std::vector<cv::Mat> focusStack(const cv::Mat& sharp, const cv::Mat& depth, int count,
                                 double maxSigma);
 
-// Mean absolute Laplacian of the grey image over `region` (fine detail), and
-// the PSNR of two images over it.
+// Mean absolute Laplacian of the grey image over `region` (fine detail).
 double meanDetail(const cv::Mat& bgr, const cv::Rect& region);
-double psnr(const cv::Mat& a, const cv::Mat& b, const cv::Rect& region);
 
 // `image` magnified by `scale` about its centre and shifted by (dx, dy)
 // (bilinear, edges replicated).
