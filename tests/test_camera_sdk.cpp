@@ -228,16 +228,17 @@ SCENARIO(FirstPullsAtOnceWhileSessionsStartAndStop) {
     }
   };
   std::atomic<int> failed{0};
-  vtest::Latch go;
+  std::promise<void> go;  // the threads' start line
+  const std::shared_future<void> ready = go.get_future().share();
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
       std::vector<uint8_t> buffer(96 * 72 * 3);
-      go.wait();
+      ready.wait();
       for (int k = 0; k < kPulls; ++k) failed += pullOnce(i, buffer.data()) != 0;
     });
   }
-  go.open();
+  go.set_value();
   for (int k = 0; k < kPulls; ++k) {
     stitch.start();
     edf.start();

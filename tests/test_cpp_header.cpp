@@ -27,19 +27,16 @@ TEST(CppHeader, MovedSessionsKeepTheirCallbacksAndThePanoramaIsReleased) {
         std::free(p);
       });
   const cv::Mat frame = vtest::texturedScene({100, 50});  // B G R rows of 300 bytes
-  std::atomic<uint32_t> frameWidth{0};
-  vtest::Latch framed;
-  vantix::StitchSession first(100, 50, [&](const vantix::StitchFrame& f) {
-    frameWidth = f.frameWidth;
-    framed.open();
-  });
+  std::promise<uint32_t> framed;                          // one frame is pushed: one report
+  std::future<uint32_t> frameWidth = framed.get_future();
+  vantix::StitchSession first(
+      100, 50, [&](const vantix::StitchFrame& f) { framed.set_value(f.frameWidth); });
   first.start();
   vantix::StitchSession moved(std::move(first));  // the worker runs meanwhile
   vantix::StitchSession other(64, 48, [](const vantix::StitchFrame&) {});
   other = std::move(moved);  // deletes other's own session first
   other.pushback(frame.data, 100, 50);
-  framed.wait();
-  EXPECT_EQ(frameWidth.load(), 100u);
+  EXPECT_EQ(frameWidth.get(), 100u);
   {
     const vantix::Image panorama = other.stop(true, true);
     ASSERT_NE(panorama, nullptr);

@@ -60,9 +60,11 @@ void StressSessions::run(const std::string& order, uint32_t kind, int baseline) 
     if (c == 's') host.start();
     if (c == 'x' || c == 'z') host.stop(c == 'x');
     if (c == 'T') {
-      vtest::Latch go;
-      std::thread first([&] { go.wait(), host.stop(); }), second([&] { go.wait(), host.stop(); });
-      go.open();
+      std::promise<void> go;
+      const std::shared_future<void> ready = go.get_future().share();
+      std::thread first([&] { ready.wait(), host.stop(); }),
+          second([&] { ready.wait(), host.stop(); });
+      go.set_value();
       first.join();
       second.join();
     }

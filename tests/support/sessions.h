@@ -7,6 +7,7 @@
 
 #include <climits>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 
 #include <vantix.hpp>
@@ -46,25 +47,6 @@ inline void serialOpenCvUnderTsan() {
   cv::setNumThreads(1);
 #endif
 }
-
-// A one-shot gate: threads wait until it opens.
-class Latch {
- public:
-  void open() {
-    std::lock_guard<std::mutex> lock(m_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  void wait() {
-    std::unique_lock<std::mutex> lock(m_);
-    cv_.wait(lock, [this] { return open_; });
-  }
-
- private:
-  std::mutex m_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
 
 // Owns a session of either family, records what its callbacks report and
 // can hold the worker inside a frame callback.  Callbacks that come while
