@@ -661,7 +661,7 @@ PhaseSummary runSpot(const Options& options) {
   const SimcamSpot beam = orbitingSpot(320, 240, 9, 200);
   SimcamSpot blocked = beam;
   blocked.peak = 0;
-  sim.setSpot(single, &beam, 0.0, 0.0, 1);
+  sim.setSpots(single, &beam, 1, 0.0, 0.0, 1);
   SimcamCamera* triple = sim.open(kWidth, kHeight);
   SimcamSpot three[3] = {orbitingSpot(140, 200, 7, 150), orbitingSpot(330, 260, 9, 170),
                          orbitingSpot(500, 220, 6, 190)};
@@ -691,8 +691,8 @@ PhaseSummary runSpot(const Options& options) {
       switch (k % kCycle) {
         case 0: vantix_spot_reset(spot1); break;
         case 300: vantix_spot_setRoi(spot1, 180, 120, 280, 240); break;
-        case 400: sim.setSpot(single, &blocked, 0.0, 0.0, 1); break;  // beam blocked
-        case 420: sim.setSpot(single, &beam, 0.0, 0.0, 1); break;
+        case 400: sim.setSpots(single, &blocked, 1, 0.0, 0.0, 1); break;  // beam blocked
+        case 420: sim.setSpots(single, &beam, 1, 0.0, 0.0, 1); break;
         case 600: vantix_spot_setAperture(spot1, SpotAperture{320, 240, 70, 60}); break;
         case 700: sim.setResult(single, static_cast<int32_t>(0x80004005u)); break;  // SDK fails
         case 705: sim.setResult(single, 0); break;

@@ -44,7 +44,7 @@ int main(int argc, char **argv) {
   SimcamSpot spot = {0};
   spot.centerX = 181.3, spot.centerY = 142.7;
   spot.sigmaX = 11, spot.sigmaY = 6, spot.angle = 30, spot.peak = 0.8;
-  if (sim.setSpot(camera, &spot, 0.0, 0.0, 1) != SIMCAM_S_OK) return 1;
+  if (sim.setSpots(camera, &spot, 1, 0.0, 0.0, 1) != SIMCAM_S_OK) return 1;
   /* Sessions measure along x and y (angle reported as 90): the expected
    * 4-sigma widths of the tilted spot are those of its x and y profiles. */
   double c = cos(spot.angle * M_PI / 180), s = sin(spot.angle * M_PI / 180);

@@ -403,11 +403,6 @@ SIMCAM_API int32_t simcam_set_spots(SimcamCamera* camera, const SimcamSpot* spot
   });
 }
 
-SIMCAM_API int32_t simcam_set_spot(SimcamCamera* camera, const SimcamSpot* spot, double background,
-                                   double noise, uint32_t seed) {
-  return simcam_set_spots(camera, spot, 1, background, noise, seed);
-}
-
 SIMCAM_API int32_t simcam_spot_truth(SimcamCamera* camera, uint32_t index, uint32_t spot,
                                      SimcamSpotTruth* truth) {
   if (camera == nullptr || truth == nullptr) return SIMCAM_E_POINTER;

@@ -217,9 +217,6 @@ SIMCAM_API int32_t simcam_set_focus_sweep(SimcamCamera* camera, const uint8_t* b
  * 16-bit output carries more than 8 bits of precision. */
 SIMCAM_API int32_t simcam_set_spots(SimcamCamera* camera, const SimcamSpot* spots, uint32_t count,
                                     double background, double noise, uint32_t seed);
-/* Convenience: one spot. */
-SIMCAM_API int32_t simcam_set_spot(SimcamCamera* camera, const SimcamSpot* spot, double background,
-                                   double noise, uint32_t seed);
 /* The exact spot `spot` of frame `index`. */
 SIMCAM_API int32_t simcam_spot_truth(SimcamCamera* camera, uint32_t index, uint32_t spot,
                                      SimcamSpotTruth* truth);

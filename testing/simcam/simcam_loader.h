@@ -42,7 +42,6 @@ extern "C" {
   X(panPosition, "simcam_pan_position", simcam_pan_position, 1)            \
   X(setFocusSweep, "simcam_set_focus_sweep", simcam_set_focus_sweep, 1)    \
   X(setSpots, "simcam_set_spots", simcam_set_spots, 1)                     \
-  X(setSpot, "simcam_set_spot", simcam_set_spot, 1)                        \
   X(spotTruth, "simcam_spot_truth", simcam_spot_truth, 1)                  \
   X(getStats, "simcam_get_stats", simcam_get_stats, 1)
 

@@ -311,7 +311,7 @@ void demoSpot(Demo& demo) {
   const cv::Size size(640, 480);
   auto camera = demo.camera(size);
   const SimcamSpot spot{320, 240, 14, 9, 0, 0.85, 60, 64, 0.25, 32};
-  if (demo.sim.setSpot(camera.get(), &spot, 0.0, 0.0, 11) != 0) {
+  if (demo.sim.setSpots(camera.get(), &spot, 1, 0.0, 0.0, 11) != 0) {
     throw ToolError("the simulated camera refused the spot");
   }
   vantix::SpotSession session(1, 0);
