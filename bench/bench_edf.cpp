@@ -35,7 +35,7 @@ constexpr int kSlices = 8;
 // Slice k is focused at depth k / 7 of a left-to-right tilt under a
 // textured scene, blurred elsewhere by up to 5 pixels of sigma.
 std::vector<cv::Mat> focusSweep(cv::Size size) {
-  const cv::Mat depth = vtest::tiltedDepth(size);
+  const cv::Mat depth = vtest::steppedDepth(size, size.width);
   const vtest::BlurLevels levels(vtest::texturedScene(size, 3), 5.0, 6);
   std::vector<cv::Mat> slices;
   for (int k = 0; k < kSlices; ++k) {

@@ -204,7 +204,6 @@ ScanSimulator::ScanSimulator(const cv::Mat& scene, const ScanOptions& options)
     t.away = away[i] != 0;
     t.motion = i == 0 ? cv::Point2d(0, 0) : positions[i] - positions[i - 1];
     const double speed = std::hypot(t.motion.x, t.motion.y);
-    t.paused = i > 0 && speed < 1e-9;
     t.gain = 1.0 + options_.gainAmplitude * std::sin(kTwoPi * i / 150.0);
     if (t.away && speed > options_.frame.height * 0.2) {
       t.blurLength = 41;  // the fast moves of the jump
@@ -262,10 +261,6 @@ cv::Mat steppedDepth(cv::Size size, int steps) {
     depth.col(x).setTo(steps > 1 ? static_cast<float>(band) / (steps - 1) : 0.0f);
   }
   return depth;
-}
-
-cv::Mat tiltedDepth(cv::Size size) {
-  return steppedDepth(size, size.width);
 }
 
 cv::Mat hillDepth(cv::Size size) {

@@ -96,7 +96,6 @@ struct ScanTruth {
   cv::Point2d motion;    // move from the previous frame
   double gain = 1.0;
   double blurLength = 0;  // 0: sharp
-  bool paused = false;    // no motion since the previous frame
   bool away = false;      // part of the jump, not of the scan proper
 };
 
@@ -123,10 +122,9 @@ class ScanSimulator {
 // ---------------------------------------------------------------------------
 
 // Depth (CV_32F, 0..1): `steps` vertical bands, 0 on the left to 1 on the
-// right; a linear ramp across the columns; a tilted plane with a round hill
-// spanning 0..1 exactly.
+// right (as many as columns: a linear ramp); a tilted plane with a round
+// hill spanning 0..1 exactly.
 cv::Mat steppedDepth(cv::Size size, int steps);
-cv::Mat tiltedDepth(cv::Size size);
 cv::Mat hillDepth(cv::Size size);
 
 // Gaussian blurs of one sharp image at evenly spaced sigmas 0..maxSigma

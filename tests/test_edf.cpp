@@ -168,7 +168,7 @@ TEST(EdfUnit, FusedStacksApproachTheSharpPhotograph) {
   const cv::Mat sharp = vtest::photo("baboon.jpg", {320, 240});
   const std::vector<cv::Mat> halves =
       vtest::focusStack(sharp, vtest::steppedDepth(sharp.size(), 2), 2, 4.0);
-  const cv::Mat tilted = vtest::tiltedDepth(sharp.size());
+  const cv::Mat tilted = vtest::steppedDepth(sharp.size(), sharp.cols);
   const std::vector<cv::Mat> eight = vtest::focusStack(sharp, tilted, 8, 6.0);
   std::vector<cv::Mat> moving = vtest::focusStack(sharp, tilted, 6, 5.0);
   const double magnification[] = {1.0, 1.012, 1.02, 1.01, 1.018, 1.015};
