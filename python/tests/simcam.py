@@ -12,7 +12,7 @@ for _name, _restype, _argtypes in (
         ("simcam_open", _cam, [_u32, _u32]),
         ("simcam_close", None, [_cam]),
         ("simcam_set_result", None, [_cam, _i32]),
-        ("simcam_default_pitch", _u32, [_u32, _i32]),
+        ("simcam_frame_bytes", _c.c_size_t, [_cam, _i32, _i32]),
         ("simcam_render", _i32, [_cam, _u32, _p, _i32, _i32]),
         ("simcam_texture", _i32, [_p, _u32, _u32, _u32, _u32]),
         ("simcam_blur", _i32, [_p, _u32, _u32, _u32, _c.c_double, _p, _u32])):
@@ -56,7 +56,7 @@ class Camera:
     def render(self, index, bits=24):
         """Frame `index` as a pull delivers it: the ground truth of a pull."""
         w, h = self.size
-        rows = np.zeros((h, lib.simcam_default_pitch(w, bits)), np.uint8)
+        rows = np.zeros((h, lib.simcam_frame_bytes(self, bits, 0) // h), np.uint8)
         assert lib.simcam_render(self, index, rows.ctypes.data, bits, 0) == 0
         dtype = np.uint16 if bits in (16, 48, 64) else np.uint8
         image = rows[:, :w * bits // 8].copy().view(dtype).reshape(h, w, -1)

@@ -326,10 +326,6 @@ SIMCAM_API void simcam_set_frame_index(SimcamCamera* camera, uint32_t index) {
   camera->frameIndex = index;
 }
 
-SIMCAM_API uint32_t simcam_default_pitch(uint32_t width, int32_t bits) {
-  return simcam::supportedBits(bits) ? simcam::defaultPitch(width, bits) : 0;
-}
-
 SIMCAM_API size_t simcam_frame_bytes(SimcamCamera* camera, int32_t bits, int32_t rowPitch) {
   const uint32_t pitch = effectivePitch(camera->size.width, bits, rowPitch);
   return static_cast<size_t>(pitch) * camera->size.height;

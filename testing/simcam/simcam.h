@@ -166,10 +166,9 @@ SIMCAM_API int32_t simcam_set_raw_bits(SimcamCamera* camera, uint32_t bits);
 SIMCAM_API uint32_t simcam_frame_index(SimcamCamera* camera);
 SIMCAM_API void simcam_set_frame_index(SimcamCamera* camera, uint32_t index);
 
-/* Bytes one frame takes at `bits` and `rowPitch` (0 when they are not
- * accepted).  The default pitch of a width, as the pulls use it. */
+/* Bytes one frame takes at `bits` and `rowPitch` (0: the default pitch, as
+ * the pulls use it), 0 when they are not accepted. */
 SIMCAM_API size_t simcam_frame_bytes(SimcamCamera* camera, int32_t bits, int32_t rowPitch);
-SIMCAM_API uint32_t simcam_default_pitch(uint32_t width, int32_t bits);
 
 /* Writes frame `index` the way a pull would, without touching the frame
  * index, the result override or the counters (ground truth for tests). */

@@ -36,7 +36,6 @@ extern "C" {
   X(frameIndex, "simcam_frame_index", simcam_frame_index, 1)               \
   X(setFrameIndex, "simcam_set_frame_index", simcam_set_frame_index, 1)    \
   X(frameBytes, "simcam_frame_bytes", simcam_frame_bytes, 1)               \
-  X(defaultPitch, "simcam_default_pitch", simcam_default_pitch, 1)         \
   X(render, "simcam_render", simcam_render, 1)                             \
   X(setPan, "simcam_set_pan", simcam_set_pan, 1)                           \
   X(panPosition, "simcam_pan_position", simcam_pan_position, 1)            \
