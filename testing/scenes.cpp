@@ -96,9 +96,6 @@ cv::Mat scanScene(const std::string& folder) {
 // Fields in order: frame, start, rowLength, rows, rowStep, speedScale, pauseAt,
 // pauseFrames, jumpAt, jumpOffset, jumpDwell, blurEvery, noiseSigma,
 // gainAmplitude, seed.
-ScanOptions scanOptions640() {
-  return ScanOptions{};
-}
 ScanOptions scanOptions720() {
   return {{1280, 720}, {2780, 2300}, 2700, 3, 420, 1.0, 120, 10, 50, {-200, -1250}, 24, 23, 2.0,
           0.04, 2};

@@ -85,8 +85,8 @@ struct ScanOptions {
   int maxFrames = 0;
 };
 
-// 640 x 480 (5 rows), 1280 x 720 (3 rows) and 1920 x 1080 (no pause, no jump).
-ScanOptions scanOptions640();
+// 1280 x 720 (3 rows) and 1920 x 1080 (no pause, no jump); the defaults
+// above are the 640 x 480 scan (5 rows).
 ScanOptions scanOptions720();
 ScanOptions scanOptions1080();
 

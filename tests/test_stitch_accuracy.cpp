@@ -54,7 +54,7 @@ double psnrOver(const cv::Mat& a, const cv::Mat& b, const cv::Mat& mask) {
 // A scan short enough for the sanitizers keeps the jump, the pause and a
 // growth to the left.
 TEST(StitchAccuracy, ScanAgainstTruePositions) {
-  vtest::ScanOptions options = vtest::scanOptions640();
+  vtest::ScanOptions options;  // 640 x 480
   if (vtest::scaled(4) < 4) options.rows = 2;
   const cv::Mat world = vtest::scanScene();
   const vtest::ScanSimulator scan(world, options);
@@ -113,9 +113,7 @@ TEST(StitchAccuracy, ScanAgainstTruePositions) {
   }
   // The panorama as the host got it, in scene coordinates.
   EXPECT_EQ(cv::Size(panorama->biWidth, panorama->biHeight), calls.back().canvas);
-  const cv::Mat canvas(panorama->biHeight, panorama->biWidth, CV_8UC3,
-                       vantix::pixelsOf(panorama.get()),
-                       vantix_default_stride(panorama->biWidth, 24));
+  const cv::Mat canvas = vtest::pixels(panorama);
   const cv::Point o(cvRound(offset.x), cvRound(offset.y));
   const cv::Rect inScene =
       cv::Rect(-o.x, -o.y, canvas.cols, canvas.rows) & cv::Rect(0, 0, world.cols, world.rows);

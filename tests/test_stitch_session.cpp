@@ -11,13 +11,10 @@ void noFrame(void*, const uint8_t*, uint32_t, uint32_t, uint32_t, uint32_t, uint
              int32_t, int32_t, uint32_t, uint32_t, uint32_t, float) {}
 
 using vtest::Host;
+using vtest::pixels;
 
 vantix::CLvProcessor* proc(vantix::StitchSession& s) {
   return reinterpret_cast<vantix::CLvProcessor*>(s.handle());
-}
-cv::Mat pixels(const vantix::Image& image) {
-  return cv::Mat(image->biHeight, image->biWidth, CV_8UC3, vantix::pixelsOf(image.get()),
-                 vantix_default_stride(image->biWidth, 24));
 }
 cv::Rect crop(const vantix::StitchSession& s) {
   const vantix::Rect r = s.cropparams();

@@ -28,6 +28,12 @@
 
 namespace vtest {
 
+// The pixels of a B G R panorama the session returned.
+inline cv::Mat pixels(const vantix::Image& image) {
+  return cv::Mat(image->biHeight, image->biWidth, CV_8UC3, vantix::pixelsOf(image.get()),
+                 vantix_default_stride(image->biWidth, 24));
+}
+
 // Iterations shrink under the sanitizers, which slow threads several times.
 inline int scaled(int plainCount) {
 #if defined(VTEST_TSAN)
