@@ -2,8 +2,8 @@
 // every declared function resolvable after dlopen.
 #include <dlfcn.h>
 
-#include <cctype>
 #include <fstream>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -32,16 +32,10 @@ std::set<std::string> declaredFunctions() {
   std::stringstream text;
   text << in.rdbuf();
   const std::string header = text.str();
+  const std::regex declaration(R"(VANTIX_API\s+[\w\s*]*?\b(vantix_\w+)\s*\()");
   std::set<std::string> names;
-  for (size_t at = header.find("VANTIX_API "); at != std::string::npos;
-       at = header.find("VANTIX_API ", at + 1)) {
-    size_t end = header.find('(', at), begin = end;
-    while (begin > at && (std::isalnum(static_cast<unsigned char>(header[begin - 1])) ||
-                          header[begin - 1] == '_')) {
-      --begin;
-    }
-    if (header.compare(begin, 7, "vantix_") == 0) names.insert(header.substr(begin, end - begin));
-  }
+  for (std::sregex_iterator at(header.begin(), header.end(), declaration), end; at != end; ++at)
+    names.insert((*at)[1]);
   return names;
 }
 
