@@ -1,7 +1,8 @@
 // Live stitching against ground truth: a simulated scan over a large real
 // image (the testing kit's stage scan) is pushed through the exported stitch
-// functions, and the placements, the covered area, the tracking events and
-// the panorama are compared with what the simulator knows.
+// functions, and the placements, the covered area, the tracking events, the
+// motion-blurred frames left undrawn and the panorama are compared with what
+// the simulator knows.
 
 #include <utility>
 
@@ -81,7 +82,7 @@ TEST(StitchAccuracy, ScanAgainstTruePositions) {
   // true place rounded to whole pixels, as a perfect registration would.
   cv::Mat ideal(world.size(), CV_8UC3, cv::Scalar::all(0));
   cv::Mat scanned(world.size(), CV_8U, cv::Scalar(0));
-  size_t awayFrom = SIZE_MAX, awayTo = 0;
+  size_t awayFrom = SIZE_MAX, awayTo = 0, blurredPlaced = 0;
   for (size_t i = 0; i < scan.frameCount(); ++i) {
     const cv::Mat frame = scan.render(i);
     session.pushback(frame.data, size.width, size.height, static_cast<uint32_t>(frame.step));
@@ -91,6 +92,7 @@ TEST(StitchAccuracy, ScanAgainstTruePositions) {
     const vtest::ScanTruth& t = scan.truth(i);
     const cv::Rect where(cv::Point(cvRound(t.position.x), cvRound(t.position.y)), size);
     if (t.away) awayFrom = std::min(awayFrom, i), awayTo = i;
+    blurredPlaced += !t.away && t.blurLength >= 15 && calls[i].mode == 1;
     if (!t.away) scanned(where).setTo(255);
     if (calls[i].mode == 1) frame.copyTo(ideal(where));
   }
@@ -149,6 +151,7 @@ TEST(StitchAccuracy, ScanAgainstTruePositions) {
   EXPECT_NE(lostAt, SIZE_MAX) << "no tracking-lost event during the jump";
   EXPECT_LE(regainedAt, awayTo + 15) << "regained only long after the return";
   EXPECT_GE(growths, 1);
+  EXPECT_EQ(blurredPlaced, 0u) << "frames smeared by 15 px or more were drawn";
 }
 
 }  // namespace
